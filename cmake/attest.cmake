@@ -1,0 +1,48 @@
+# attest_library(NAME SOURCES... [LINK ...]): one room of the house as a static library.
+function(attest_library name)
+  cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
+  add_library(${name} STATIC ${ARG_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PUBLIC attest_flags ${ARG_LINK})
+endfunction()
+
+# attest_program(NAME SOURCES... [LINK ...]): an installed program.
+function(attest_program name)
+  cmake_parse_arguments(ARG "" "DESTINATION" "LINK" ${ARGN})
+  add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE attest_flags ${ARG_LINK})
+  if(NOT ARG_DESTINATION)
+    set(ARG_DESTINATION ${CMAKE_INSTALL_BINDIR})
+  endif()
+  install(TARGETS ${name} RUNTIME DESTINATION ${ARG_DESTINATION})
+endfunction()
+
+# attest_test(NAME SOURCES... [LINK ...]): a GoogleTest program, one test of CTest; it finds tests/data through
+# ATTEST_TEST_DATA and the shared fixtures, where the checkout has them beside it, through ATTEST_FIXTURES.
+function(attest_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "LINK" ${ARGN})
+  add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE attest_flags ${ARG_LINK} GTest::gmock GTest::gtest_main)
+  target_compile_definitions(${name} PRIVATE ATTEST_TEST_DATA="${CMAKE_SOURCE_DIR}/tests/data"
+                             ATTEST_FIXTURES="${CMAKE_SOURCE_DIR}/../shared/fixtures")
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+endfunction()
+
+# attest_bench(NAME SOURCES... [LINK ...]): a benchmark that pairs jobs with yardsticks (bench/ratio.h).
+function(attest_bench name)
+  cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
+  add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE attest_flags ${ARG_LINK} attest_ratio)
+endfunction()
+
+# Rooms add their tests and benchmarks as folders and files of their own; a list names them all.
+macro(attest_add_subdirectories)
+  foreach(dir ${ARGN})
+    if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${dir}/CMakeLists.txt)
+      add_subdirectory(${dir})
+    endif()
+  endforeach()
+endmacro()
