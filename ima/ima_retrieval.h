@@ -1,0 +1,15 @@
+// The node's own IMA list, from a start event on.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/messages.h"
+#include "platform/remote_attestation_api.h"
+
+// With `stream` 0 fills `record` with the events after `start_event` (`event_count` of them, in whole chunks;
+// 0: all): ATTEST_OK, or a status and an empty record. With `stream` 1 sends them to the client chunk by
+// chunk: ATTEST_ERR_MORE_DATA leaves the last chunk in `record` for the caller to send;
+// ATTEST_ERR_FLOW_PAUSED: the stream was paused. The record is the caller's to release in every case.
+std::uint32_t attestation_get_local_ima_event_logs(std::uint64_t start_event, std::uint64_t event_count,
+                                                   NodeIMAData *record, remote_attestation_api_client client,
+                                                   std::uint32_t request_id, int stream);

@@ -1,0 +1,16 @@
+// The record of the one stream that waits for its client: where to go on when the client's flow opens.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/remote_attestation_api.h"
+
+// Records a stream of `client` that goes on at `start_event` with `event_count` events (0: no limit). 1; or 0
+// when a stream is recorded already, which stays.
+std::int32_t at_ima_stream_pause(remote_attestation_api_client client, std::uint32_t request_id,
+                                 std::uint64_t start_event, std::uint64_t event_count);
+
+// Takes the stream of `client` back and empties the record. 1; or 0, with the outputs and the record
+// unchanged, when it holds none of this client or an output is null.
+std::int32_t at_ima_stream_resume(remote_attestation_api_client client, std::uint32_t *request_id,
+                                  std::uint64_t *start_event, std::uint64_t *event_count);
