@@ -1,0 +1,3 @@
+#include "agent/agent_state.h"
+
+at_agent_state_block at_agent_state;

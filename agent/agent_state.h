@@ -1,0 +1,20 @@
+// What the process remembers between requests. Filled at start-up, then used on the event-loop thread only,
+// so nothing is locked.
+#pragma once
+
+#include <cstdint>
+
+// The one stream that may be paused in the process; all zero when none is.
+struct at_paused_stream_slot {
+    std::int32_t paused; // 1 while a stream is recorded
+    std::uint64_t client;
+    std::uint32_t request_id;
+    std::uint64_t start_event; // where the resumed retrieval starts
+    std::uint64_t event_count; // how many events it is asked for; 0: no limit
+};
+
+struct at_agent_state_block {
+    at_paused_stream_slot at_paused_stream;
+};
+
+extern at_agent_state_block at_agent_state;
