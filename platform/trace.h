@@ -25,16 +25,19 @@ inline constexpr std::uint32_t TRACE_SITE_INIT = 0xFFFFFFFF;
 std::uint32_t trace_buffer_init(trace_buffer **buffer, const char *name, std::uint32_t options,
                                 std::size_t size);
 
-// Closes the buffer and clears *buffer; its lines stay readable. EINVAL's status when there is none.
+// Closes the buffer and clears *buffer; its lines stay readable. Not beside other threads that still write to
+// it. EINVAL's status when there is none.
 std::uint32_t trace_buffer_close(trace_buffer **buffer);
 
-// Registers the flag `name` (at most 15 characters) under `parent` (null: none); the last two arguments are
-// 0. A flag starts as ATTEST_TRACE says: a comma-separated list of flag names that are on ("all", the
-// default, or "none"). Sets *flag, and leaves it null on failure. 0, or a platform status.
+// Registers the flag `name` (1 to 15 letters, digits, "_" or "-") under `parent` (null: none); the last two
+// arguments are 0. A flag starts as ATTEST_TRACE says: a comma-separated list of flag names that are on
+// ("all", the default, or "none"); naming a flag switches its parents on too. Sets *flag, and leaves it null
+// on failure. 0, or a platform status: EEXIST for a name that is taken, ENOSPC when the table is full.
 std::uint32_t trace_flag_init(trace_flag **flag, const char *name, trace_flag *parent, std::uint32_t,
                               std::uint32_t);
 
-// Takes the flag back and clears *flag. EINVAL's status when there is none.
+// Takes the flag back and clears *flag; flags below it go under its parent. EINVAL's status when there is
+// none.
 std::uint32_t trace_flag_destroy(trace_flag **flag);
 
 // Whether a line under this flag is wanted: a load and a branch. A flag that could not be registered counts
@@ -44,8 +47,8 @@ inline bool trace_flag_enabled(const trace_flag *flag)
     return flag == nullptr || flag->effective.load(std::memory_order_relaxed) != 0;
 }
 
-// Appends one line, formatted as printf does, if the flag is on and there is a buffer. *site_state belongs to
-// the call site: TRACE_SITE_INIT at first, then the number of lines the site has written, less one. Safe in
-// signal handlers for formats without floating point.
+// Appends one line, formatted as printf does, if the flag is on and there is a buffer. A text over 4056 bytes
+// is cut and ends in " [cut]". *site_state belongs to the call site: TRACE_SITE_INIT at first, then the
+// number of lines the site has written, less one. Safe in signal handlers for formats without floating point.
 void trace_log(trace_flag *flag, trace_buffer *buffer, std::uint32_t *site_state, const char *format, ...)
     __attribute__((format(printf, 4, 5)));

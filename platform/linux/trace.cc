@@ -1,0 +1,372 @@
+// The writer's side of the trace: rings and the flag table, both shared with attest-trace through files in
+// the run directory (trace_ring_format.h, trace_flag_table.h).
+#include "platform/trace.h"
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <pthread.h>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unistd.h>
+#include <utility>
+
+#include "platform/linux/trace_file.h"
+#include "platform/linux/trace_flag_table.h"
+#include "platform/linux/trace_ring_format.h"
+#include "platform/status.h"
+
+struct trace_buffer {
+    trace_file file;
+    trace_ring_header *header = nullptr;
+    trace_word *words = nullptr;
+    std::uint64_t word_mask = 0; // count of words, less one
+};
+
+namespace {
+
+// ---- who writes ----
+
+// Asking the kernel for both would cost as much as formatting the line, so they are kept. The handler below
+// renews them in a forked child, which has but one thread.
+std::atomic<std::uint32_t> process_id;
+thread_local constinit std::uint32_t thread_id = 0;
+
+void note_process()
+{
+    process_id.store(static_cast<std::uint32_t>(getpid()), std::memory_order_relaxed);
+    thread_id = 0;
+}
+
+void watch_for_forks()
+{
+    static const int registered = pthread_atfork(nullptr, nullptr, note_process);
+    static_cast<void>(registered);
+    note_process();
+}
+
+std::uint64_t writer_word()
+{
+    if (thread_id == 0)
+        thread_id = static_cast<std::uint32_t>(gettid());
+    return process_id.load(std::memory_order_relaxed) | std::uint64_t{thread_id} << 32;
+}
+
+// ---- the ring ----
+
+std::string ring_file_name(const char *buffer_name)
+{
+    return std::string("trace-") + buffer_name;
+}
+
+bool plain_name(std::string_view name, std::size_t longest)
+{
+    constexpr std::string_view allowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-";
+    return !name.empty() && name.size() <= longest &&
+           name.find_first_not_of(allowed) == std::string_view::npos;
+}
+
+bool recognise_ring(const void *memory, std::size_t size)
+{
+    const auto *header = static_cast<const trace_ring_header *>(memory);
+    std::uint64_t head = header->head.load();
+    return header->magic == TRACE_RING_MAGIC && header->version == TRACE_RING_VERSION &&
+           header->header_size == TRACE_RING_HEADER_SIZE &&
+           header->data_size == size - TRACE_RING_HEADER_SIZE && head % 8 == 0 && head >= header->data_size &&
+           head < TRACE_POSITION_END / 2;
+}
+
+void initialise_ring(trace_ring_header &header, std::size_t data_size)
+{
+    header.version = TRACE_RING_VERSION;
+    header.header_size = TRACE_RING_HEADER_SIZE;
+    header.data_size = data_size;
+    header.head.store(data_size);
+    std::atomic_ref(header.magic).store(TRACE_RING_MAGIC);
+}
+
+// Puts words one after the other into the ring, each by an atomic store: a writer that slept for a whole lap
+// may meet another one here, and a reader anyone.
+class ring_words {
+public:
+    ring_words(const trace_buffer &buffer, std::uint64_t position)
+        : words_(buffer.words), mask_(buffer.word_mask), first_(position / 8)
+    {
+    }
+    void put(std::size_t index, std::uint64_t word, std::memory_order order = std::memory_order_relaxed) const
+    {
+        words_[(first_ + index) & mask_].store(word, order);
+    }
+
+private:
+    trace_word *words_;
+    std::uint64_t mask_;
+    std::uint64_t first_;
+};
+
+std::uint64_t now_ns()
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+std::uint64_t load_word(const char *bytes)
+{
+    std::uint64_t word = 0;
+    std::memcpy(&word, bytes, sizeof word);
+    return word;
+}
+
+// `text` has room for a word behind its `length` bytes.
+void append_record(trace_buffer &buffer, char *text, std::size_t length, bool cut)
+{
+    std::memset(text + length, 0xFF, 8);
+    const std::size_t word_count = trace_word_count(length);
+    const std::uint64_t time = now_ns();
+    const std::uint64_t writer = writer_word();
+    const std::uint64_t position = buffer.header->head.fetch_add(word_count * 8, std::memory_order_relaxed);
+    const std::uint64_t sequence = buffer.header->sequence.fetch_add(1, std::memory_order_relaxed);
+    const std::uint64_t described =
+        (sequence & 0xFFFFFFFF) | std::uint64_t{length} << 32 | (cut ? TRACE_RECORD_CUT : 0);
+
+    const ring_words record(buffer, position);
+    trace_checksum checksum;
+    checksum.add(position);
+    checksum.add(time);
+    checksum.add(writer);
+    checksum.add(described);
+    record.put(TRACE_WORD_TIME, time);
+    record.put(TRACE_WORD_WRITER, writer);
+    record.put(TRACE_WORD_LENGTH, described);
+    for (std::size_t index = TRACE_RECORD_HEADER_WORDS; index < word_count; ++index, text += 8) {
+        std::uint64_t word = load_word(text);
+        checksum.add(word);
+        record.put(index, word);
+    }
+    record.put(TRACE_WORD_CHECKSUM, checksum.value());
+    record.put(TRACE_WORD_POSITION, position, std::memory_order_release);
+}
+
+// ---- flags ----
+
+// The table of this process: mapped while it has flags.
+struct flag_registry {
+    std::mutex lock;
+    trace_file file;
+    std::size_t count = 0;
+
+    trace_flag_table &table() { return *static_cast<trace_flag_table *>(file.memory()); }
+};
+
+flag_registry &registry()
+{
+    static flag_registry instance;
+    return instance;
+}
+
+bool recognise_flags(const void *memory, std::size_t)
+{
+    return trace_flag_table_valid(*static_cast<const trace_flag_table *>(memory));
+}
+
+// Flags of an earlier process are dropped: each start takes its switches from its environment.
+std::uint32_t open_flags(flag_registry &flags)
+{
+    if (std::uint32_t status = flags.file.open(TRACE_FLAGS_FILE, TRACE_FLAGS_FILE_SIZE, recognise_flags))
+        return status;
+    trace_flag_table &table = flags.table();
+    for (trace_flag_slot &slot : table.slots)
+        slot.in_use.store(0);
+    table.version = TRACE_FLAGS_VERSION;
+    table.capacity = TRACE_FLAGS_MAX;
+    table.writer.store(static_cast<std::uint32_t>(getpid()));
+    std::atomic_ref(table.magic).store(TRACE_FLAGS_MAGIC);
+    return 0;
+}
+
+// What ATTEST_TRACE says of a flag. Empty counts as not set.
+bool starts_on(std::string_view name)
+{
+    const char *setting = std::getenv("ATTEST_TRACE");
+    std::string_view list = setting == nullptr || *setting == '\0' ? "all" : setting;
+    while (!list.empty()) {
+        std::string_view item = list.substr(0, list.find(','));
+        list.remove_prefix(std::min(item.size() + 1, list.size()));
+        item = item.substr(std::min(item.find_first_not_of(' '), item.size()));
+        item = item.substr(0, item.find_last_not_of(' ') + 1);
+        if (item == "all" || item == name)
+            return true;
+    }
+    return false;
+}
+
+trace_flag_slot *slot_of(flag_registry &flags, const trace_flag *flag)
+{
+    if (flags.count == 0)
+        return nullptr;
+    for (trace_flag_slot &slot : flags.table().slots) {
+        if (&slot.flag == flag && slot.in_use.load() != 0)
+            return &slot;
+    }
+    return nullptr;
+}
+
+std::uint32_t index_of(trace_flag_table &table, const trace_flag_slot *slot)
+{
+    return slot == nullptr ? TRACE_FLAG_NO_PARENT : static_cast<std::uint32_t>(slot - table.slots.data());
+}
+
+// A flag that is named in ATTEST_TRACE switches on what it depends on, or naming it would do nothing.
+void switch_on_with_parents(trace_flag_table &table, trace_flag_slot &slot)
+{
+    slot.own.store(1);
+    std::uint32_t parent = slot.parent.load();
+    // No chain is longer than the table, even in one that was damaged meanwhile.
+    for (std::size_t step = 0; step < table.slots.size() && parent < table.slots.size(); ++step) {
+        table.slots[parent].own.store(1);
+        parent = table.slots[parent].parent.load();
+    }
+}
+
+std::uint32_t register_flag(flag_registry &flags, trace_flag **flag, std::string_view name,
+                            trace_flag *parent)
+{
+    trace_flag_table &table = flags.table();
+    trace_flag_slot *parent_slot = slot_of(flags, parent);
+    if (parent != nullptr && parent_slot == nullptr)
+        return platform_status_from_errno(EINVAL);
+    if (trace_flag_find(table, name) != nullptr)
+        return platform_status_from_errno(EEXIST);
+    auto slot = std::ranges::find_if(table.slots, [](const auto &entry) { return entry.in_use.load() == 0; });
+    if (slot == table.slots.end())
+        return platform_status_from_errno(ENOSPC);
+    slot->name = {};
+    std::ranges::copy(name, slot->name.begin());
+    slot->parent.store(index_of(table, parent_slot));
+    slot->own.store(0);
+    if (starts_on(name))
+        switch_on_with_parents(table, *slot);
+    slot->in_use.store(1);
+    trace_flags_changed(table);
+    ++flags.count;
+    *flag = &slot->flag;
+    return 0;
+}
+
+} // namespace
+
+std::uint32_t trace_buffer_init(trace_buffer **buffer, const char *name, std::uint32_t options,
+                                std::size_t size)
+{
+    if (buffer == nullptr)
+        return platform_status_from_errno(EINVAL);
+    *buffer = nullptr;
+    if (name == nullptr || !plain_name(name, 64) || options != 0 || !std::has_single_bit(size) ||
+        size < TRACE_RING_SIZE_MIN || size > TRACE_RING_SIZE_MAX)
+        return platform_status_from_errno(EINVAL);
+    auto opened = std::unique_ptr<trace_buffer>(new (std::nothrow) trace_buffer);
+    if (!opened)
+        return platform_status_from_errno(ENOMEM);
+    if (std::uint32_t status =
+            opened->file.open(ring_file_name(name).c_str(), TRACE_RING_HEADER_SIZE + size, recognise_ring))
+        return status;
+    watch_for_forks();
+    auto *memory = static_cast<std::byte *>(opened->file.memory());
+    opened->header = reinterpret_cast<trace_ring_header *>(memory);
+    opened->words = reinterpret_cast<trace_word *>(memory + TRACE_RING_HEADER_SIZE);
+    opened->word_mask = size / 8 - 1;
+    if (opened->file.is_new())
+        initialise_ring(*opened->header, size);
+    opened->header->writer.store(process_id.load());
+    *buffer = opened.release();
+    return 0;
+}
+
+std::uint32_t trace_buffer_close(trace_buffer **buffer)
+{
+    if (buffer == nullptr || *buffer == nullptr)
+        return platform_status_from_errno(EINVAL);
+    // The handle goes first, for the sake of a signal handler that traces now.
+    std::unique_ptr<trace_buffer> closing(std::exchange(*buffer, nullptr));
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    closing->header->writer.store(0);
+    return 0;
+}
+
+std::uint32_t trace_flag_init(trace_flag **flag, const char *name, trace_flag *parent, std::uint32_t,
+                              std::uint32_t)
+{
+    if (flag == nullptr)
+        return platform_status_from_errno(EINVAL);
+    *flag = nullptr;
+    if (name == nullptr || !plain_name(name, TRACE_FLAG_NAME_SIZE - 1))
+        return platform_status_from_errno(EINVAL);
+    flag_registry &flags = registry();
+    std::lock_guard guard(flags.lock);
+    if (flags.count == 0) {
+        if (std::uint32_t status = open_flags(flags))
+            return status;
+    }
+    std::uint32_t status = register_flag(flags, flag, name, parent);
+    if (flags.count == 0)
+        flags.file.close();
+    return status;
+}
+
+std::uint32_t trace_flag_destroy(trace_flag **flag)
+{
+    flag_registry &flags = registry();
+    std::lock_guard guard(flags.lock);
+    trace_flag_slot *slot = flag == nullptr ? nullptr : slot_of(flags, *flag);
+    if (slot == nullptr)
+        return platform_status_from_errno(EINVAL);
+    *flag = nullptr;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    trace_flag_table &table = flags.table();
+    std::uint32_t index = index_of(table, slot);
+    for (trace_flag_slot &child : table.slots) {
+        if (child.parent.load() == index)
+            child.parent.store(slot->parent.load());
+    }
+    slot->in_use.store(0);
+    slot->flag.effective.store(0);
+    trace_flags_changed(table);
+    if (--flags.count == 0)
+        flags.file.close();
+    return 0;
+}
+
+// vsnprintf takes no lock and allocates nothing in glibc for conversions without floating point, positional
+// arguments, wide characters, or widths and precisions over a thousand; so neither does this.
+void trace_log(trace_flag *flag, trace_buffer *buffer, std::uint32_t *site_state, const char *format, ...)
+{
+    if (!trace_flag_enabled(flag) || buffer == nullptr)
+        return;
+    const int saved_errno = errno;
+    char text[TRACE_TEXT_MAX + 8]; // not initialised: clearing it would cost more than the line
+    va_list arguments;
+    va_start(arguments, format);
+    int wanted = std::vsnprintf(text, TRACE_TEXT_MAX + 1, format, arguments);
+    va_end(arguments);
+    if (wanted < 0) // a wide character that cannot be converted: the format at least names the site
+        wanted = std::snprintf(text, TRACE_TEXT_MAX + 1, "%s", format);
+    std::size_t length = static_cast<std::size_t>(wanted);
+    const bool cut = length > TRACE_TEXT_MAX;
+    if (cut) {
+        length = TRACE_TEXT_MAX;
+        std::memcpy(text + length - (sizeof TRACE_CUT_MARK - 1), TRACE_CUT_MARK, sizeof TRACE_CUT_MARK - 1);
+    }
+    std::atomic_ref(*site_state).fetch_add(1, std::memory_order_relaxed);
+    append_record(*buffer, text, length, cut);
+    errno = saved_errno;
+}

@@ -1,0 +1,141 @@
+#include "tools/attest_trace/ring_reader.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+namespace {
+
+bool valid_header(const trace_ring_header &header, std::size_t file_size)
+{
+    return header.magic == TRACE_RING_MAGIC && header.version == TRACE_RING_VERSION &&
+           header.header_size == TRACE_RING_HEADER_SIZE && std::has_single_bit(header.data_size) &&
+           header.data_size == file_size - TRACE_RING_HEADER_SIZE && header.head.load() >= header.data_size;
+}
+
+} // namespace
+
+ring_reader::~ring_reader()
+{
+    if (memory_ != nullptr)
+        munmap(memory_, size_);
+}
+
+std::string ring_reader::open(const std::string &path)
+{
+    fd_.reset(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat file {};
+    if (!fd_ || fstat(fd_.get(), &file) != 0)
+        return path + ": " + strerrordesc_np(errno);
+    size_ = static_cast<std::size_t>(file.st_size);
+    if (!S_ISREG(file.st_mode) || size_ < TRACE_RING_HEADER_SIZE + TRACE_RING_SIZE_MIN)
+        return path + ": not a trace buffer";
+    void *memory = mmap(nullptr, size_, PROT_READ, MAP_SHARED, fd_.get(), 0);
+    if (memory == MAP_FAILED)
+        return path + ": " + strerrordesc_np(errno);
+    memory_ = memory;
+    header_ = static_cast<const trace_ring_header *>(memory);
+    if (!valid_header(*header_, size_))
+        return path + ": not a trace buffer";
+    words_ =
+        reinterpret_cast<const trace_word *>(static_cast<const std::byte *>(memory) + TRACE_RING_HEADER_SIZE);
+    data_size_ = header_->data_size;
+    position_ = std::max(head() - data_size_, data_size_);
+    searching_ = position_ > data_size_;
+    return {};
+}
+
+std::uint64_t ring_reader::head() const
+{
+    return header_->head.load(std::memory_order_acquire);
+}
+
+std::uint64_t ring_reader::word(std::uint64_t position) const
+{
+    return words_[(position / 8) & (data_size_ / 8 - 1)].load(std::memory_order_relaxed);
+}
+
+void ring_reader::skip_unfinished()
+{
+    searching_ = true;
+    gap_ = true;
+    position_ += 8;
+}
+
+ring_read ring_reader::next(trace_entry &entry, std::uint64_t end)
+{
+    for (;;) {
+        std::uint64_t now = head();
+        if (position_ >= std::min(now, end))
+            return ring_read::end;
+        if (now - position_ > data_size_) {
+            position_ = now - data_size_;
+            searching_ = true;
+            gap_ = any_;
+        }
+        if (read_record(now, entry)) {
+            account(entry);
+            return ring_read::entry;
+        }
+        if (!searching_)
+            return ring_read::unfinished;
+        position_ += 8;
+    }
+}
+
+bool ring_reader::read_record(std::uint64_t head, trace_entry &entry)
+{
+    const trace_word &commit = words_[(position_ / 8) & (data_size_ / 8 - 1)];
+    if (commit.load(std::memory_order_acquire) != position_)
+        return false;
+    const std::uint64_t described = word(position_ + 8 * TRACE_WORD_LENGTH);
+    const std::size_t length = (described >> 32) & 0xFFFF;
+    const std::uint64_t words = trace_word_count(length);
+    if (length > TRACE_TEXT_MAX || head - position_ < words * 8)
+        return false;
+    const std::uint64_t time = word(position_ + 8 * TRACE_WORD_TIME);
+    const std::uint64_t writer = word(position_ + 8 * TRACE_WORD_WRITER);
+    trace_checksum checksum;
+    for (std::uint64_t part : {position_, time, writer, described})
+        checksum.add(part);
+    std::array<std::uint64_t, TRACE_TEXT_MAX / 8> text{};
+    for (std::size_t index = 0; index + TRACE_RECORD_HEADER_WORDS < words; ++index) {
+        text[index] = word(position_ + 8 * (TRACE_RECORD_HEADER_WORDS + index));
+        checksum.add(text[index]);
+    }
+    if (word(position_ + 8 * TRACE_WORD_CHECKSUM) != checksum.value())
+        return false;
+    entry.time_ns = time;
+    entry.process = static_cast<std::uint32_t>(writer);
+    entry.thread = static_cast<std::uint32_t>(writer >> 32);
+    entry.sequence = static_cast<std::uint32_t>(described);
+    entry.cut = (described & TRACE_RECORD_CUT) != 0;
+    entry.text.assign(reinterpret_cast<const char *>(text.data()), length);
+    position_ += words * 8;
+    return true;
+}
+
+// Sequence numbers are taken a moment after positions, so neighbours may be swapped: only where something was
+// passed over is their distance a number of lost lines.
+void ring_reader::account(trace_entry &entry)
+{
+    auto missing = static_cast<std::int32_t>(entry.sequence - next_sequence_);
+    entry.lost_before = gap_ && any_ ? static_cast<std::uint32_t>(std::max(missing, 1)) : 0;
+    next_sequence_ = entry.sequence + 1;
+    searching_ = false;
+    gap_ = false;
+    any_ = true;
+}
+
+bool ring_reader::replaced(const std::string &path) const
+{
+    struct stat mapped {
+    }, at_path{};
+    return fstat(fd_.get(), &mapped) == 0 && stat(path.c_str(), &at_path) == 0 &&
+           (mapped.st_ino != at_path.st_ino || mapped.st_dev != at_path.st_dev);
+}
