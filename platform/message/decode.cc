@@ -7,11 +7,12 @@
 
 namespace {
 
-// Lists whose items are counted, by field index: what was allocated for them.
+// Items that were counted and allocated for each list, by field index.
 using list_rooms = std::array<std::uint32_t, 15>;
+constexpr std::uint32_t NOT_COUNTED = 0xFFFFFFFF;
 
-// The wire type in which a field is read, apart from a list of numbers, which has two.
-bool is_packed_or_not(const field_descriptor &field, std::uint32_t tag)
+// The tag of an item of a list of numbers that is not packed.
+bool is_single_number(const field_descriptor &field, std::uint32_t tag)
 {
     return field.kind == field_kind::u32_list &&
            tag == (std::uint32_t{field.number} << 3 | static_cast<std::uint32_t>(wire_type::varint));
@@ -38,7 +39,7 @@ bool count_items(wire_input input, const field_descriptor &field, std::uint32_t 
                 return false;
             count += field.kind == field_kind::messages ? 1 : varints_in(content);
         } else {
-            count += is_packed_or_not(field, tag);
+            count += is_single_number(field, tag);
             if (!skip_field(input, tag))
                 return false;
         }
@@ -49,17 +50,20 @@ bool count_items(wire_input input, const field_descriptor &field, std::uint32_t 
     }
 }
 
-bool reserve_items(const wire_input &input, const field_descriptor &field, std::uint32_t tag, any_list &list,
+// At the first item of a list: counts them all and allocates. An empty list is counted once, too: runs
+// without numbers must not make the decoder look through the rest of the message each time.
+bool reserve_items(const wire_input &input, const field_descriptor &field, std::uint32_t tag, void *message,
                    std::uint32_t &room)
 {
-    if (list.items != nullptr)
+    if (room != NOT_COUNTED)
         return true;
     if (!count_items(input, field, tag, room))
         return false;
     if (room == 0)
         return true;
-    list.items =
-        std::calloc(room, field.kind == field_kind::messages ? field.child->size : sizeof(std::uint32_t));
+    std::size_t item_size = field.kind == field_kind::messages ? field.child->size : sizeof(std::uint32_t);
+    any_list list{std::calloc(room, item_size), 0};
+    store_member(message, field.offset, list);
     return list.items != nullptr;
 }
 
@@ -94,45 +98,47 @@ bool decode_bytes(const field_descriptor &field, const wire_input &content, void
     return true;
 }
 
-bool append_number(any_list &list, std::uint32_t room, wire_input &input)
-{
-    std::uint64_t value = 0;
-    if (list.count == room || !get_varint(input, value))
-        return false;
-    static_cast<std::uint32_t *>(list.items)[list.count++] = static_cast<std::uint32_t>(value);
-    return true;
-}
-
-// One element of a list of messages, or one or several of a list of numbers.
-bool decode_item(const field_descriptor &field, std::uint32_t tag, std::uint32_t &room, wire_input &input,
-                 void *message)
+bool decode_child(const field_descriptor &field, std::uint32_t room, wire_input &input, void *message)
 {
     auto list = load_member<any_list>(message, field.offset);
-    if (!reserve_items(input, field, tag, list, room))
-        return false;
-    store_member(message, field.offset, list);
-    bool good = true;
     wire_input content{};
-    if (tag != field.tag) {
-        good = append_number(list, room, input);
-    } else if (!get_delimited(input, content)) {
+    if (list.count == room || !get_delimited(input, content))
         return false;
-    } else if (field.kind == field_kind::u32_list) {
-        while (good && content.at != content.end)
-            good = append_number(list, room, content);
-    } else {
-        good = list.count < room;
-        if (good) {
-            ++list.count;
-            store_member(message, field.offset, list);
-            return decode_message(*field.child, content, list_item(list, *field.child, list.count - 1));
-        }
+    // Counted before it is filled: what a failure leaves in it is released with the list.
+    void *item = list_item(list, *field.child, list.count++);
+    store_member(message, field.offset, list);
+    return decode_message(*field.child, content, item);
+}
+
+// All of `numbers`, or the first of them.
+bool append_numbers(wire_input &numbers, bool all, any_list &list, std::uint32_t room)
+{
+    std::uint64_t value = 0;
+    while (numbers.at != numbers.end) {
+        if (list.count == room || !get_varint(numbers, value))
+            return false;
+        static_cast<std::uint32_t *>(list.items)[list.count++] = static_cast<std::uint32_t>(value);
+        if (!all)
+            return true;
     }
+    return all;
+}
+
+bool decode_numbers(const field_descriptor &field, std::uint32_t tag, std::uint32_t room, wire_input &input,
+                    void *message)
+{
+    auto list = load_member<any_list>(message, field.offset);
+    bool packed = tag == field.tag;
+    wire_input content{};
+    if (packed && !get_delimited(input, content))
+        return false;
+    bool good = append_numbers(packed ? content : input, packed, list, room);
     store_member(message, field.offset, list);
     return good;
 }
 
-bool decode_field(const field_descriptor &field, wire_input &input, void *message)
+bool decode_field(const field_descriptor &field, std::uint32_t tag, std::uint32_t &room, wire_input &input,
+                  void *message)
 {
     wire_input content{};
     std::uint64_t value = 0;
@@ -153,35 +159,46 @@ bool decode_field(const field_descriptor &field, wire_input &input, void *messag
     case field_kind::bytes:
         return get_delimited(input, content) && decode_bytes(field, content, message);
     case field_kind::messages:
+        return reserve_items(input, field, tag, message, room) && decode_child(field, room, input, message);
     case field_kind::u32_list:
-        break;
+        return reserve_items(input, field, tag, message, room) &&
+               decode_numbers(field, tag, room, input, message);
     }
     return false;
+}
+
+// The field that the tag stands for; null for one that is to be skipped, also a known field in another wire
+// type.
+const field_descriptor *field_of_tag(const message_descriptor &descriptor, std::uint32_t tag)
+{
+    std::uint32_t index = (tag >> 3) - 1;
+    if (index >= descriptor.fields.size())
+        return nullptr;
+    const field_descriptor &field = descriptor.fields[index];
+    return tag == field.tag || is_single_number(field, tag) ? &field : nullptr;
 }
 
 // `message` is empty before; after a false it holds what was decoded until then, in a state that release
 // takes. It calls itself as deep as the tables nest, whatever the bytes say.
 bool decode_message(const message_descriptor &descriptor, wire_input input, void *message)
 {
-    list_rooms rooms{};
+    list_rooms rooms;
+    rooms.fill(NOT_COUNTED);
     std::uint32_t present = 0;
     while (input.at != input.end) {
         std::uint32_t tag = 0;
         if (!get_tag(input, tag))
             return false;
-        std::uint32_t index = (tag >> 3) - 1;
-        const field_descriptor *field =
-            index < descriptor.fields.size() ? &descriptor.fields[index] : nullptr;
-        if (field == nullptr || (tag != field->tag && !is_packed_or_not(*field, tag))) {
+        const field_descriptor *field = field_of_tag(descriptor, tag);
+        if (field == nullptr) {
             if (!skip_field(input, tag))
                 return false;
             continue;
         }
-        bool list = field->kind == field_kind::messages || field->kind == field_kind::u32_list;
-        if (!(list ? decode_item(*field, tag, rooms[index], input, message)
-                   : decode_field(*field, input, message)))
+        std::uint32_t &room = rooms[field->number - 1u];
+        if (!decode_field(*field, tag, room, input, message))
             return false;
-        if (!list || load_member<any_list>(message, field->offset).count != 0)
+        if (room != 0) // no list, or one that has items
             present |= field->presence;
     }
     store_member(message, 0, present);

@@ -1,0 +1,237 @@
+// The codec against the classes that protoc makes of the contract: the same bytes in both directions.
+#include <gmock/gmock.h>
+
+#include "api/remote_attestation_api.pb.h"
+#include "tests/message/contract_messages.h"
+#include "tests/message/counted_heap.h"
+
+namespace pb = google::protobuf;
+
+namespace {
+
+bool kind_agrees(field_kind kind, const pb::FieldDescriptor &theirs)
+{
+    switch (kind) {
+    case field_kind::u32:
+        return theirs.type() == pb::FieldDescriptor::TYPE_UINT32 && theirs.has_optional_keyword();
+    case field_kind::u64:
+        return theirs.type() == pb::FieldDescriptor::TYPE_UINT64 && theirs.has_optional_keyword();
+    case field_kind::string:
+        return theirs.type() == pb::FieldDescriptor::TYPE_STRING && theirs.has_optional_keyword();
+    case field_kind::name:
+    case field_kind::bytes:
+        return theirs.type() == pb::FieldDescriptor::TYPE_BYTES && theirs.has_optional_keyword();
+    case field_kind::messages:
+        return theirs.type() == pb::FieldDescriptor::TYPE_MESSAGE && theirs.is_repeated();
+    case field_kind::u32_list:
+        return theirs.type() == pb::FieldDescriptor::TYPE_UINT32 && theirs.is_packed();
+    }
+    return false;
+}
+
+TEST(MessageTables, DifferFromTheContract)
+{
+    const pb::FileDescriptor &file = *remote_attestation_api::IMA_EVENT::descriptor()->file();
+    EXPECT_EQ(contract_messages().size(), static_cast<std::size_t>(file.message_type_count()) + 1)
+        << "every message of the contract, and the cache block";
+    for (const contract_message &type : contract_messages()) {
+        const pb::Descriptor &theirs = *type.theirs->GetDescriptor();
+        EXPECT_EQ(type.ours->name, theirs.name());
+        ASSERT_EQ(type.ours->fields.size(), static_cast<std::size_t>(theirs.field_count())) << theirs.name();
+        for (int i = 0; i < theirs.field_count(); ++i) {
+            const field_descriptor &field = type.ours->fields[static_cast<std::size_t>(i)];
+            const pb::FieldDescriptor &their_field = *theirs.field(i);
+            SCOPED_TRACE(their_field.full_name());
+            EXPECT_EQ(field.name, their_field.name());
+            EXPECT_EQ(field.number, their_field.number());
+            EXPECT_TRUE(kind_agrees(field.kind, their_field));
+            EXPECT_EQ(field.child != nullptr, their_field.message_type() != nullptr);
+            if (field.child != nullptr) {
+                EXPECT_EQ(field.child->name, their_field.message_type()->name());
+            }
+        }
+    }
+}
+
+// A member that lands in the wrong place both ways would pass every comparison of bytes.
+TEST(MessageCodec, MembersLandElsewhere)
+{
+    remote_attestation_api::NodeIMAData theirs;
+    theirs.set_uptime(77);
+    theirs.add_events();
+    remote_attestation_api::IMA_EVENT &their_event = *theirs.add_events();
+    their_event.set_event_num(0x123456789);
+    their_event.set_event_name("/usr/bin/\xff\xfe");
+    their_event.set_digest(std::string("\0\1\2", 3));
+    their_event.set_pcr(10);
+    their_event.set_signature("");
+    their_event.set_duplicate(0);
+
+    std::string wire = theirs.SerializeAsString();
+    owned_message<NodeIMAData> ours;
+    ASSERT_TRUE(message_decode(std::as_bytes(std::span(wire)), *ours));
+    EXPECT_EQ(ours->present, NodeIMAData::has_events | NodeIMAData::has_uptime);
+    EXPECT_EQ(ours->uptime, 77u);
+    ASSERT_EQ(ours->events.count, 2u);
+    EXPECT_EQ(ours->events.items[0].present, 0u);
+    const IMA_EVENT &event = ours->events.items[1];
+    EXPECT_EQ(event.present, IMA_EVENT::has_event_num | IMA_EVENT::has_event_name | IMA_EVENT::has_digest |
+                                 IMA_EVENT::has_pcr | IMA_EVENT::has_signature | IMA_EVENT::has_duplicate);
+    EXPECT_EQ(event.event_num, 0x123456789u);
+    EXPECT_STREQ(event.event_name, "/usr/bin/\xff\xfe");
+    EXPECT_THAT(std::span(event.digest.data, event.digest.length), testing::ElementsAre(0, 1, 2));
+    EXPECT_EQ(event.pcr, 10u);
+    EXPECT_EQ(event.signature.length, 0u);
+    EXPECT_EQ(event.template_name, nullptr);
+}
+
+TEST(MessageCodec, BytesDifferFromProtoc)
+{
+    std::mt19937 random(1);
+    for (const contract_message &type : contract_messages()) {
+        SCOPED_TRACE(type.ours->name);
+        for (int round = 0; round < 60; ++round) {
+            std::string wire = random_message(type, random)->SerializeAsString();
+            structure ours(*type.ours);
+            ASSERT_TRUE(ours.decode(wire));
+            ASSERT_EQ(ours.encode(), wire);
+        }
+    }
+    EXPECT_EQ(heap.live_blocks, 0);
+}
+
+TEST(MessageCodec, NumbersThatAreNotPackedAreLost)
+{
+    remote_attestation_api::attest_pcr_request theirs;
+    for (std::uint32_t index : {0u, 300u, 7u})
+        theirs.add_pcr_indices(index);
+    std::string packed = theirs.SerializeAsString();
+    structure ours(message_descriptor_of<attest_pcr_request>());
+    // 0 and 300 on their own with an unknown field between them, then an empty packed run, then one of 7.
+    ASSERT_TRUE(ours.decode(std::string("\x08\x00\x78\x05\x08\xac\x02\x0a\x00\x0a\x01\x07", 12)));
+    EXPECT_EQ(ours.encode(), packed);
+}
+
+TEST(MessageEncoder, WritesWithoutRoomOrBesideIt)
+{
+    std::mt19937 random(2);
+    for (const contract_message &type : contract_messages()) {
+        SCOPED_TRACE(type.ours->name);
+        std::string wire = random_message(type, random)->SerializeAsString();
+        structure ours(*type.ours);
+        ASSERT_TRUE(ours.decode(wire));
+        for (std::size_t room :
+             {std::size_t{0}, wire.size() / 2, wire.size() - 1, wire.size(), wire.size() + 9}) {
+            std::string out(wire.size() + 9, '?');
+            std::string expected = out;
+            if (room > wire.size() + 9)
+                continue; // an empty message has no smaller room
+            if (room >= wire.size())
+                expected.replace(0, wire.size(), wire);
+            auto span = std::as_writable_bytes(std::span(out)).first(room);
+            EXPECT_EQ(message_encode(*type.ours, ours.get(), span), static_cast<std::int64_t>(wire.size()));
+            EXPECT_EQ(out, expected) << "room " << room;
+        }
+    }
+}
+
+TEST(MessageEncoder, PresentEmptyListIsNotLikeAnAbsentOne)
+{
+    NodeIMAData list = {.present = NodeIMAData::has_events, .node_name = nullptr, .events = {}, .uptime = 9};
+    EXPECT_EQ(message_encoded_size(list), 0);
+    attest_pcr_request numbers = {};
+    numbers.present = attest_pcr_request::has_pcr_indices | attest_pcr_request::has_nonce;
+    std::array<std::byte, 8> out{};
+    EXPECT_EQ(message_encode(numbers, out), 2) << "the present empty nonce";
+    EXPECT_EQ(out[0], std::byte{0x12});
+}
+
+TEST(MessageEncoder, UnencodableIsEncoded)
+{
+    std::uint8_t byte = 0;
+    char latin1[] = "caf\xe9";
+    IMA_EVENT bad_event = {};
+    bad_event.present = IMA_EVENT::has_digest;
+    bad_event.digest = {nullptr, 1};
+    struct {
+        const char *why;
+        NodePCRData message;
+    } cases[] = {
+        {"null bytes",
+         {.present = NodePCRData::has_quote,
+          .node_name = nullptr,
+          .uptime = 0,
+          .pcrs = {},
+          .quote = {nullptr, 1},
+          .quote_signature = {}}},
+        {"null list",
+         {.present = NodePCRData::has_pcrs,
+          .node_name = nullptr,
+          .uptime = 0,
+          .pcrs = {nullptr, 1},
+          .quote = {},
+          .quote_signature = {}}},
+        {"null text",
+         {.present = NodePCRData::has_node_name,
+          .node_name = nullptr,
+          .uptime = 0,
+          .pcrs = {},
+          .quote = {},
+          .quote_signature = {}}},
+        {"string that is not UTF-8",
+         {.present = NodePCRData::has_node_name,
+          .node_name = latin1,
+          .uptime = 0,
+          .pcrs = {},
+          .quote = {},
+          .quote_signature = {}}},
+        {"bytes of 2 GiB",
+         {.present = NodePCRData::has_quote,
+          .node_name = nullptr,
+          .uptime = 0,
+          .pcrs = {},
+          .quote = {&byte, 1ull << 31},
+          .quote_signature = {}}},
+        {"bytes whose length overflows",
+         {.present = NodePCRData::has_quote,
+          .node_name = nullptr,
+          .uptime = 0,
+          .pcrs = {},
+          .quote = {&byte, ~0ull},
+          .quote_signature = {}}},
+        {"2 GiB in all",
+         {.present = NodePCRData::has_quote | NodePCRData::has_quote_signature,
+          .node_name = nullptr,
+          .uptime = 0,
+          .pcrs = {},
+          .quote = {&byte, 1ull << 30},
+          .quote_signature = {&byte, (1ull << 30) - 12}}},
+    };
+    for (const auto &row : cases) {
+        SCOPED_TRACE(row.why);
+        std::array<std::byte, 64> out{};
+        EXPECT_EQ(message_encoded_size(row.message), -1);
+        EXPECT_EQ(message_encode(row.message, out), -1);
+    }
+    NodeIMAData nested = {};
+    nested.present = NodeIMAData::has_events;
+    nested.events = {&bad_event, 1};
+    EXPECT_EQ(message_encoded_size(nested), -1) << "in an item of a list";
+    cases[6].message.quote_signature.length -= 1;
+    EXPECT_EQ(message_encoded_size(cases[6].message), (1ll << 31) - 1);
+}
+
+TEST(MessageRelease, SecondReleaseFreesAgain)
+{
+    std::mt19937 random(3);
+    for (const contract_message &type : contract_messages()) {
+        structure ours(*type.ours);
+        ASSERT_TRUE(ours.decode(random_message(type, random)->SerializeAsString()));
+        message_release(*type.ours, ours.get());
+        EXPECT_EQ(heap.live_blocks, 0) << type.ours->name;
+        EXPECT_TRUE(ours.is_empty());
+        message_release(*type.ours, ours.get());
+    }
+}
+
+} // namespace
