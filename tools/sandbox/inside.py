@@ -26,6 +26,8 @@ RELAY = f"{CHECKOUT}/tools/sandbox/relay.py"
 AGENT_PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
 # Of the caller's environment the agent gets its own settings and what an instrumented build listens to.
 AGENT_VARIABLES = ("ATTEST_", "ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS")
+# What a service manager tells the caller is about the caller, not about the node.
+SERVICE_VARIABLES = ("RUNTIME_DIRECTORY", "NOTIFY_SOCKET", "WATCHDOG_PID", "WATCHDOG_USEC")
 
 BMC_START_LIMIT_S = 20
 COMMAND_GRACE_S = 2
@@ -124,7 +126,8 @@ def command_environment():
     own = json.loads(agent_control.read_file(ENVIRONMENT_FILE))
     if agent_control.is_running():
         own["NODE_AGENT_PID"] = str(agent_control.pid())
-    return os.environ | own
+    caller = {name: value for name, value in os.environ.items() if name not in SERVICE_VARIABLES}
+    return caller | own
 
 
 def run_command(argv, control):
