@@ -5,7 +5,8 @@ function(attest_library name)
   target_link_libraries(${name} PUBLIC attest_flags ${ARG_LINK})
 endfunction()
 
-# attest_program(NAME SOURCES... [LINK ...]): an installed program.
+# attest_program(NAME SOURCES... [LINK ...]): an installed program; the target `programs` builds them all.
+add_custom_target(programs)
 function(attest_program name)
   cmake_parse_arguments(ARG "" "DESTINATION" "LINK" ${ARGN})
   add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
@@ -13,6 +14,7 @@ function(attest_program name)
   if(NOT ARG_DESTINATION)
     set(ARG_DESTINATION ${CMAKE_INSTALL_BINDIR})
   endif()
+  add_dependencies(programs ${name})
   install(TARGETS ${name} RUNTIME DESTINATION ${ARG_DESTINATION})
 endfunction()
 

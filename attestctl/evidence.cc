@@ -1,0 +1,126 @@
+#include "attestctl/evidence.h"
+
+#include <array>
+
+#include "attestctl/nonce.h"
+#include "attestctl/text.h"
+
+namespace {
+
+constexpr std::uint32_t PCR_COUNT = 24;
+
+template <typename List>
+std::size_t length_of(const List &list)
+{
+    return static_cast<std::size_t>(list.size());
+}
+
+std::string content(const api::SystemCertificates &record)
+{
+    return counted(length_of(record.certs()), "certificate") +
+           (record.has_signature() ? " and a signature" : " without a signature");
+}
+
+std::string content(const api::NodePCRData &record)
+{
+    return counted(length_of(record.pcrs()), "PCR value") +
+           (record.has_quote() ? " and a quote" : " without a quote");
+}
+
+std::string content(const api::NodeBootIntegrityLog &record)
+{
+    return counted(length_of(record.events()), "event");
+}
+
+std::string content(const api::tpm_hw_integrity &record)
+{
+    return counted(length_of(record.uid_digests_db1()), "digest") +
+           (record.has_quote() ? " and a quote" : " without a quote");
+}
+
+arrival failed(std::string kind, const ask_result &result)
+{
+    return {std::move(kind), false, 0, result.text};
+}
+
+// Whether asking on makes sense after this result.
+bool goes_on(const ask_result &result)
+{
+    return result.status == ask_status::answered || result.status == ask_status::failed;
+}
+
+template <typename Request, typename Answer>
+ask_result fetch(client &c, const char *kind, const Request &request, Answer &answer, evidence &into)
+{
+    const ask_result result = ask(c, request, answer);
+    if (result.status != ask_status::answered) {
+        into.arrivals.push_back(failed(kind, result));
+        return result;
+    }
+    std::string text;
+    for (const auto &record : answer.node_data())
+        text += (text.empty() ? "" : "; ") + printable(record.node_name(), 64) + ": " + content(record);
+    const std::size_t sources = length_of(answer.node_data());
+    into.arrivals.push_back(
+        {kind, sources > 0, sources, sources > 0 ? text : "the node answered without evidence"});
+    return result;
+}
+
+ask_result fetch_ima_log(client &c, const message_taker &take, evidence &into)
+{
+    std::uint64_t events = 0;
+    std::vector<std::string> nodes;
+    bool cut_short = false;
+    const message_taker count = [&](const api::NodeIMAData &message) {
+        events += length_of(message.events());
+        // A node that cannot go on ends the stream with a message without any field.
+        cut_short = !message.has_node_name() && message.events().empty();
+        if (message.has_node_name() && (nodes.empty() || nodes.back() != message.node_name()))
+            nodes.push_back(message.node_name());
+        return take(message);
+    };
+    const ask_result result = ask_stream(c, {}, count, [] { return false; });
+    if (result.status != ask_status::answered) {
+        into.arrivals.push_back(failed("ima-log", result));
+        return result;
+    }
+    arrival row{"ima-log", !nodes.empty() && !cut_short, nodes.size(), counted(events, "event")};
+    if (nodes.empty())
+        row.text = "the node answered without evidence";
+    else if (cut_short)
+        row.text += ", then the node ended the stream early";
+    into.arrivals.push_back(row);
+    return result;
+}
+
+} // namespace
+
+ask_result fetch_evidence(client &c, const message_taker &take_ima, evidence &into)
+{
+    into.identity_request.set_cert_name("Kestrin VOXA");
+    into.attestation_key_request.set_cert_name("Kestrin AIK");
+    for (std::uint32_t i = 0; i < PCR_COUNT; ++i)
+        into.pcrs_request.add_pcr_indices(i);
+    for (std::string *nonce :
+         {into.identity_request.mutable_nonce(), into.attestation_key_request.mutable_nonce(),
+          into.pcrs_request.mutable_nonce(), into.hw_integrity_request.mutable_nonce()})
+        if (!fresh_nonce(*nonce))
+            return {ask_status::failed, "no random bytes for a nonce"};
+    const api::get_platform_boot_integrity_event_logs_request no_choice;
+
+    const std::array<std::function<ask_result()>, 6> steps = {
+        [&] { return fetch(c, "identity certificates", into.identity_request, into.identity, into); },
+        [&] {
+            return fetch(c, "attestation key certificates", into.attestation_key_request,
+                         into.attestation_key, into);
+        },
+        [&] { return fetch(c, "pcrs", into.pcrs_request, into.pcrs, into); },
+        [&] { return fetch(c, "boot-log", no_choice, into.boot_log, into); },
+        [&] { return fetch_ima_log(c, take_ima, into); },
+        [&] { return fetch(c, "hw-integrity", into.hw_integrity_request, into.hw_integrity, into); },
+    };
+    for (const auto &step : steps)
+        if (const ask_result result = step(); !goes_on(result))
+            return result;
+    return {};
+}

@@ -1,0 +1,33 @@
+// Everything that a node is asked for in one attestation.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "attestctl/client.h"
+
+// What came of one kind of evidence.
+struct arrival {
+    std::string kind;
+    bool came = false;
+    std::size_t sources = 0; // records, one a source
+    std::string text;        // what is in them, or why nothing came; one line, fit for a terminal
+};
+
+// What was asked with which nonce, and the answers. The IMA list may be of any length: it is passed on as it
+// comes and not kept.
+struct evidence {
+    api::get_certificate_request identity_request, attestation_key_request;
+    api::get_certificate_response identity, attestation_key;
+    api::attest_pcr_request pcrs_request;
+    api::attest_pcr_response pcrs;
+    api::get_platform_boot_integrity_event_logs_response boot_log;
+    api::get_platform_hw_integrity_request hw_integrity_request;
+    api::get_platform_hw_integrity_response hw_integrity;
+    std::vector<arrival> arrivals;
+};
+
+// Asks for all kinds, each request with a fresh nonce of its own, the quote before the logs: a log may have
+// grown since the quote, never the other way round. A kind that fails is an arrival that says so; a node that
+// cannot be reached or stops answering ends it, with the result of that call.
+ask_result fetch_evidence(client &c, const message_taker &take_ima, evidence &into);

@@ -1,0 +1,49 @@
+// What the command line says.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+enum class command_id { certificate, pcrs, boot_log, ima_log, hw_integrity, attest, none };
+
+struct settings {
+    command_id command = command_id::none;
+
+    // Where to ask, and how to be known there. With TLS all three files are given, without it none.
+    std::string target = "127.0.0.1:50551";
+    std::string ca_file, cert_file, key_file;
+    std::string server_name; // the name that the node's certificate carries; empty: the target's host
+    // For an answer; for a stream the longest time without a message.
+    std::chrono::milliseconds timeout{30000};
+
+    bool json = false;
+
+    // Of the commands. Nonces are bytes here; absent: a fresh one.
+    std::optional<std::string> cert_name;
+    std::optional<std::string> nonce;
+    std::vector<std::uint32_t> pcrs;
+    std::optional<std::uint64_t> start, count;
+    bool stream = false;
+    std::optional<std::uint32_t> hash_algo;
+};
+
+enum class parse_outcome {
+    run,   // `chosen` holds what to do
+    show,  // `text` is what was asked for: a help or the version
+    usage, // `text` is one line that says what is wrong
+};
+
+struct parsed {
+    parse_outcome outcome = parse_outcome::usage;
+    settings chosen;
+    std::string text;
+};
+
+// `arguments` without the program's name. Options stand before or after the command, as "--name value" or
+// "--name=value".
+parsed parse_command_line(std::span<const char *const> arguments);

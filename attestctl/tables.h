@@ -1,0 +1,21 @@
+// Evidence as tables for a person. All text is appended and ends with a line break; nothing in it is judged.
+#pragma once
+
+#include <string>
+
+#include "api/remote_attestation_api.pb.h"
+
+namespace api = remote_attestation_api;
+
+void append_table(std::string &out, const api::get_certificate_response &answer);
+void append_table(std::string &out, const api::attest_pcr_response &answer);
+void append_table(std::string &out, const api::get_platform_boot_integrity_event_logs_response &answer);
+void append_table(std::string &out, const api::get_platform_hw_integrity_response &answer);
+
+// The IMA list is not rendered whole: a million events are 300 MB of text.
+void append_ima_head(std::string &out, const api::NodeIMAData &record);
+void append_ima_event(std::string &out, const api::IMA_EVENT &event);
+
+// True for an event that the kernel recorded for a file that changed while it was measured: its template hash
+// is zeros only.
+bool is_violation(const api::IMA_EVENT &event);

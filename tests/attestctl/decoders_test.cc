@@ -1,0 +1,285 @@
+// What a node sends, decoded and rendered: what is shown for good data, and that no damaged data reads past
+// its end or gets a byte through that steers a terminal.
+#include <fstream>
+#include <iterator>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "attestctl/certificate_text.h"
+#include "attestctl/check.h"
+#include "attestctl/event_data.h"
+#include "attestctl/event_types.h"
+#include "attestctl/text.h"
+#include "attestctl/uefi.h"
+
+using namespace std::string_literals;
+
+namespace {
+
+// Little-endian integers and UTF-16 text one after the other.
+std::string le(std::uint64_t value, int size)
+{
+    std::string out;
+    for (int i = 0; i < size; ++i)
+        out += static_cast<char>(value >> (8 * i));
+    return out;
+}
+
+std::string wide(std::string_view ascii)
+{
+    std::string out;
+    for (const char c : ascii)
+        out += {c, '\0'};
+    return out;
+}
+
+std::string bytes(std::string_view text)
+{
+    std::string out;
+    EXPECT_TRUE(from_hex(text, out)) << text;
+    return out;
+}
+
+std::string node(int type, int subtype, const std::string &data)
+{
+    return le(type, 1) + le(subtype, 1) + le(4 + data.size(), 2) + data;
+}
+
+std::string variable(const std::string &guid, std::string_view name, const std::string &data)
+{
+    return guid + le(name.size(), 8) + le(data.size(), 8) + wide(name) + data;
+}
+
+const std::string END = bytes("7fff0400");
+const std::string GLOBAL = bytes("61dfe48bca93d211aa0d00e098032b8c");
+const std::string ESP = bytes("28732ac11ff8d211ba4b00a0c93ec93b");
+const std::string ID = bytes("0403020106050807090a0b0c0d0e0f10");
+
+const std::string DISK_PATH = node(2, 1, le(0x0a0341d0, 4) + le(0, 4)) + node(1, 1, bytes("021f")) +
+                              node(3, 18, le(1, 2) + le(0xffff, 2) + le(0, 2)) +
+                              node(4, 1, le(1, 4) + le(2048, 8) + le(4096, 8) + ID + bytes("0202")) +
+                              node(4, 4, wide("\\EFI\\BOOT\\BOOTX64.EFI"s + '\0')) + END;
+const std::string DISK_TEXT =
+    "PciRoot(0x0)/Pci(0x1f,0x2)/Sata(0x1,0xffff,0x0)/"
+    "HD(1,GPT,01020304-0506-0708-090a-0b0c0d0e0f10,0x800,0x1000)/File(\\EFI\\BOOT\\BOOTX64.EFI)";
+
+const std::string GPT = "EFI PART"s + std::string(32, 'x') + le(34, 8) + le(2014, 8) + ID + le(2, 8) +
+                        le(128, 4) + le(128, 4) + le(0, 4) + le(1, 8) + ESP + ID + le(40, 8) + le(99, 8) +
+                        le(0, 8) + wide("boot") + std::string(64, '\0');
+
+struct event_case {
+    const char *what;
+    std::uint32_t type;
+    std::string data;
+    std::vector<std::string> lines;
+};
+
+std::vector<event_case> event_cases()
+{
+    return {
+        {"specification identifier",
+         event_type::NO_ACTION,
+         "Spec ID Event03\0"s + le(0, 4) + bytes("00020202") + le(2, 4) + bytes("040014000b00200000"),
+         {"Spec ID Event03, client platform, version 2.0 errata 2, UINTN 64 bits",
+          "digests: SHA-1 (20 bytes), SHA-256 (32 bytes)"}},
+        {"startup locality", event_type::NO_ACTION, "StartupLocality\0\3"s, {"startup locality 3"}},
+        {"separator", event_type::SEPARATOR, le(0, 4), {"end of the pre-boot measurements (0x00000000)"}},
+        {"error separator", event_type::SEPARATOR, le(1, 4), {"error (0x00000001)"}},
+        {"action", 0x80000007, "Exit Boot Services", {"\"Exit Boot Services\""}},
+        {"command line",
+         0x0000000d,
+         "kernel_cmdline: /vmlinuz quiet\0"s,
+         {"\"kernel_cmdline: /vmlinuz quiet\""}},
+        {"wide command line", 0x0000000d, wide("quiet\0"s), {"\"quiet\""}},
+        {"tag",
+         event_type::EVENT_TAG,
+         bytes("ec223b8f0d000000") + "Linux initrd\0"s,
+         {"tag 0x8f3b22ec: \"Linux initrd\""}},
+        {"blob",
+         event_type::EFI_PLATFORM_FIRMWARE_BLOB,
+         le(0x820000, 8) + le(1048576, 8),
+         {"at 0x820000, 1,048,576 bytes"}},
+        {"described blob",
+         event_type::EFI_PLATFORM_FIRMWARE_BLOB2,
+         "\4DXE1"s + le(16, 8) + le(1, 8),
+         {"\"DXE1\" at 0x10, 1 byte"}},
+        {"handoff tables",
+         event_type::EFI_HANDOFF_TABLES,
+         le(1, 8) + bytes("312d9deb882dd3119a160090273fc14d") + le(4096, 8),
+         {"table eb9d2d31-2d88-11d3-9a16-0090273fc14d (SMBIOS table) at 0x1000"}},
+        {"state variable",
+         event_type::EFI_VARIABLE_DRIVER_CONFIG,
+         variable(GLOBAL, "SecureBoot", "\1"),
+         {"variable SecureBoot, 8be4df61-93ca-11d2-aa0d-00e098032b8c (EFI global variable), 1 byte",
+          "on (1)"}},
+        {"boot order",
+         event_type::EFI_VARIABLE_BOOT,
+         variable(GLOBAL, "BootOrder", le(1, 2) + le(0xa, 2)),
+         {"variable BootOrder, 8be4df61-93ca-11d2-aa0d-00e098032b8c (EFI global variable), 4 bytes",
+          "Boot0001, Boot000A"}},
+        {"load option",
+         event_type::EFI_VARIABLE_BOOT,
+         variable(GLOBAL, "Boot0001",
+                  le(1, 4) + le(DISK_PATH.size(), 2) + wide("Debian\0"s) + DISK_PATH + wide("quiet")),
+         {"variable Boot0001, 8be4df61-93ca-11d2-aa0d-00e098032b8c (EFI global variable), 152 bytes",
+          "\"Debian\" " + DISK_TEXT + " with \"quiet\""}},
+        {"signature lists",
+         event_type::EFI_VARIABLE_DRIVER_CONFIG,
+         variable(GLOBAL, "db",
+                  bytes("2616c4c14c509240aca941f936934328") + le(28 + 96, 4) + le(0, 4) + le(48, 4) +
+                      std::string(96, 'h')),
+         {"variable db, 8be4df61-93ca-11d2-aa0d-00e098032b8c (EFI global variable), 124 bytes",
+          "2 x c1c41626-504c-4092-aca9-41f936934328 (SHA-256 hash) of 48 bytes"}},
+        {"authority",
+         event_type::EFI_VARIABLE_AUTHORITY,
+         variable(GLOBAL, "db", ID + "\x30\x82\x01"),
+         {"variable db, 8be4df61-93ca-11d2-aa0d-00e098032b8c (EFI global variable), 19 bytes",
+          "certificate of 3 bytes, owner 01020304-0506-0708-090a-0b0c0d0e0f10"}},
+        {"image",
+         event_type::EFI_BOOT_SERVICES_APPLICATION,
+         le(0x7e000000, 8) + le(4096, 8) + le(0, 8) + le(DISK_PATH.size(), 8) + DISK_PATH,
+         {DISK_TEXT, "at 0x7e000000, 4,096 bytes"}},
+        {"partitions",
+         event_type::EFI_GPT_EVENT,
+         GPT,
+         {"GPT disk 01020304-0506-0708-090a-0b0c0d0e0f10, usable blocks 34 to 2014, 1 partition",
+          "partition 01020304-0506-0708-090a-0b0c0d0e0f10, type c12a7328-f81f-11d2-ba4b-00a0c93ec93b (EFI "
+          "system "
+          "partition), blocks 40 to 99, \"boot\""}},
+    };
+}
+
+// A terminal shows it as it is: one line, nothing that steers.
+bool is_fit(std::string_view text)
+{
+    while (!text.empty()) {
+        const code_point next = next_utf8(text);
+        if (next.length == 0 || is_unsafe(next.value))
+            return false;
+        text.remove_prefix(next.length);
+    }
+    return true;
+}
+
+// Decodes an exact copy, so that a sanitizer sees a read behind it.
+void expect_fit(std::uint32_t type, std::string_view data)
+{
+    const std::vector<char> copy(data.begin(), data.end());
+    const std::vector<std::string> lines = event_data_lines(type, {copy.data(), copy.size()});
+    ASSERT_FALSE(lines.empty());
+    for (const std::string &line : lines) {
+        ASSERT_TRUE(is_fit(line)) << format("%08x ", type) << hex(data);
+        ASSERT_LT(line.size(), 16000U);
+    }
+}
+
+} // namespace
+
+TEST(event_data, good_data_is_shown_in_words)
+{
+    for (const event_case &c : event_cases())
+        EXPECT_EQ(event_data_lines(c.type, c.data), c.lines) << c.what;
+}
+
+TEST(event_data, cut_and_damaged_data_stays_inside_its_bounds)
+{
+    for (const event_case &c : event_cases())
+        for (std::size_t i = 0; i <= c.data.size(); ++i) {
+            expect_fit(c.type, std::string_view(c.data).substr(0, i));
+            for (const char value : {'\xff', '\x00', '\x1b'}) {
+                std::string damaged = c.data;
+                damaged[std::min(i, c.data.size() - 1)] = value;
+                expect_fit(c.type, damaged);
+            }
+        }
+}
+
+TEST(event_data, any_bytes_under_any_type_stay_inside_their_bounds)
+{
+    std::ifstream file(ATTEST_TEST_DATA "/recorded-a-boot.bin", std::ios::binary);
+    const std::string log{std::istreambuf_iterator<char>(file), {}};
+    ASSERT_GT(log.size(), 2000U);
+    for (std::size_t at = 0; at < log.size(); at += 3)
+        for (const event_case &c : event_cases())
+            expect_fit(c.type, std::string_view(log).substr(at, 200));
+}
+
+TEST(event_data, a_cut_is_said)
+{
+    const event_case image = event_cases()[16];
+    const std::string cut = image.data.substr(0, image.data.size() - 1);
+    EXPECT_THAT(event_data_lines(image.type, cut).front(),
+                testing::EndsWith("(does not fit the layout of its type)"));
+    EXPECT_THAT(device_path_text(DISK_PATH.substr(0, DISK_PATH.size() - 5)),
+                testing::EndsWith("(a node does not fit)"));
+    EXPECT_THAT(device_path_text(bytes("7f01040001010300")), testing::EndsWith("(a node does not fit)"));
+}
+
+TEST(device_path, nodes_read_as_the_firmware_shows_them)
+{
+    const struct {
+        std::string path, text;
+    } cases[] = {
+        {node(2, 1, le(0x050141d0, 4) + le(2, 4)), "Acpi(PNP0501,0x2)"},
+        {node(3, 5, bytes("0301")), "USB(0x3,0x1)"},
+        {node(3, 23, le(1, 4) + le(0x1122, 8)), "NVMe(0x1,0000000000001122)"},
+        {node(3, 11, bytes("525400123456") + std::string(26, '\0') + "\1"), "MAC(525400123456,0x1)"},
+        {node(3, 24, "https://boot/\x1b[2J"), "Uri(https://boot/\\x1b[2J)"},
+        {node(4, 7, ID) + node(4, 6, ID),
+         "Fv(01020304-0506-0708-090a-0b0c0d0e0f10)/FvFile(01020304-0506-0708-090a-0b0c0d0e0f10)"},
+        {node(4, 1, le(1, 4)), "Path(4,1,01000000)"},
+        {node(9, 9, "ab"), "Path(9,9,6162)"},
+        {node(3, 5, bytes("0301")) + bytes("7f010400") + node(3, 5, bytes("0401")),
+         "USB(0x3,0x1),USB(0x4,0x1)"},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(device_path_text(c.path + END), c.text);
+    std::string endless;
+    for (int i = 0; i < 5000; ++i)
+        endless += node(9, 9, "");
+    EXPECT_LT(device_path_text(endless).size(), 2000U);
+}
+
+TEST(text, hostile_text_is_shown_and_not_obeyed)
+{
+    const struct {
+        std::string from, to;
+    } cases[] = {
+        {"/usr/bin/caf\xc3\xa9 x", "/usr/bin/caf\xc3\xa9 x"},
+        {"a\nb\x1b[31m\x7f", "a\\x0ab\\x1b[31m\\x7f"},
+        {"\\x0a", "\\\\x0a"},
+        {"\xff\xc0\xaf", "\\xff\\xc0\\xaf"},          // overlong '/'
+        {"\xed\xa0\x80", "\\xed\\xa0\\x80"},          // a surrogate
+        {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"}, // beyond U+10FFFF
+        {"\xe2\x82", "\\xe2\\x82"},                   // cut
+        {"\xc2\x9b", "\\u{9b}"},                      // a one-character escape introducer
+        {"a\xe2\x80\xae"
+         "b",
+         "a\\u{202e}b"}, // right-to-left override
+        {"\xf0\x9f\x90\xa7", "\xf0\x9f\x90\xa7"},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(printable(c.from), c.to);
+    EXPECT_EQ(printable("abcdef", 3), "abc... (6 bytes)");
+    EXPECT_EQ(printable_utf16(bytes("3dd827dc3dd86100")), "\xf0\x9f\x90\xa7\\u{d83d}a");
+}
+
+TEST(check, only_passes_verify)
+{
+    using enum check_outcome;
+    const check good{"a", passed, ""}, bad{"b", failed, ""}, open{"c", not_made, ""};
+    EXPECT_EQ(verdict_line(std::vector{good, good}), "VERIFIED");
+    EXPECT_EQ(verdict_line({}), "NOT VERIFIED: no check was made");
+    EXPECT_EQ(verdict_line(std::vector{open}), "NOT VERIFIED: no check was made");
+    EXPECT_EQ(verdict_line(std::vector{good, open}), "NOT VERIFIED: 0 checks failed, 1 not made");
+    EXPECT_EQ(verdict_line(std::vector{good, bad}), "NOT VERIFIED: 1 check failed");
+    EXPECT_FALSE(all_passed({}));
+    EXPECT_FALSE(all_passed(std::vector{good, open}));
+}
+
+TEST(certificate, garbage_is_no_certificate)
+{
+    EXPECT_EQ(certificate_lines("\x30\x82\x00"s), std::vector<std::string>{"no DER certificate: 308200"});
+    EXPECT_EQ(certificate_lines(""), std::vector<std::string>{"no DER certificate: "});
+}

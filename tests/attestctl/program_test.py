@@ -1,0 +1,587 @@
+"""attestctl, the program, against a server that answers what each test wants."""
+
+import contextlib
+import json
+import os
+import pty
+import re
+import resource
+import signal
+import socket
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+from concurrent import futures
+
+import grpc
+import remote_attestation_api_pb2 as api
+
+PROGRAM = os.environ["ATTESTCTL"]
+DATA = os.environ["ATTEST_TEST_DATA"]
+SERVICE = "remote_attestation_api.RemoteAttestationApi"
+METHODS = {
+    "GetCertificate": (api.get_certificate_request, api.get_certificate_response),
+    "AttestPcrs": (api.attest_pcr_request, api.attest_pcr_response),
+    "GetPlatformBootIntegrityEventLogs": (
+        api.get_platform_boot_integrity_event_logs_request,
+        api.get_platform_boot_integrity_event_logs_response,
+    ),
+    "GetPlatformHwIntegrity": (api.get_platform_hw_integrity_request, api.get_platform_hw_integrity_response),
+    "GetPlatformImaEventLogs": (api.get_platform_ima_event_logs_request, api.get_platform_ima_event_logs_response),
+}
+STREAM = "StreamPlatformImaEventLogs"
+COMMANDS = {
+    "GetCertificate": ["certificate"],
+    "AttestPcrs": ["pcrs", "--pcr", "0,7"],
+    "GetPlatformBootIntegrityEventLogs": ["boot-log"],
+    "GetPlatformHwIntegrity": ["hw-integrity"],
+    "GetPlatformImaEventLogs": ["ima-log"],
+    STREAM: ["ima-log", "--stream"],
+}
+# Everything that a terminal, a log reader or a line-wise tool could take for more than text.
+HOSTILE = b"/a \x1b[2J\x07\r\nb\\x41\xff\xc0\xaf\xe2\x80\xae\xc2\x9b31m\xc3\xa9\x00\x7f\""
+STEERING = re.compile("[\x00-\x09\x0b-\x1f\x7f-\x9f\u200b-\u200f\u2028-\u202e\u2060-\u206f\ufeff]")
+
+
+class FakeNode:
+    """answers: method -> function (request, context) -> answer; a method without one answers without evidence."""
+
+    def __init__(self, answers, credentials=None):
+        self.requests = []
+
+        def handler(name, answer_type):
+            def handle(request, context):
+                self.requests.append(request)
+                return answers[name](request, context) if name in answers else answer_type()
+
+            return handle
+
+        def stream(request, context):
+            self.requests.append(request)
+            yield from answers.get(STREAM, lambda r, c: [api.NodeIMAData()])(request, context)
+
+        def encode(answer):
+            return answer if isinstance(answer, bytes) else answer.SerializeToString()
+
+        handlers = {
+            name: grpc.unary_unary_rpc_method_handler(handler(name, answer), request.FromString, encode)
+            for name, (request, answer) in METHODS.items()
+        }
+        handlers[STREAM] = grpc.unary_stream_rpc_method_handler(
+            stream, api.get_platform_ima_event_logs_request.FromString, encode
+        )
+        self.server = grpc.server(futures.ThreadPoolExecutor(4), options=[("grpc.max_send_message_length", -1)])
+        self.server.add_generic_rpc_handlers((grpc.method_handlers_generic_handler(SERVICE, handlers),))
+        port = (
+            self.server.add_secure_port("127.0.0.1:0", credentials)
+            if credentials
+            else self.server.add_insecure_port("127.0.0.1:0")
+        )
+        self.target = f"127.0.0.1:{port}"
+
+    def __enter__(self):
+        self.server.start()
+        return self
+
+    def __exit__(self, *_):
+        self.server.stop(0).wait()
+
+
+def run(target, *arguments, **more):
+    command = [PROGRAM] + (["--target", target] if target else []) + list(arguments)
+    return subprocess.run(command, capture_output=True, timeout=60, check=False, **more)
+
+
+def boot_events():
+    """The recorded boot log in the terms of the contract: one SHA-1 record, then records with two digests."""
+    with open(f"{DATA}/recorded-a-boot.bin", "rb") as file:
+        log = file.read()
+    algorithms = {0x04: (0, 20), 0x0B: (1, 32)}
+    at = 0
+
+    def take(size):
+        nonlocal at
+        at += size
+        return log[at - size : at]
+
+    def number(size):
+        return int.from_bytes(take(size), "little")
+
+    events = []
+    while at < len(log):
+        event = api.BOOT_EVENT(event_num=len(events) + 1, pcr_index=number(4), event_type=number(4))
+        if not events:
+            event.digests.add(hash_alg=0, digest=take(20))
+        else:
+            for _ in range(number(4)):
+                hash_alg, size = algorithms[number(2)]
+                event.digests.add(hash_alg=hash_alg, digest=take(size))
+        event.event_size = number(4)
+        event.event_data = take(event.event_size)
+        events.append(event)
+    return events
+
+
+def boot_log(events):
+    log = api.NodeBootIntegrityLog(node_name="rack1", events=events, uptime=5)
+    return api.get_platform_boot_integrity_event_logs_response(node_data=[log], flags=1)
+
+
+def ima_events(first, count, name=b"/usr/bin/true", **more):
+    return [
+        api.IMA_EVENT(
+            event_num=n, template_name=b"ima-ng", event_name=name, digest=b"d" * 32, digest_algo=b"sha256",
+            template_hash=b"t" * 20, pcr=10, duplicate=0, **more,
+        )
+        for n in range(first, first + count)
+    ]
+
+
+def ima_record(first, count, **more):
+    return api.NodeIMAData(node_name="rack1", events=ima_events(first, count, **more), uptime=9)
+
+
+def hostile_answers():
+    """One answer a method, hostile bytes wherever bytes can be; two of them with two sources."""
+    text = HOSTILE.decode("utf-8", "ignore")
+    certificates = api.SystemCertificates(
+        node_name=text, nonce=HOSTILE, sig_alg=2, signature=HOSTILE,
+        certs=[api.CERTIFICATE_ENTRY(name=text, data=HOSTILE), api.CERTIFICATE_ENTRY()],
+    )
+    pcrs = api.NodePCRData(
+        node_name=text, uptime=2**64 - 1, quote=HOSTILE, quote_signature=b"",
+        pcrs=[api.PCR_DUMP(index=0, value=HOSTILE), api.PCR_DUMP(index=2**32 - 1)],
+    )
+    # Every event type that has a layout of its own, with data that is none.
+    types = [*range(0x20), *(0x80000000 + i for i in range(0x12)), 0x800000E0, 0xFFFFFFFF]
+    events = [api.BOOT_EVENT(event_type=t, event_size=1, event_data=HOSTILE) for t in types] + [api.BOOT_EVENT()]
+    log = api.NodeBootIntegrityLog(node_name=text, events=events)
+    hardware = api.tpm_hw_integrity(
+        source_name=text, node_name=text, key_cert_name=text, quote=HOSTILE, sig_alg=1,
+        uid_digests_db0=[api.UID_DIGEST(index=0, digest=HOSTILE)], uid_digests_db1=[api.UID_DIGEST(digest=b"x")],
+    )
+    event = api.IMA_EVENT(
+        event_num=2**64 - 1, template_name=HOSTILE, event_name=HOSTILE, digest=HOSTILE, digest_algo=HOSTILE,
+        template_hash=bytes(20), pcr=2**32 - 1, signature=HOSTILE, duplicate=1,
+    )
+    ima = api.NodeIMAData(node_name=text, events=[event, api.IMA_EVENT()], uptime=0)
+    return {
+        "GetCertificate": api.get_certificate_response(node_data=[certificates, certificates]),
+        "AttestPcrs": api.attest_pcr_response(node_data=[pcrs], nonce=HOSTILE, flags=1),
+        "GetPlatformBootIntegrityEventLogs": api.get_platform_boot_integrity_event_logs_response(node_data=[log]),
+        "GetPlatformHwIntegrity": api.get_platform_hw_integrity_response(node_data=[hardware], nonce=b""),
+        "GetPlatformImaEventLogs": api.get_platform_ima_event_logs_response(node_data=[ima, ima], flags=1),
+        STREAM: ima,
+    }
+
+
+def as_functions(answers):
+    return {
+        name: (lambda r, c, a=answer: [a] if isinstance(a, api.NodeIMAData) else a)
+        for name, answer in answers.items()
+    }
+
+
+def kernel_name(text):
+    """The bytes behind a name of --json."""
+    pieces = re.findall(r"\\\\|\\x[0-9a-f]{2}|[^\\]", text, re.DOTALL)
+    assert "".join(pieces) == text, text
+    return b"".join(
+        b"\\" if p == "\\\\" else bytes.fromhex(p[2:]) if p.startswith("\\x") else p.encode() for p in pieces
+    )
+
+
+def from_json(value, message):
+    """A message from an object of --json, through the descriptor alone."""
+    for name, item in value.items():
+        field = message.DESCRIPTOR.fields_by_name[name]
+        if field.type == field.TYPE_MESSAGE:
+            for element in item:
+                from_json(element, getattr(message, name).add())
+        elif field.type == field.TYPE_BYTES:
+            kernel = name in ("event_name", "template_name", "digest_algo")
+            setattr(message, name, kernel_name(item) if kernel else bytes.fromhex(item))
+        else:
+            setattr(message, name, item)
+    return message
+
+
+class Program(unittest.TestCase):
+    maxDiff = None
+
+    def expect(self, done, status, stderr="", stdout=None):
+        """`stderr` is a regular expression for the one line that is said, empty for none."""
+        words = done.stderr.decode()
+        self.assertEqual(done.returncode, status, words)
+        self.assertRegex(words, rf"\Aattestctl: {stderr}\n\Z" if stderr else r"\A\Z")
+        if stdout is not None:
+            self.assertEqual(done.stdout.decode(), stdout)
+
+
+class Answers(Program):
+    def test_boot_log_table_names_what_another_reader_finds(self):
+        answer = boot_log(boot_events())
+        with FakeNode({"GetPlatformBootIntegrityEventLogs": lambda r, c: answer}) as node:
+            done = run(node.target, "boot-log")
+        self.expect(done, 0)
+        table = done.stdout.decode()
+        other = subprocess.run(
+            ["tpm2_eventlog", f"{DATA}/recorded-a-boot.bin"], capture_output=True, check=True
+        ).stdout.decode()
+        self.assertEqual(
+            re.findall(r"PCR +(\d+)  (EV_\w+)", table), re.findall(r"PCRIndex: (\d+)\n  EventType: (EV_\w+)", other)
+        )
+        digests = [d.digest.hex() for e in answer.node_data[0].events for d in e.digests]
+        self.assertEqual(re.findall(r"^ +sha(?:1|256) +([0-9a-f]+)$", table, re.MULTILINE), digests)
+        self.assertEqual(re.findall(r"variable (\w+),", table), re.findall(r"UnicodeName: (\w+)", other))
+        self.assertNotIn("does not fit", table)
+
+    def test_json_is_the_content_of_the_message(self):
+        answers = hostile_answers()
+        with FakeNode(as_functions(answers)) as node:
+            for method, command in COMMANDS.items():
+                done = run(node.target, "--json", *command)
+                self.expect(done, 0)
+                lines = done.stdout.decode().split("\n")
+                self.assertEqual((len(lines), lines[-1]), (2, ""), method)
+                self.assertIsNone(STEERING.search(lines[0]), method)
+                answer = answers[method]
+                self.assertEqual(from_json(json.loads(lines[0]), type(answer)()), answer)
+
+    def test_hostile_text_never_reaches_a_terminal(self):
+        with FakeNode(as_functions(hostile_answers())) as node:
+            for command in [*COMMANDS.values(), ["attest"], ["attest", "--json"]]:
+                done = run(node.target, *command)
+                text = done.stdout.decode() + done.stderr.decode()
+                self.assertIn("\\x1b", text.replace("\\u001b", "\\x1b"), command)
+                self.assertIsNone(STEERING.search(text), command)
+
+    def test_requests_say_what_was_asked(self):
+        with FakeNode({}) as node:
+            run(node.target, "certificate", "--name", "Kestrin VOXA", "--nonce", "00fF")
+            run(node.target, "pcrs", "--pcr=10,0,10", "--nonce", "")
+            run(node.target, "hw-integrity", "--hash-algo", "2")
+            run(node.target, "hw-integrity")
+            run(node.target, "ima-log", "--start", "18446744073709551615", "--count", "7")
+        certificate, pcrs, hardware, again, ima = node.requests
+        self.assertEqual(certificate, api.get_certificate_request(cert_name="Kestrin VOXA", nonce=b"\0\xff"))
+        self.assertEqual(pcrs, api.attest_pcr_request(pcr_indices=[10, 0, 10], nonce=b""))
+        self.assertEqual((hardware.hash_algo, again.HasField("hash_algo")), (2, False))
+        self.assertEqual((len(hardware.nonce), len(again.nonce)), (32, 32))
+        self.assertNotEqual(hardware.nonce, again.nonce)
+        self.assertEqual(ima, api.get_platform_ima_event_logs_request(start_event=2**64 - 1, event_count=7))
+
+    def test_ima_table_marks_come_before_names(self):
+        events = ima_events(1, 2) + ima_events(3, 1, signature=b"s")
+        events[1].duplicate = 1
+        events[1].template_hash = bytes(20)
+        answer = api.get_platform_ima_event_logs_response(node_data=[api.NodeIMAData(node_name="n", events=events)])
+        with FakeNode({"GetPlatformImaEventLogs": lambda r, c: answer}) as node:
+            table = run(node.target, "ima-log").stdout.decode()
+        self.assertEqual(re.findall(r"^ +(\d+) +10  (\S+)  ima-ng", table, re.MULTILINE),
+                         [("1", "---"), ("2", "DV-"), ("3", "--S")])
+
+    def test_huge_answer_is_taken(self):
+        answer = api.get_platform_ima_event_logs_response(
+            node_data=[ima_record(1, 20, signature=bytes(1_000_000))]
+        )
+        with FakeNode({"GetPlatformImaEventLogs": lambda r, c: answer}) as node:
+            done = run(node.target, "ima-log", "--json")
+        self.expect(done, 0)
+        self.assertGreater(len(done.stdout), 40_000_000)
+
+
+class Attest(Program):
+    def test_without_checks_nothing_is_verified(self):
+        with FakeNode(as_functions(hostile_answers())) as node:
+            done = run(node.target, "attest")
+            machine = json.loads(run(node.target, "attest", "--json").stdout)
+        self.expect(done, 1)
+        self.assertEqual(done.stdout.decode().split("\n")[-2], "NOT VERIFIED: no check was made")
+        self.assertEqual(len(re.findall(r"  came ", done.stdout.decode())), 6)
+        self.assertEqual((machine["verified"], len(machine["evidence"])), (False, 6))
+        nonces = [r.nonce for r in node.requests[:6] if "nonce" in r.DESCRIPTOR.fields_by_name]
+        self.assertEqual(len(set(nonces)), 4)
+
+    def test_what_is_missing_is_said_and_the_rest_still_asked(self):
+        def refuse(_, context):
+            context.abort(grpc.StatusCode.UNIMPLEMENTED, "not here")
+
+        with FakeNode({"AttestPcrs": refuse}) as node:
+            done = run(node.target, "attest")
+        self.expect(done, 1)
+        self.assertIn("UNIMPLEMENTED: not here", done.stdout.decode())
+        self.assertEqual(done.stdout.decode().count("missing"), 6)
+
+    def test_silent_node_does_not_cost_a_timeout_a_kind(self):
+        with FakeNode({"GetCertificate": lambda r, c: time.sleep(2)}) as node:
+            done = run(node.target, "--timeout", "0.3", "attest")
+        self.expect(done, 2, ".*DEADLINE_EXCEEDED: no answer within 0.3 s")
+        self.assertIn("NOT VERIFIED", done.stdout.decode())
+        self.assertEqual(len(node.requests), 1)
+
+
+class Failures(Program):
+    def test_answer_without_evidence(self):
+        with FakeNode({}) as node:
+            for command in COMMANDS.values():
+                self.expect(run(node.target, *command), 1, rf"{node.target} answered without evidence: no [\w ]+")
+
+    def test_rpc_error_in_one_line(self):
+        def refuse(_, context):
+            context.abort(grpc.StatusCode.RESOURCE_EXHAUSTED, "too\nbig \x1b[2J")
+
+        with FakeNode({name: refuse for name in COMMANDS}) as node:
+            for command in COMMANDS.values():
+                done = run(node.target, *command)
+                self.expect(done, 2, r".*: RESOURCE_EXHAUSTED: too\\x0abig \\x1b\[2J", "")
+
+    def test_no_answer_in_time(self):
+        def hang(request, context):
+            time.sleep(2)
+            return api.get_certificate_response()
+
+        with FakeNode({"GetCertificate": hang}) as node:
+            done = run(node.target, "certificate", "--timeout", "0.3")
+        self.expect(done, 2, ".*: DEADLINE_EXCEEDED: no answer within 0.3 s")
+
+    def test_nobody_there(self):
+        with socket.socket() as unused:
+            unused.bind(("127.0.0.1", 0))
+            target = f"127.0.0.1:{unused.getsockname()[1]}"
+            for command in COMMANDS.values():
+                self.expect(run(target, *command), 2, f"cannot reach {target}: .*Connection refused")
+            self.expect(run(target, "attest"), 2, f"cannot reach {target}: .*Connection refused", "")
+
+    def test_somebody_there_who_says_nothing(self):
+        with socket.create_server(("127.0.0.1", 0)) as silent:
+            target = f"127.0.0.1:{silent.getsockname()[1]}"
+            done = run(target, "boot-log", "--timeout", "0.5")
+        self.expect(done, 2, f"cannot reach {target}: no connection within 0.5 s")
+
+    def test_unknown_host(self):
+        self.expect(run("nowhere.invalid:1", "boot-log"), 2, "cannot reach nowhere.invalid:1: .+")
+
+    def test_answer_that_is_no_message(self):
+        for garbage in (b"\x0a\xff\xff\xff\xff\x0f", b"\x0a\x03\x0a\x01\xff"):  # cut; a name that is no UTF-8
+            answers = {name: lambda r, c: garbage for name in METHODS}
+            answers[STREAM] = lambda r, c: iter([ima_record(1, 2), garbage, ima_record(3, 2)])
+            with FakeNode(answers) as node:
+                for command in COMMANDS.values():
+                    self.expect(run(node.target, *command), 2, ".*: the answer is no message of .*")
+
+    def test_output_that_cannot_be_written(self):
+        answers = {
+            "GetPlatformBootIntegrityEventLogs": lambda r, c: boot_log(boot_events()),
+            STREAM: lambda r, c: (ima_record(1 + 1000 * i, 1000) for i in range(3)),
+        }
+        with FakeNode(answers) as node, open("/dev/full", "wb") as full:
+            for command in (["boot-log"], ["ima-log", "--stream"]):
+                done = subprocess.run(
+                    [PROGRAM, "--target", node.target, *command], stdout=full, stderr=subprocess.PIPE, check=False
+                )
+                self.expect(done, 2, "cannot write the output: No space left on device")
+
+    def test_usage(self):
+        cases = [
+            ([], "a command is missing"),
+            (["bogus"], 'unknown command "bogus"'),
+            (["boot-log", "ima-log"], 'unexpected "ima-log" after boot-log'),
+            (["--bogus", "boot-log"], "unknown option --bogus"),
+            (["--target"], "--target needs a value: --target HOST:PORT"),
+            (["--target", "host", "boot-log"], "--target must be HOST:PORT.*"),
+            (["--target", "host:0", "boot-log"], "--target must be HOST:PORT.*"),
+            (["--target", "::1:50551", "boot-log"], "--target must be HOST:PORT.*"),
+            (["--target", "[::1]", "boot-log"], "--target must be HOST:PORT.*"),
+            (["--timeout", "0", "boot-log"], "--timeout must be .*"),
+            (["--timeout", "nan", "boot-log"], "--timeout must be .*"),
+            (["--json=1", "boot-log"], "--json takes no value"),
+            (["--json", "boot-log", "--json"], "--json is given twice"),
+            (["pcrs"], "pcrs needs --pcr"),
+            (["pcrs", "--pcr", "0,,1"], "--pcr must be .*"),
+            (["pcrs", "--pcr", "-1"], "--pcr must be .*"),
+            (["pcrs", "--pcr", "4294967296"], "--pcr must be .*"),
+            (["pcrs", "--pcr", ",".join(["0"] * 256)], "--pcr must be .*"),
+            (["pcrs", "--pcr", "0", "--nonce", "abc"], "--nonce must be .*"),
+            (["certificate", "--nonce", "0g"], "--nonce must be .*"),
+            (["certificate", "--name", ""], "--name must not be empty.*"),
+            (["boot-log", "--nonce", "00"], "--nonce is no option of boot-log"),
+            (["ima-log", "--start", "18446744073709551616"], "--start must be .*"),
+            (["ima-log", "--count", "1x"], "--count must be .*"),
+            (["hw-integrity", "--hash-algo", "-1"], "--hash-algo must be .*"),
+            (["attest", "--root", "x"], "unknown option --root"),
+            (["--ca", "x", "boot-log"], "--ca, --cert and --key are given together.*"),
+            (["--server-name", "x", "boot-log"], "--server-name needs .*"),
+            (["boot\nlog\x1b"], r'unknown command "boot\\x0alog\\x1b"'),
+        ]
+        for arguments, words in cases:
+            with self.subTest(arguments=arguments):
+                self.expect(run(None, *arguments), 2, words + r" \(see attestctl --help\)", "")
+
+    def test_help_names_every_command(self):
+        whole = run(None, "--help")
+        self.expect(whole, 0)
+        for command in [*COMMANDS.values(), ["attest"]]:
+            self.assertIn(f"  {command[0]} ", whole.stdout.decode())
+            for option in command[1:2]:
+                self.assertIn(option, run(None, command[0], "--help").stdout.decode())
+        self.assertRegex(run(None, "--version").stdout.decode(), r"\Aattestctl \d+\.\d+\.\d+\n\Z")
+
+
+class Stream(Program):
+    def test_pieces_come_out_as_one_list(self):
+        pieces = [ima_record(1, 1000), ima_record(1001, 1000), ima_record(2001, 5)]
+        with FakeNode({STREAM: lambda r, c: iter(pieces)}) as node:
+            table = run(node.target, "ima-log", "--stream")
+            lines = run(node.target, "ima-log", "--stream", "--json")
+        self.expect(table, 0)
+        numbers = re.findall(r"^ +(\d+) +10", table.stdout.decode(), re.MULTILINE)
+        self.assertEqual(numbers, [str(n) for n in range(1, 2006)])
+        self.assertEqual(table.stdout.decode().count("node rack1"), 1)
+        self.expect(lines, 0)
+        records = [from_json(json.loads(x), api.NodeIMAData()) for x in lines.stdout.decode().splitlines()]
+        self.assertEqual(records, pieces)
+
+    def test_list_that_the_node_gave_up_is_no_success(self):
+        with FakeNode({STREAM: lambda r, c: iter([ima_record(1, 1000), api.NodeIMAData()])}) as node:
+            done = run(node.target, "ima-log", "--stream")
+        self.expect(done, 1, ".* ended the stream early, after 1,000 events .*")
+
+    def test_list_with_nothing_new_is_a_success(self):
+        with FakeNode({STREAM: lambda r, c: iter([ima_record(1, 0)])}) as node:
+            self.expect(run(node.target, "ima-log", "--stream", "--start", "9"), 0)
+
+    def test_time_limit_is_for_each_message_and_not_for_all(self):
+        def slowly(request, context):
+            for i in range(4):
+                yield ima_record(1 + i, 1)
+                time.sleep(0.4)
+
+        def stalls(request, context):
+            yield ima_record(1, 1)
+            time.sleep(3)
+
+        with FakeNode({STREAM: slowly}) as node:
+            self.expect(run(node.target, "--timeout", "1", "ima-log", "--stream"), 0)
+        with FakeNode({STREAM: stalls}) as node:
+            done = run(node.target, "--timeout", "0.5", "ima-log", "--stream")
+        self.expect(done, 2, ".*: no message within 0.5 s, after 1 event .*")
+
+    def test_interrupt_ends_it_and_says_what_came(self):
+        gone = threading.Event()
+
+        def endless(request, context):
+            context.add_callback(gone.set)
+            yield ima_record(1, 3)
+            gone.wait(30)
+
+        with FakeNode({STREAM: endless}) as node:
+            command = [PROGRAM, "--target", node.target, "ima-log", "--stream", "--json"]
+            with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as child:
+                first = child.stdout.readline()
+                child.send_signal(signal.SIGINT)
+                words = child.stderr.read().decode()
+                status = child.wait(30)
+            self.assertTrue(gone.wait(10), "the node was not told")
+        self.assertEqual(len(json.loads(first)["events"]), 3)
+        self.assertEqual((status, words.split(",")[0]),
+                         (130, "attestctl: interrupted after 3 events (the last is number 3) in 1 message"))
+
+    def test_progress_is_for_terminals(self):
+        proceed = threading.Event()
+
+        def pieces(request, context):
+            yield ima_record(1, 1000)
+            proceed.wait(30)
+            yield ima_record(1001, 10)
+
+        main, side = pty.openpty()
+        with FakeNode({STREAM: pieces}) as node:
+            command = [PROGRAM, "--target", node.target, "ima-log", "--stream"]
+            with subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=side) as child:
+                os.close(side)
+                seen = b""
+                with contextlib.suppress(OSError):  # the terminal's end
+                    while piece := os.read(main, 4096):
+                        seen += piece
+                        if b"1,000 events" in seen:
+                            proceed.set()
+                self.assertEqual(child.wait(30), 0)
+        os.close(main)
+        self.assertRegex(seen.decode(), r"\r\x1b\[K1,000 events, [\d,]+/s, 0\.\d MB")
+        self.assertRegex(seen.decode(), r"\r\x1b\[Kattestctl: received 1,010 events .* in 2 messages.*\r\n\Z")
+
+    def test_memory_does_not_grow_with_the_list(self):
+        def peak_kb(count):
+            message = ima_record(1, 1000, signature=bytes(1000))  # 1.15 MB on the wire
+            with FakeNode({STREAM: lambda r, c: (message for _ in range(count))}) as node:
+                command = [PROGRAM, "--target", node.target, "ima-log", "--stream"]
+                environment = {**os.environ, "ASAN_OPTIONS": "quarantine_size_mb=4"}
+                with subprocess.Popen(command, stdout=subprocess.DEVNULL, env=environment) as child:
+                    _, status, usage = os.wait4(child.pid, 0)
+                    child.returncode = os.waitstatus_to_exitcode(status)
+            self.assertEqual(child.returncode, 0)
+            return usage.ru_maxrss
+
+        self.assertLess(peak_kb(250) - peak_kb(20), 20_000)
+
+
+class Tls(Program):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.TemporaryDirectory()
+        for name in ("ca", "other"):
+            cls.openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "2",
+                        "-subj", f"/CN={name}", "-keyout", f"{name}.key", "-out", f"{name}.pem")
+        for name in ("node", "verifier"):
+            cls.openssl("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj",
+                        f"/CN={name}", "-addext", f"subjectAltName=DNS:{name}.example", "-keyout", f"{name}.key",
+                        "-out", f"{name}.csr")
+            cls.openssl("x509", "-req", "-in", f"{name}.csr", "-CA", "ca.pem", "-CAkey", "ca.key", "-days", "2",
+                        "-copy_extensions", "copy", "-out", f"{name}.pem")
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.folder.cleanup()
+
+    @classmethod
+    def openssl(cls, *arguments):
+        subprocess.run(["openssl", *arguments], cwd=cls.folder.name, check=True, capture_output=True)
+
+    def node(self):
+        def read(name):
+            with open(f"{self.folder.name}/{name}", "rb") as file:
+                return file.read()
+
+        credentials = grpc.ssl_server_credentials(
+            [(read("node.key"), read("node.pem"))], read("ca.pem"), require_client_auth=True
+        )
+        return FakeNode({"GetPlatformBootIntegrityEventLogs": lambda r, c: boot_log([])}, credentials)
+
+    def ask(self, target, ca="ca.pem", cert="verifier.pem", key="verifier.key", name="node.example"):
+        tls = ["--ca", ca, "--cert", cert, "--key", key] + (["--server-name", name] if name else [])
+        return run(target, *tls, "boot-log", cwd=self.folder.name)
+
+    def test_each_side_must_know_the_other(self):
+        with self.node() as node:
+            self.expect(self.ask(node.target), 0)
+            refused = f"cannot reach {node.target}: .+"
+            self.expect(self.ask(node.target, ca="other.pem"), 2, refused)
+            self.expect(self.ask(node.target, name="stranger.example"), 2, refused)
+            self.expect(self.ask(node.target, name=None), 2, refused)
+            self.expect(self.ask(node.target, cert="other.pem", key="other.key"), 2, f"({refused}|.*UNAVAILABLE.*)")
+            self.expect(self.ask(node.target, key="other.key"), 2, ".+")
+            self.expect(run(node.target, "boot-log"), 2, f"({refused}|.*UNAVAILABLE.*)")
+
+    def test_files_that_are_none(self):
+        self.expect(self.ask("127.0.0.1:1", ca="absent"), 2, "cannot read absent: No such file or directory")
+        self.expect(self.ask("127.0.0.1:1", key="."), 2, r"cannot read \.: Is a directory")
+        self.expect(self.ask("127.0.0.1:1", cert="/dev/null"), 2, "/dev/null is no PEM file")
+        self.expect(self.ask("127.0.0.1:1", cert="/dev/zero"), 2, "/dev/zero is no PEM file")
+
+
+if __name__ == "__main__":
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+    unittest.main()
