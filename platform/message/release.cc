@@ -27,5 +27,5 @@ void message_release(const message_descriptor &descriptor, void *message)
             break;
         }
     }
-    std::memset(message, 0, descriptor.size);
+    std::memset(message, 0, descriptor.structure_size);
 }
