@@ -69,7 +69,8 @@ const sample &log_sample()
 
 void read_log(benchmark::State &state)
 {
-    char path[] = "/tmp/boot_log_bench_XXXXXX";
+    static char path[] = "/tmp/boot_log_bench_XXXXXX";
+    std::memset(path + sizeof path - 7, 'X', 6); // a run before has filled them in
     unique_fd file(mkstemp(path));
     scope_exit remove([&] { unlink(path); });
     const std::vector<std::byte> &log = log_sample().log;
@@ -79,7 +80,7 @@ void read_log(benchmark::State &state)
     }
     sb_log_name = path;
     attest_dbg_flag_agent = &off;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         NodeBootIntegrityLog message;
         if (attestation_get_local_sb_event_logs(&message) != ATTEST_OK || message.events.count != EVENTS)
             state.SkipWithError("the log was not read");
@@ -90,17 +91,19 @@ void read_log(benchmark::State &state)
 void copy_parts(benchmark::State &state)
 {
     const sample &made = log_sample();
-    for (auto _ : state) {
-        malloc_ptr<message_bytes[]> copies(
-            static_cast<message_bytes *>(std::malloc(made.parts.size() * sizeof(message_bytes))));
-        for (std::size_t i = 0; i < made.parts.size(); ++i) {
-            auto [offset, length] = made.parts[i];
-            copies[i] = {static_cast<std::uint8_t *>(std::malloc(length)), length};
-            std::memcpy(copies[i].data, made.log.data() + offset, length);
+    while (state.KeepRunning()) {
+        auto *copies = static_cast<message_bytes *>(std::malloc(made.parts.size() * sizeof(message_bytes)));
+        message_bytes *end = copies;
+        for (auto [offset, length] : made.parts) {
+            end->length = length;
+            end->data = static_cast<std::uint8_t *>(std::malloc(length));
+            std::memcpy(end->data, made.log.data() + offset, length);
+            ++end;
         }
         benchmark::ClobberMemory();
-        for (std::size_t i = 0; i < made.parts.size(); ++i)
-            std::free(copies[i].data);
+        while (end > copies)
+            std::free((--end)->data);
+        std::free(copies);
     }
 }
 
