@@ -154,14 +154,18 @@ bool populate_tpm_12_eventlog(const boot_record &record, std::uint32_t event_num
     return true;
 }
 
-bool grow_events(message_list<BOOT_EVENT> &events, std::uint32_t &capacity)
+// Room for all records, in steps of 200. All of it before the first event: grown between the many small
+// allocations of the events, the array would be moved at every step.
+bool allocate_events(std::uint32_t record_count, NodeBootIntegrityLog &log)
 {
-    std::uint32_t grown = capacity + EVENT_ARRAY_GROWTH;
-    void *items = std::realloc(events.items, grown * sizeof(BOOT_EVENT));
-    if (items == nullptr)
-        return false;
-    events.items = static_cast<BOOT_EVENT *>(items);
-    capacity = grown;
+    for (std::uint32_t capacity = 0; capacity < record_count;) {
+        capacity += EVENT_ARRAY_GROWTH;
+        void *items = std::realloc(log.events.items, capacity * sizeof(BOOT_EVENT));
+        if (items == nullptr)
+            return false;
+        log.events.items = static_cast<BOOT_EVENT *>(items);
+        log.present |= NodeBootIntegrityLog::has_events;
+    }
     return true;
 }
 
@@ -170,19 +174,15 @@ bool grow_events(message_list<BOOT_EVENT> &events, std::uint32_t &capacity)
 std::uint32_t populate_events(std::span<const std::byte> file, const boot_log_framing &framing,
                               NodeBootIntegrityLog &log)
 {
+    message_list<BOOT_EVENT> &events = log.events;
+    if (!allocate_events(framing.record_count, log)) {
+        attest_trace_as(READER, "Failed to allocate event log");
+        return ATTEST_ERR_NO_MEMORY;
+    }
     byte_cursor records(file);
     boot_record record = {};
     boot_log_misfit misfit = {};
-    message_list<BOOT_EVENT> &events = log.events;
-    std::uint32_t capacity = 0;
     while (!records.at_end() && next_boot_record(records, framing, record, misfit)) {
-        if (events.count == capacity) {
-            if (!grow_events(events, capacity)) {
-                attest_trace_as(READER, "Failed to allocate event log");
-                return ATTEST_ERR_NO_MEMORY;
-            }
-            log.present |= NodeBootIntegrityLog::has_events;
-        }
         BOOT_EVENT &event = events.items[events.count];
         event = {};
         if (!record.crypto_agile) {
