@@ -15,22 +15,23 @@
 
 namespace {
 
-// Posts the resume once a refused stream can make progress worth it. A message that alone is larger than the
-// marks waits for an empty queue.
-void look_for_resume(rpc_client &client)
+// Tells the loop what a queue that has drained allows: the flow-resume callback of a refused stream, and the
+// delivery of requests that were held back.
+void look_for_room(rpc_client &client)
 {
-    const rpc_limits &limits = client.shared->limits;
-    const bool fits = client.queued == 0 || client.queued + client.refused <= limits.queue_high_bytes;
-    if (!client.resume_wanted || client.queued > limits.queue_low_bytes || !fits)
-        return;
-    client.resume_wanted = false;
-    rpc_event event{rpc_event::kind::drained, {}, {}, {}};
-    for (const auto &call : client.calls) {
-        if (call->paused)
-            event.client = call->client;
+    const std::uint64_t low = client.shared->limits.queue_low_bytes;
+    if (client.resume_wanted && client.queued <= low) {
+        client.resume_wanted = false;
+        const auto paused = std::find_if(client.calls.begin(), client.calls.end(),
+                                         [](const auto &call) { return call->paused; });
+        if (paused != client.calls.end())
+            rpc_post(*client.shared, {rpc_event::kind::drained, (*paused)->client, nullptr, {}});
     }
-    if (event.client != nullptr)
-        rpc_post(*client.shared, std::move(event));
+    if (!client.held.empty() && rpc_client_unread_answers(client) <= low) {
+        for (rpc_event &event : client.held)
+            rpc_post(*client.shared, std::move(event));
+        client.held.clear();
+    }
 }
 
 void drop_front(rpc_call &call)
@@ -80,7 +81,7 @@ void end_locked(rpc_call &call, rpc_code code, std::string text)
     call.paused = false;
     drop_waiting(call);
     pump(call);
-    look_for_resume(*call.client);
+    look_for_room(*call.client);
 }
 
 void cancel_locked(rpc_call &call)
@@ -89,7 +90,7 @@ void cancel_locked(rpc_call &call)
     call.was_paused = std::exchange(call.paused, false) || call.was_paused;
     drop_waiting(call);
     pump(call);
-    look_for_resume(*call.client);
+    look_for_room(*call.client);
 }
 
 std::uint64_t cost_of(const rpc_call &call, std::uint64_t size)
@@ -106,8 +107,8 @@ void queue_locked(rpc_call &call, rpc_message message, bool last)
     pump(call);
 }
 
-// Answers of the layer itself are a few bytes, or the contract's description once asked for; they are counted,
-// not refused.
+// Answers of the layer itself are a few bytes, or the contract's description once asked for; they are
+// counted, not refused.
 void answer_locked(rpc_call &call, const std::string &bytes, bool last)
 {
     rpc_message message{malloc_ptr<std::byte>(static_cast<std::byte *>(std::malloc(bytes.size() + 1))),
@@ -243,7 +244,7 @@ void rpc_call_written(rpc_call &call, bool ok)
     if (!ok)
         cancel_locked(call);
     pump(call);
-    look_for_resume(*call.client);
+    look_for_room(*call.client);
     const bool next_question = call.method->kind == rpc_method_kind::reflection && call.queue.empty() &&
                                !call.ended && !call.cancelled && call.reactor != nullptr;
     if (next_question) {
@@ -270,15 +271,15 @@ void rpc_call_done(const std::shared_ptr<rpc_call> &call)
         rpc_post(*client.shared, {rpc_event::kind::call_over, call->client, call, {}});
     else
         std::erase(client.calls, call);
-    look_for_resume(client);
+    look_for_room(client);
 }
 
 std::shared_ptr<rpc_call> rpc_call_find(rpc_client &client, std::uint32_t request_id)
 {
     const std::lock_guard guard(client.lock);
-    const auto found =
-        std::find_if(client.calls.begin(), client.calls.end(),
-                     [request_id](const auto &call) { return call->request_id == request_id; });
+    const auto found = std::find_if(client.calls.begin(), client.calls.end(), [request_id](const auto &call) {
+        return call->request_id == request_id;
+    });
     return found == client.calls.end() ? nullptr : *found;
 }
 
@@ -291,7 +292,8 @@ std::int32_t rpc_call_reserve(rpc_call &call, std::uint64_t size, bool last, std
     if (call.cancelled || call.ended)
         return REMOTE_ATTESTATION_API_NO_CLIENT;
     *cost = cost_of(call, size);
-    const bool full = client.queued != 0 && client.queued + *cost > limits.queue_high_bytes;
+    const bool full =
+        client.queued > limits.queue_low_bytes && client.queued + *cost > limits.queue_high_bytes;
     if (!full || (last && size <= limits.end_allowance_bytes)) {
         client.queued += *cost;
         return 0;
@@ -303,7 +305,6 @@ std::int32_t rpc_call_reserve(rpc_call &call, std::uint64_t size, bool last, std
         return REMOTE_ATTESTATION_API_FLOW_CLOSED;
     }
     call.paused = true;
-    client.refused = *cost;
     client.resume_wanted = true;
     return REMOTE_ATTESTATION_API_FLOW_CLOSED;
 }
@@ -312,7 +313,7 @@ void rpc_call_give_room_back(rpc_call &call, std::uint64_t cost)
 {
     const std::lock_guard guard(call.client->lock);
     call.client->queued -= cost;
-    look_for_resume(*call.client);
+    look_for_room(*call.client);
 }
 
 std::int32_t rpc_call_send(rpc_call &call, rpc_message message, bool last)
@@ -320,7 +321,7 @@ std::int32_t rpc_call_send(rpc_call &call, rpc_message message, bool last)
     const std::lock_guard guard(call.client->lock);
     if (call.cancelled) {
         call.client->queued -= message.cost;
-        look_for_resume(*call.client);
+        look_for_room(*call.client);
         return REMOTE_ATTESTATION_API_NO_CLIENT;
     }
     queue_locked(call, std::move(message), last);

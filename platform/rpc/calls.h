@@ -1,4 +1,5 @@
-// A call from both sides: what gRPC's threads tell, and what the loop's thread sends. The send queue lives here.
+// A call from both sides: what gRPC's threads tell, and what the loop's thread sends. The send queue lives
+// here.
 #pragma once
 
 #include <cstdint>
@@ -28,7 +29,8 @@ std::shared_ptr<rpc_call> rpc_call_find(rpc_client &client, std::uint32_t reques
 
 // Reserves room in the client's queue for a message of `size` bytes: 0 and its cost, or why it is not taken.
 std::int32_t rpc_call_reserve(rpc_call &call, std::uint64_t size, bool last, std::uint64_t *cost);
-// Queues a message for which room was reserved. 0, or REMOTE_ATTESTATION_API_NO_CLIENT with the room given back.
+// Queues a message for which room was reserved. 0, or REMOTE_ATTESTATION_API_NO_CLIENT with the room given
+// back.
 std::int32_t rpc_call_send(rpc_call &call, rpc_message message, bool last);
 void rpc_call_give_room_back(rpc_call &call, std::uint64_t cost);
 
@@ -39,6 +41,13 @@ void rpc_call_end(rpc_call &call, rpc_code code, std::string text);
 bool rpc_call_is_outstanding(rpc_call &call);
 
 // ---- a client's calls, on the loop's thread ----
+
+// Bytes of answers that are complete and that the client has not taken. Under the client's lock.
+std::uint64_t rpc_client_unread_answers(const rpc_client &client);
+// Whether the agent may have the request now. Not when the client has given it up; and not yet, and then it
+// comes again, while the client has not taken the answers before: so answers of any size can be asked for one
+// after the other, or all at once, and never more than one large one is kept.
+bool rpc_client_take_delivery(rpc_client &client, const rpc_event &request);
 
 // Whether a call waits for the client for longer than the limit. `moved`: bytes went out since the last time.
 bool rpc_client_is_stalled(rpc_client &client, std::uint64_t now_ms, bool moved);

@@ -41,6 +41,30 @@ void rpc_post(rpc_shared &shared, rpc_event event)
     levm_post(shared.manager, rpc_server_read_inbox, reinterpret_cast<void *>(shared.server_number));
 }
 
+std::uint64_t rpc_client_unread_answers(const rpc_client &client)
+{
+    std::uint64_t unread = 0;
+    for (const auto &call : client.calls) {
+        for (const rpc_message &message : call->queue)
+            unread += call->ended ? message.cost : 0;
+    }
+    return unread;
+}
+
+bool rpc_client_take_delivery(rpc_client &client, const rpc_event &request)
+{
+    rpc_call &call = *request.call;
+    const std::lock_guard guard(client.lock);
+    const bool wanted = !call.cancelled && !call.ended;
+    if (wanted && rpc_client_unread_answers(client) > client.shared->limits.queue_low_bytes) {
+        client.held.push_back(request);
+        return false;
+    }
+    --client.undelivered;
+    call.delivered = wanted;
+    return wanted;
+}
+
 bool rpc_client_is_stalled(rpc_client &client, std::uint64_t now_ms, bool moved)
 {
     const std::lock_guard guard(client.lock);
@@ -98,6 +122,7 @@ bool rpc_client_shut(rpc_client &client)
         const std::lock_guard guard(client.lock);
         client.gone = true;
         calls.swap(client.calls);
+        client.held.clear();
     }
     bool outstanding = false;
     for (const auto &call : calls) {

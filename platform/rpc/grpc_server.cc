@@ -4,8 +4,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <grpc/support/log.h>
-#include <grpcpp/grpcpp.h>
 #include <grpcpp/generic/async_generic_service.h>
+#include <grpcpp/grpcpp.h>
 #include <mutex>
 #include <pthread.h>
 #include <syslog.h>
@@ -56,8 +56,8 @@ grpc::Status status_of(rpc_code code, const std::string &text)
 
 } // namespace
 
-// gRPC's threads run the On... functions, the other operations come from calls.cc. It deletes itself when gRPC is
-// done with the call, after which nobody has its address any more.
+// gRPC's threads run the On... functions, the other operations come from calls.cc. It deletes itself when
+// gRPC is done with the call, after which nobody has its address any more.
 struct rpc_reactor final : grpc::ServerGenericBidiReactor {
     std::shared_ptr<rpc_call> call;
     grpc::ByteBuffer incoming, outgoing;
@@ -106,8 +106,8 @@ void rpc_reactor_read(rpc_reactor *reactor)
     reactor->StartRead(&reactor->incoming);
 }
 
-// Written through: the confirmation comes when the socket has taken the bytes, not when gRPC has buffered them, so
-// that what counts as queued is what the client has not taken.
+// Written through: the confirmation comes when the socket has taken the bytes, not when gRPC has buffered
+// them, so that what counts as queued is what the client has not taken.
 void rpc_reactor_write(rpc_reactor *reactor, rpc_message &message, bool last)
 {
     grpc::WriteOptions options;

@@ -1,5 +1,5 @@
-// Every bound of the RPC layer, in one place, each with its reason. The defaults are what the daemon runs with;
-// there is no setting for them. Tests set smaller ones before they activate a server.
+// Every bound of the RPC layer, in one place, each with its reason. The defaults are what the daemon runs
+// with; there is no setting for them. Tests set smaller ones before they activate a server.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,8 @@
 struct remote_attestation_api_server;
 
 struct rpc_limits {
-    // A node is asked by a handful of verifiers. With two descriptors each this stays far below the usual 1024.
+    // A node is asked by a handful of verifiers. With two descriptors each this stays far below the usual
+    // 1024.
     std::uint32_t connections = 256;
     // There are six operations, answered one at a time; more calls of one client only wait. Announced as
     // HTTP/2's SETTINGS_MAX_CONCURRENT_STREAMS.
@@ -17,8 +18,10 @@ struct rpc_limits {
     // Header fields of a call: what HTTP/2 servers commonly take.
     std::uint32_t metadata_bytes = 8 * 1024;
 
-    // Above the high mark a client's queue refuses a message; at the low mark a refused stream is resumed. The
-    // distance is about 15 messages of 1000 events, so that a slow client costs few pauses and not one a message.
+    // A message that would take a client's queue over the high mark is refused, unless the queue is at the
+    // low mark or below: a single message may be larger than both. At the low mark a refused stream is
+    // resumed. The distance is about 15 messages of 1000 events, so that a slow client costs few pauses and
+    // not one a message.
     std::uint64_t queue_high_bytes = std::uint64_t{8} << 20;
     std::uint64_t queue_low_bytes = std::uint64_t{2} << 20;
     // What a queued message costs besides its bytes, so that empty messages are bounded too.

@@ -8,8 +8,9 @@
 
 namespace {
 
-constexpr const char *TOO_LARGE = "the answer cannot be put into one message; StreamPlatformImaEventLogs sends "
-                                  "the measurement list in parts";
+constexpr const char *TOO_LARGE =
+    "the answer cannot be put into one message; StreamPlatformImaEventLogs sends "
+    "the measurement list in parts";
 
 // Into one block of exactly its size, which gRPC takes over.
 bool encode(const message_descriptor &descriptor, const void *message, rpc_message *encoded)
@@ -77,16 +78,18 @@ std::int32_t remote_attestation_api_get_platform_boot_integrity_event_logs_Resp(
     return send_response(client, response, last, request_id);
 }
 
-std::int32_t remote_attestation_api_get_platform_ima_event_logs_Resp(
-    remote_attestation_api_client client, const get_platform_ima_event_logs_response *response, int last,
-    std::uint32_t, std::uint32_t request_id)
+std::int32_t
+remote_attestation_api_get_platform_ima_event_logs_Resp(remote_attestation_api_client client,
+                                                        const get_platform_ima_event_logs_response *response,
+                                                        int last, std::uint32_t, std::uint32_t request_id)
 {
     return send_response(client, response, last, request_id);
 }
 
-std::int32_t remote_attestation_api_get_platform_hw_integrity_Resp(
-    remote_attestation_api_client client, const get_platform_hw_integrity_response *response, int last,
-    std::uint32_t, std::uint32_t request_id)
+std::int32_t
+remote_attestation_api_get_platform_hw_integrity_Resp(remote_attestation_api_client client,
+                                                      const get_platform_hw_integrity_response *response,
+                                                      int last, std::uint32_t, std::uint32_t request_id)
 {
     return send_response(client, response, last, request_id);
 }

@@ -34,19 +34,10 @@ void answer_garbage(remote_attestation_api_server &server, rpc_connection &conne
         rpc_call_send(call, {nullptr, 0, cost}, true);
 }
 
-// Whether the agent may have it; not when the client has given it up in the meantime.
-bool take_delivery(rpc_call &call)
-{
-    const std::lock_guard guard(call.client->lock);
-    --call.client->undelivered;
-    call.delivered = !call.cancelled && !call.ended;
-    return call.delivered;
-}
-
 void on_request(remote_attestation_api_server &server, const rpc_event &event)
 {
     rpc_connection *connection = rpc_connection_find(event.client->id);
-    if (!take_delivery(*event.call) || connection == nullptr)
+    if (connection == nullptr || !rpc_client_take_delivery(*event.client, event))
         return;
     const rpc_delivery result = event.call->method->deliver(server.callbacks, event.client->id, event.request,
                                                             event.call->request_id);

@@ -78,7 +78,7 @@ rpc_connection *rpc_connection_find(remote_attestation_api_client client);
 void rpc_connection_open(remote_attestation_api_server &server, unique_fd socket,
                          const remote_attestation_api_endpoint &remote);
 
-// Ends a connection: the error callback with `error` (an errno) if a call was outstanding, then the disconnect
-// callback. `reset` drops what the client has not taken yet.
+// Ends a connection: the error callback with `error` (an errno) if a call was outstanding, then the
+// disconnect callback. `reset` drops what the client has not taken yet.
 void rpc_connection_close(rpc_connection &connection, int error, bool reset);
 void rpc_connection_close_all(remote_attestation_api_server &server, int error);

@@ -60,7 +60,8 @@ bool port_from_environment(std::uint32_t *port)
 std::uint32_t read_endpoint(const remote_attestation_api_activation *parameters,
                             remote_attestation_api_endpoint *endpoint)
 {
-    if (parameters == nullptr || (parameters->present & remote_attestation_api_activation::has_address) == 0) {
+    if (parameters == nullptr ||
+        (parameters->present & remote_attestation_api_activation::has_address) == 0) {
         operator_log(LOG_ERR, "the remote attestation API cannot be served: no address was given");
         return platform_status_from_errno(EINVAL);
     }
@@ -167,8 +168,8 @@ std::uint32_t read_tls(const std::string &directory, rpc_tls *tls)
 std::string rpc_endpoint_text(const remote_attestation_api_endpoint &endpoint)
 {
     const std::uint32_t a = endpoint.address;
-    return std::to_string(a >> 24) + '.' + std::to_string(a >> 16 & 255) + '.' + std::to_string(a >> 8 & 255) +
-           '.' + std::to_string(a & 255) + ':' + std::to_string(endpoint.port);
+    return std::to_string(a >> 24) + '.' + std::to_string(a >> 16 & 255) + '.' +
+           std::to_string(a >> 8 & 255) + '.' + std::to_string(a & 255) + ':' + std::to_string(endpoint.port);
 }
 
 std::uint32_t rpc_settings_read(const remote_attestation_api_activation *parameters, rpc_settings *settings)

@@ -24,9 +24,9 @@ struct rpc_settings {
     rpc_tls tls;
 };
 
-// 0, or a status that was told to the operator: EINVAL for missing or bad parameters, EACCES for plaintext on an
-// address that is not loopback, what reading a file gave, EBADMSG for a file that is not PEM, EKEYREJECTED for a
-// key that is not the certificate's.
+// 0, or a status that was told to the operator: EINVAL for missing or bad parameters, EACCES for plaintext on
+// an address that is not loopback, what reading a file gave, EBADMSG for a file that is not PEM, EKEYREJECTED
+// for a key that is not the certificate's.
 std::uint32_t rpc_settings_read(const remote_attestation_api_activation *parameters, rpc_settings *settings);
 
 // "a.b.c.d:port".

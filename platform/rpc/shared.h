@@ -1,13 +1,13 @@
 // What the loop's thread and gRPC's threads share.
 //
-// Threads. Everything of the public interface, the listener, the connection table and every callback of the agent
-// belong to the loop's thread. gRPC's threads open calls, read requests, confirm writes and tell cancellations
-// (calls.h); they never run the agent's code and never wait for the loop. What the loop must know of it is an
-// event in the inbox.
+// Threads. Everything of the public interface, the listener, the connection table and every callback of the
+// agent belong to the loop's thread. gRPC's threads open calls, read requests, confirm writes and tell
+// cancellations (calls.h); they never run the agent's code and never wait for the loop. What the loop must
+// know of it is an event in the inbox.
 //
-// Locks. rpc_shared::lock guards the peers and the inbox; rpc_client::lock guards a client's queue and its calls.
-// The shared lock may be taken while a client's lock is held, not the other way round. Operations of a call are
-// started under its client's lock: gRPC completes them on its own threads, never inside the start.
+// Locks. rpc_shared::lock guards the peers and the inbox; rpc_client::lock guards a client's queue and its
+// calls. The shared lock may be taken while a client's lock is held, not the other way round. Operations of a
+// call are started under its client's lock: gRPC completes them on its own threads, never inside the start.
 #pragma once
 
 #include <cstdint>
@@ -23,6 +23,7 @@
 #include "platform/rpc/limits.h"
 
 struct rpc_call;
+struct rpc_client;
 struct rpc_method;
 struct rpc_reactor; // gRPC's side of a call (grpc_server.cc)
 struct rpc_shared;
@@ -33,6 +34,14 @@ struct rpc_message {
     std::uint64_t cost = 0; // what it counts for in the client's queue
 };
 
+struct rpc_event {
+    enum class kind { request, call_over, drained };
+    kind what;
+    std::shared_ptr<rpc_client> client;
+    std::shared_ptr<rpc_call> call; // not of `drained`
+    std::vector<std::byte> request;
+};
+
 // A client as its calls see it.
 struct rpc_client {
     std::uint64_t id = 0;
@@ -41,9 +50,9 @@ struct rpc_client {
     std::mutex lock;
     bool gone = false;
     std::uint64_t queued = 0;      // accepted and not yet confirmed written: the sum of the costs
-    std::uint64_t refused = 0;     // cost of the message that was refused last
     bool resume_wanted = false;    // a stream was refused, and not told yet that it may go on
-    std::uint32_t undelivered = 0; // requests in the inbox
+    std::uint32_t undelivered = 0; // requests in the inbox, and those held back
+    std::deque<rpc_event> held;    // requests that wait until earlier answers are taken
     std::vector<std::shared_ptr<rpc_call>> calls;
 };
 
@@ -83,14 +92,6 @@ struct rpc_call {
     std::string text;
 };
 
-struct rpc_event {
-    enum class kind { request, call_over, drained };
-    kind what;
-    std::shared_ptr<rpc_client> client;
-    std::shared_ptr<rpc_call> call; // not of `drained`
-    std::vector<std::byte> request;
-};
-
 struct rpc_shared {
     rpc_limits limits;
     std::string instance;
@@ -98,7 +99,7 @@ struct rpc_shared {
     std::uint64_t server_number = 0;
 
     std::mutex lock;
-    bool closed = false;                                                   // events are dropped
+    bool closed = false;                                                  // events are dropped
     std::unordered_map<std::uint64_t, std::shared_ptr<rpc_client>> peers; // by rpc_peer_key
     std::vector<rpc_event> inbox;
     bool posted = false;

@@ -169,9 +169,8 @@ TEST_F(Connections, RunningOutOfDescriptorsDelaysAConnectionAndLosesNone)
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(node.port);
     const int connected = connect(client.get(), reinterpret_cast<sockaddr *>(&address), sizeof address);
-    const bool rested = node.wait([&] {
-        return node.on_loop([&] { return node.server->accept_watch == nullptr; });
-    });
+    const bool rested =
+        node.wait([&] { return node.on_loop([&] { return node.server->accept_watch == nullptr; }); });
     setrlimit(RLIMIT_NOFILE, &former);
     filler.clear();
     ASSERT_EQ(connected, 0);
@@ -200,7 +199,8 @@ TEST_F(Connections, DeactivationEndsThemWithTheirCallbacksAndLeavesThePort)
 TEST(Activation, NoServerIsAStatus)
 {
     const remote_attestation_api_activation parameters{HAS_ADDRESS, {0x7F000001, 0}};
-    EXPECT_EQ(remote_attestation_api_server_activate(nullptr, &parameters), platform_status_from_errno(EINVAL));
+    EXPECT_EQ(remote_attestation_api_server_activate(nullptr, &parameters),
+              platform_status_from_errno(EINVAL));
     EXPECT_EQ(remote_attestation_api_server_handle_destroy(nullptr), platform_status_from_errno(EINVAL));
     remote_attestation_api_server *server = nullptr;
     EXPECT_NE(remote_attestation_api_server_handle_create(&server, nullptr, 0), 0u);
@@ -231,7 +231,8 @@ TEST(Activation, ThePortComesFromTheEnvironmentWhenAbsentAndBadOnesAreRefused)
         setenv("ATTEST_PORT", bad, 1);
         EXPECT_EQ(node.start_with({HAS_ADDRESS, {0x7F000001, 0}}), platform_status_from_errno(EINVAL)) << bad;
     }
-    EXPECT_EQ(node.start_with({HAS_ADDRESS | HAS_PORT, {0x7F000001, 65536}}), platform_status_from_errno(EINVAL));
+    EXPECT_EQ(node.start_with({HAS_ADDRESS | HAS_PORT, {0x7F000001, 65536}}),
+              platform_status_from_errno(EINVAL));
     EXPECT_EQ(node.start_with({HAS_PORT, {0x7F000001, 0}}), platform_status_from_errno(EINVAL));
     ASSERT_EQ(node.start(), 0u);
     setenv("ATTEST_PORT", std::to_string(node.port).c_str(), 1);
@@ -266,11 +267,16 @@ TEST(Activation, TlsFilesThatCannotServeAreRefused)
         const char *content; // null: the file is missing
         int error;
     } cases[] = {
-        {"server.crt", nullptr, ENOENT},     {"server.key", nullptr, ENOENT},
-        {"client-ca.crt", nullptr, ENOENT},  {"server.crt", "", EBADMSG},
-        {"server.key", "", EBADMSG},         {"client-ca.crt", "", EBADMSG},
-        {"server.crt", "no PEM", EBADMSG},   {"server.key", "no PEM", EBADMSG},
-        {"client-ca.crt", "nope", EBADMSG},  {"server.key", tls_files::other_key, EKEYREJECTED},
+        {"server.crt", nullptr, ENOENT},
+        {"server.key", nullptr, ENOENT},
+        {"client-ca.crt", nullptr, ENOENT},
+        {"server.crt", "", EBADMSG},
+        {"server.key", "", EBADMSG},
+        {"client-ca.crt", "", EBADMSG},
+        {"server.crt", "no PEM", EBADMSG},
+        {"server.key", "no PEM", EBADMSG},
+        {"client-ca.crt", "nope", EBADMSG},
+        {"server.key", tls_files::other_key, EKEYREJECTED},
         {"server.key", tls_files::encrypted_key, EBADMSG},
     };
     const scope_exit unset([] { unsetenv("ATTEST_TLS_DIR"); });
@@ -279,7 +285,8 @@ TEST(Activation, TlsFilesThatCannotServeAreRefused)
         setenv("ATTEST_TLS_DIR", files.server_directory().c_str(), 1);
         files.replace(c.file, c.content);
         server_harness node;
-        EXPECT_EQ(node.start(), platform_status_from_errno(c.error)) << c.file << ": " << (c.content ? c.content : "-");
+        EXPECT_EQ(node.start(), platform_status_from_errno(c.error))
+            << c.file << ": " << (c.content ? c.content : "-");
     }
     setenv("ATTEST_TLS_DIR", "/nowhere", 1);
     server_harness node;

@@ -1,7 +1,7 @@
 // Flow control, and clients that stop reading, cancel, or vanish.
 #include <fstream>
-#include <gtest/gtest.h>
 #include <grpcpp/grpcpp.h>
+#include <gtest/gtest.h>
 
 #include "api/remote_attestation_api.grpc.pb.h"
 #include "platform/owners.h"
@@ -68,7 +68,8 @@ protected:
             const auto result = send_stream(client, request_id, next, MESSAGE, next + 1 == end);
             if (result == 0)
                 continue;
-            node.tell(result == REMOTE_ATTESTATION_API_FLOW_CLOSED ? "refused" : "failed", client, request_id);
+            node.tell(result == REMOTE_ATTESTATION_API_FLOW_CLOSED ? "refused" : "failed", client,
+                      request_id);
             return;
         }
         node.tell("sent", client, request_id);
@@ -246,8 +247,9 @@ TEST_F(Flow, SmallAnswersPassAFullQueueAndLargeOnesAreRefusedWithAStatus)
         remote_attestation_api_get_platform_ima_event_logs_Resp(who, &response, 1, 0, id);
     };
     const auto stream = open_refused_stream();
-    for (const auto &[bytes, code] : {std::pair{std::size_t{1000}, grpc::StatusCode::OK},
-                                      std::pair{std::size_t{3'000'000}, grpc::StatusCode::RESOURCE_EXHAUSTED}}) {
+    for (const auto &[bytes, code] :
+         {std::pair{std::size_t{1000}, grpc::StatusCode::OK},
+          std::pair{std::size_t{3'000'000}, grpc::StatusCode::RESOURCE_EXHAUSTED}}) {
         node.on_loop([&, bytes = bytes] { size = bytes; });
         grpc::ClientContext context;
         api::get_platform_ima_event_logs_response response;

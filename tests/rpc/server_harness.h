@@ -1,5 +1,5 @@
-// A server on a loop of its own thread, with callbacks that write down what they are told and then do what the
-// test wants. Anything that touches the server runs on the loop through on_loop.
+// A server on a loop of its own thread, with callbacks that write down what they are told and then do what
+// the test wants. Anything that touches the server runs on the loop through on_loop.
 #pragma once
 
 #include <condition_variable>
@@ -29,8 +29,8 @@ public:
     std::function<void(remote_attestation_api_client, const get_certificate_request &, std::uint32_t)>
         on_certificate;
     std::function<void(remote_attestation_api_client, const attest_pcr_request &, std::uint32_t)> on_pcrs;
-    std::function<void(remote_attestation_api_client,
-                       const get_platform_boot_integrity_event_logs_request &, std::uint32_t)>
+    std::function<void(remote_attestation_api_client, const get_platform_boot_integrity_event_logs_request &,
+                       std::uint32_t)>
         on_boot_log;
     std::function<void(remote_attestation_api_client, const get_platform_hw_integrity_request &,
                        std::uint32_t)>
@@ -42,7 +42,8 @@ public:
     server_harness();
     ~server_harness();
 
-    // Creates a server with these limits and callbacks and activates it on a free port. The activation's status.
+    // Creates a server with these limits and callbacks and activates it on a free port. The activation's
+    // status.
     std::uint32_t start();
     std::uint32_t start_with(const remote_attestation_api_activation &parameters);
     std::string target() const { return "127.0.0.1:" + std::to_string(port); }
@@ -57,8 +58,8 @@ public:
         return task.get_future().get();
     }
 
-    // Waits until the condition holds, looking again whenever a callback was called and now and then; false after
-    // a minute, which no machine is slow enough for.
+    // Waits until the condition holds, looking again whenever a callback was called and now and then; false
+    // after a minute, which no machine is slow enough for.
     bool wait(const std::function<bool()> &condition);
     std::size_t count(const std::string &what) const;
     bool wait_count(const std::string &what, std::size_t n);
@@ -80,7 +81,8 @@ private:
     std::thread loop_;
 };
 
-// A stream message of about `size` bytes, with `number` as its uptime; the bytes are shared, nothing to release.
+// A stream message of about `size` bytes, with `number` as its uptime; the bytes are shared, nothing to
+// release.
 struct stream_message {
     stream_message(std::uint64_t number, std::size_t size);
     NodeIMAData data{};
