@@ -186,7 +186,7 @@ std::string command_help(const command_row &command)
     std::string own;
     append_options(own, of(command.id));
     std::string out = "Usage: attestctl [OPTION]... " + std::string(command.name) + " [OPTION]...\n";
-    out += "Show " + std::string(command.help) + ".\n";
+    out += "Ask for the " + std::string(command.help) + ".\n";
     if (command.id == command_id::attest)
         out = "Usage: attestctl [OPTION]... attest\n"
               "Ask for every kind of evidence with fresh nonces, check it, say VERIFIED or NOT VERIFIED.\n";

@@ -1,6 +1,7 @@
 """attestctl, the program, against a server that answers what each test wants."""
 
 import contextlib
+import hashlib
 import json
 import os
 import pty
@@ -365,7 +366,8 @@ class Failures(Program):
         self.expect(run("nowhere.invalid:1", "boot-log"), 2, "cannot reach nowhere.invalid:1: .+")
 
     def test_answer_that_is_no_message(self):
-        for garbage in (b"\x0a\xff\xff\xff\xff\x0f", b"\x0a\x03\x0a\x01\xff"):  # cut; a name that is no UTF-8
+        no_utf8 = b"\x0a\x03\x0a\x01\xff\x12\x03\x0a\x01\xff"  # the first string of a record, as field 1 and 2
+        for garbage in (b"\x0a\xff\xff\xff\xff\x0f", no_utf8):
             answers = {name: lambda r, c: garbage for name in METHODS}
             answers[STREAM] = lambda r, c: iter([ima_record(1, 2), garbage, ima_record(3, 2)])
             with FakeNode(answers) as node:
@@ -574,6 +576,20 @@ class Tls(Program):
             self.expect(self.ask(node.target, cert="other.pem", key="other.key"), 2, f"({refused}|.*UNAVAILABLE.*)")
             self.expect(self.ask(node.target, key="other.key"), 2, ".+")
             self.expect(run(node.target, "boot-log"), 2, f"({refused}|.*UNAVAILABLE.*)")
+
+    def test_certificates_are_shown_in_words(self):
+        self.openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj",
+                     "/CN=caf\u00e9\x1b[2J", "-utf8", "-keyout", "/dev/null", "-out", "c.der", "-outform", "DER")
+        with open(f"{self.folder.name}/c.der", "rb") as file:
+            entry = api.CERTIFICATE_ENTRY(name="Kestrin AIK", data=file.read())
+        record = api.SystemCertificates(node_name="n", certs=[entry])
+        answer = api.get_certificate_response(node_data=[record])
+        with FakeNode({"GetCertificate": lambda r, c: answer}) as node:
+            done = run(node.target, "certificate")
+        self.expect(done, 0)
+        fingerprint = hashlib.sha256(entry.data).hexdigest()
+        self.assertRegex(done.stdout.decode(), r"subject  CN=caf\u00e9\\1B\[2J\n")
+        self.assertIn(f"sha256   {fingerprint}\n  no signature\n", done.stdout.decode())
 
     def test_files_that_are_none(self):
         self.expect(self.ask("127.0.0.1:1", ca="absent"), 2, "cannot read absent: No such file or directory")
