@@ -32,6 +32,7 @@ public:
     {
         arguments.insert(arguments.begin(), ATTEST_TRACE_PROGRAM);
         std::vector<char *> argv;
+        argv.reserve(arguments.size() + 1);
         for (std::string &argument : arguments)
             argv.push_back(argument.data());
         argv.push_back(nullptr);
