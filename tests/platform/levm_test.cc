@@ -89,7 +89,7 @@ TEST_F(levm_test, PostsOfManyThreadsAllRunInEachThreadsOrder)
     std::fill_n(newest, THREADS, -1);
     total = 0;
     std::vector<post> posts;
-    posts.reserve(THREADS * POSTS);
+    posts.reserve(std::size_t{THREADS} * POSTS);
     for (int i = 0; i < THREADS * POSTS; ++i)
         posts.push_back({this, i / POSTS, i % POSTS});
     auto work = [](void *context) {
