@@ -94,8 +94,8 @@ void initialise_ring(trace_ring_header &header, std::size_t data_size)
     std::atomic_ref(header.magic).store(TRACE_RING_MAGIC);
 }
 
-// The coarse clock has the kernel's tick (1 to 10 ms). The fine one costs nearly as much as formatting a short
-// line, and lines keep their order without it.
+// The coarse clock has the kernel's tick (1 to 10 ms). The fine one costs nearly as much as formatting a
+// short line, and lines keep their order without it.
 std::uint64_t now_ns()
 {
     timespec now{};
