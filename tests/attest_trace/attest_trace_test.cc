@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <memory>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -40,6 +41,7 @@ public:
         std::array<int, 2> errors{};
         EXPECT_EQ(pipe2(output.data(), O_CLOEXEC) | pipe2(errors.data(), O_CLOEXEC), 0);
         if ((pid_ = fork()) == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
             dup2(output[1], STDOUT_FILENO);
             dup2(errors[1], STDERR_FILENO);
             execv(argv[0], argv.data());

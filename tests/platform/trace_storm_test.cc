@@ -5,7 +5,6 @@
 #include <csignal>
 #include <map>
 #include <pthread.h>
-#include <sched.h>
 #include <sstream>
 #include <thread>
 #include <unistd.h>
@@ -65,8 +64,8 @@ protected:
             writers[writer] = std::thread([&running, writer] {
                 for (int number = 0; number < LINES; ++number) {
                     // However the machine schedules, signals keep pace with the lines.
-                    while (signal_lines < number / 40)
-                        sched_yield();
+                    while (signal_lines < number / 100)
+                        usleep(20);
                     trace_log(nullptr, storm_buffer, &storm_site, "w%d n%d %s", writer, number,
                               payload(writer, number).c_str());
                 }
