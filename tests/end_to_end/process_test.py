@@ -22,6 +22,11 @@ class Process(unittest.TestCase):
         under = ["--", *wrapper] if wrapper else []
         return node.agent("start", f"ATTEST_RUN_DIR={self.run_dir}", *settings, *under, check=check)
 
+    def start_and_settle(self, *settings):
+        """The port listens a moment before the agent says so: waits for the last line of a start."""
+        self.start(*settings)
+        node.wait_for(lambda: STARTED in self.trace(), "the trace of the start")
+
     def trace(self):
         return node.trace(self.run_dir)
 
@@ -31,7 +36,7 @@ class Process(unittest.TestCase):
 
 class StartUp(Process):
     def test_order_of_a_start(self):
-        self.start("ATTEST_NODE_NAME=card7")
+        self.start_and_settle("ATTEST_NODE_NAME=card7")
         lines = self.trace()
         self.assertTrue(any(line.startswith("attestation_local_init(): ") for line in lines))
         self.assertEqual(lines[-1], STARTED)
@@ -81,7 +86,7 @@ class StartUp(Process):
 
     def test_a_flag_that_cannot_be_registered_is_traced(self):
         os.mkdir(f"{self.run_dir}/trace_flags")
-        self.start()
+        self.start_and_settle()
         lines = self.trace()
         self.assertTrue(lines[0].startswith("attest_dbg_init(): failed to init attest debug flag, rc="), lines)
         self.assertEqual(lines[-1], STARTED)
@@ -103,14 +108,14 @@ class Termination(Process):
                           f"at_agent_signal_handler(): Signal originated from process pid={pid} and name={name}"])
 
     def test_sender_is_named(self):
-        self.start()
+        self.start_and_settle()
         os.kill(node.agent_pid(), signal.SIGTERM)
         with open("/proc/self/cmdline", encoding="utf-8") as own:
             name = own.read().split("\0")[0]
         self.expect_end(os.getpid(), name)
 
     def test_sender_that_is_gone_is_named_by_its_path(self):
-        self.start()
+        self.start_and_settle()
         agent = node.agent_pid()
         os.kill(agent, signal.SIGSTOP)  # the signal waits until its sender is gone
         sender = subprocess.Popen(["python3", "-c", f"import os; os.kill({agent}, {signal.SIGTERM.value})"])
@@ -119,7 +124,7 @@ class Termination(Process):
         self.expect_end(sender.pid, f"/proc/{sender.pid}/cmdline")
 
     def test_long_name_is_cut(self):
-        self.start()
+        self.start_and_settle()
         sender = subprocess.Popen(["x" * 300, "-c", f"kill -TERM {node.agent_pid()}; read line"],
                                   executable="/bin/sh", stdin=subprocess.PIPE)
         self.expect_end(sender.pid, "x" * 199)
