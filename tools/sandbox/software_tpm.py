@@ -8,7 +8,7 @@ import time
 from failure import NODE_FAILED, Failure
 from layout import TPM_SOCKET, WITHOUT_CAPABILITIES
 
-START_LIMIT_S = 20
+START_LIMIT_S = 60
 
 TPM_ST_NO_SESSIONS = 0x8001
 TPM_CC_SELF_TEST = 0x143
