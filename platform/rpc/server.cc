@@ -21,6 +21,15 @@ remote_attestation_api_server *find_server(std::uint64_t number)
     return found == all_servers.end() ? nullptr : found->second;
 }
 
+// An error of a client drops its paused stream, whichever it was: it is not raised for a call that is not
+// paused while another one is.
+void raise_error(remote_attestation_api_server &server, const rpc_event &event, int error)
+{
+    const bool another_paused = !event.call->was_paused && rpc_client_has_paused(*event.client);
+    if (!another_paused && server.callbacks.error != nullptr)
+        server.callbacks.error(event.client->id, nullptr, platform_status_from_errno(error));
+}
+
 // Bytes that are no request are answered here, with a message without any field: handing the agent an empty
 // request instead would have it gather evidence that nobody asked for.
 void answer_garbage(remote_attestation_api_server &server, rpc_connection &connection, rpc_call &call)
@@ -41,22 +50,19 @@ void on_request(remote_attestation_api_server &server, const rpc_event &event)
         return;
     const rpc_delivery result = event.call->method->deliver(server.callbacks, event.client->id, event.request,
                                                             event.call->request_id);
-    if (result == rpc_delivery::undecodable)
+    if (result == rpc_delivery::undecodable) {
         answer_garbage(server, *connection, *event.call);
-    else if (result == rpc_delivery::no_callback)
+        raise_error(server, event, EBADMSG);
+    } else if (result == rpc_delivery::no_callback) {
         rpc_call_end(*event.call, rpc_code::unimplemented, "not served here");
+    }
 }
 
-// An error of a client drops its paused stream, whichever it was: it is not raised for a call that is not
-// paused while another one is.
 void on_call_over(remote_attestation_api_server &server, const rpc_event &event)
 {
     rpc_client_forget_call(*event.client, event.call.get());
-    if (rpc_connection_find(event.client->id) == nullptr || !rpc_call_is_outstanding(*event.call))
-        return;
-    const bool another_paused = !event.call->was_paused && rpc_client_has_paused(*event.client);
-    if (!another_paused && server.callbacks.error != nullptr)
-        server.callbacks.error(event.client->id, nullptr, platform_status_from_errno(ECANCELED));
+    if (rpc_connection_find(event.client->id) != nullptr && rpc_call_is_outstanding(*event.call))
+        raise_error(server, event, ECANCELED);
 }
 
 void on_drained(remote_attestation_api_server &server, const rpc_event &event)

@@ -255,6 +255,7 @@ TEST_F(Calls, LargeAnswersAreServedOneAfterTheOtherAndAllAtOnce)
 TEST_F(Calls, ARequestThatCannotBeDecodedIsAnsweredWithoutEvidence)
 {
     serve();
+    std::string expected = "connect";
     for (const char *operation :
          {"GetCertificate", "AttestPcrs", "GetPlatformBootIntegrityEventLogs", "GetPlatformHwIntegrity",
           "GetPlatformImaEventLogs", "StreamPlatformImaEventLogs"}) {
@@ -263,9 +264,13 @@ TEST_F(Calls, ARequestThatCannotBeDecodedIsAnsweredWithoutEvidence)
             const auto status = ask(channel, SERVICE + operation, request, &answer);
             EXPECT_TRUE(status.ok()) << operation << ": " << status.error_message();
             EXPECT_EQ(answer, "") << operation;
+            expected += " error";
         }
     }
-    EXPECT_EQ(node.order(), "connect");
+    // The agent is told of each, once, and none reaches an operation of it.
+    ASSERT_TRUE(node.wait_count("error", 18));
+    EXPECT_EQ(node.order(), expected);
+    EXPECT_EQ(node.last("error").number, platform_status_from_errno(EBADMSG));
 }
 
 TEST_F(Calls, UnknownFieldsAreSkipped)
