@@ -1,8 +1,8 @@
 // The trust-anchor client library: what the agent may ask of the node's TPM 2.0.
 //
 // Every operation returns a status: KOV_SUCCESS (1), else a failure that kov_status_string puts into words,
-// and then every output is null or 0. 0 is never returned. A null or unknown context, session or handle is a
-// failure like any other, never a crash. No call waits longer than the transport's bound for each command to
+// and then every output is null or 0. 0 is never returned. A null argument, or a signing handle that is not the
+// session's, is a failure like any other. No call waits longer than the transport's bound for each command to
 // the TPM (kov_linux_ipc_*: 30 s); after a transport failure the remaining calls of the session fail at once
 // and the next login connects anew.
 //
