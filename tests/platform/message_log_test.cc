@@ -86,7 +86,7 @@ std::size_t count(const std::string &text, const std::string &part)
 
 TEST(message_log_test, JournalGetsEveryFieldByItself)
 {
-    LOGGED(entry, true, [] { raise_system_message(msg_rec_attestation_agent_init, "trace buffer"); });
+    LOGGED(entry, true, [] { raise_system_message(msg_rec_attestation_agent_init, "trace buffer\n"); });
     EXPECT_EQ(entry, "PRIORITY=3\n"
                      "SYSLOG_IDENTIFIER=attestation_agent\n"
                      "MESSAGE_FACILITY=MGBL\n"

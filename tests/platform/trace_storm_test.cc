@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <map>
 #include <pthread.h>
+#include <sched.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -63,6 +64,9 @@ protected:
         for (int writer = 0; writer < THREADS; ++writer) {
             writers[writer] = std::thread([&running, writer] {
                 for (int number = 0; number < LINES; ++number) {
+                    // However the machine schedules, signals keep pace with the lines.
+                    while (signal_lines < number / 40)
+                        sched_yield();
                     trace_log(nullptr, storm_buffer, &storm_site, "w%d n%d %s", writer, number,
                               payload(writer, number).c_str());
                 }

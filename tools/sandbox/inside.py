@@ -3,7 +3,7 @@
 takes the parts down again. Whatever it leaves ends with the sandbox.
 
     inside.py run CONFIGURATION      the node; CONFIGURATION is what outside.py says, in JSON
-    inside.py enter COMMAND ...      one more command in a running node
+    inside.py enter DIRECTORY COMMAND ...  one more command in a running node
 """
 import ipaddress
 import json
@@ -178,7 +178,9 @@ def try_to(action):
         print(f"tools/node: {failure}", file=sys.stderr)
 
 
-def enter(argv):
+def enter(directory, argv):
+    """Becomes the command, in the caller's directory where the sandbox has it."""
+    os.chdir(directory if os.path.isdir(directory) else "/")
     environment = command_environment()
     try:
         argv = which(argv, environment)
@@ -189,7 +191,7 @@ def enter(argv):
 
 def main(verb, arguments):
     try:
-        return run(json.loads(arguments[0])) if verb == "run" else enter(arguments)
+        return run(json.loads(arguments[0])) if verb == "run" else enter(arguments[0], arguments[1:])
     except Failure as failure:
         print(f"tools/node: {failure}", file=sys.stderr)
         return failure.status
