@@ -94,8 +94,8 @@ void initialise_ring(trace_ring_header &header, std::size_t data_size)
     std::atomic_ref(header.magic).store(TRACE_RING_MAGIC);
 }
 
-// The coarse clock has the kernel's tick (1 to 10 ms) and costs a tenth of the fine one, which alone can cost
-// as much as formatting a short line. Lines keep their order without it.
+// The coarse clock has the kernel's tick (1 to 10 ms). The fine one costs nearly as much as formatting a
+// short line, and lines keep their order without it.
 std::uint64_t now_ns()
 {
     timespec now{};
@@ -110,7 +110,7 @@ trace_word *cell_at(const trace_buffer &buffer, std::uint64_t position)
 }
 
 // Two words that the processor moves at once; their store is two atomic ones for everybody who looks. The
-// language has no name for that, and single words made long lines twice as dear.
+// language has no name for that, and single words made long lines a fifth dearer.
 typedef std::uint64_t word_pair __attribute__((vector_size(16), may_alias, aligned(8)));
 
 // Copies the text's cells and gives their sums. A writer that slept for a whole lap may meet another one in
@@ -122,7 +122,7 @@ put_text(const trace_buffer &buffer, std::uint64_t position, const char *text, s
     word_pair sums_of_sums[2] = {};
     for (std::size_t cell = 0; cell < cells; ++cell, text += TRACE_CELL_SIZE, position += TRACE_CELL_SIZE) {
         auto *to = reinterpret_cast<word_pair *>(cell_at(buffer, position));
-        for (int half = 0; half < 2; ++half) {
+        for (std::size_t half = 0; half < 2; ++half) {
             word_pair words;
             std::memcpy(&words, text + 16 * half, sizeof words);
             sums[half] += words;

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <charconv>
 #include <cstdlib>
-#include <cstring>
 #include <utility>
 
 #include "platform/remote_attestation_api.h"
@@ -103,7 +102,10 @@ void queue_locked(rpc_call &call, rpc_message message, bool last)
     if (call.queue.empty())
         call.progress_ms = rpc_now_ms();
     call.queue.push_back(std::move(message));
-    call.ended = call.ended || last;
+    if (last) {
+        call.ended = true;
+        call.paused = false;
+    }
     pump(call);
 }
 
@@ -117,21 +119,24 @@ void answer_locked(rpc_call &call, const std::string &bytes, bool last)
         end_locked(call, rpc_code::resource_exhausted, "out of memory");
         return;
     }
-    std::memcpy(message.bytes.get(), bytes.data(), bytes.size());
+    bytes.copy(reinterpret_cast<char *>(message.bytes.get()), bytes.size());
     call.client->queued += message.cost;
     queue_locked(call, std::move(message), last);
 }
 
-// The inbox holds at most twice the calls that a client may have: a client that opens calls and cancels them
-// at once, faster than the loop looks, is refused.
+// Of one client the inbox holds at most twice the calls that it may have, and two requests of the largest
+// size: who opens calls and cancels them at once, faster than the loop looks, is refused.
 void request_locked(const std::shared_ptr<rpc_call> &call, std::span<const std::byte> bytes)
 {
     rpc_client &client = *call->client;
-    if (client.undelivered >= 2 * client.shared->limits.calls_per_connection) {
+    const rpc_limits &limits = client.shared->limits;
+    if (client.undelivered >= 2 * limits.calls_per_connection ||
+        client.undelivered_bytes + bytes.size() > 2 * std::uint64_t{limits.request_bytes}) {
         end_locked(*call, rpc_code::resource_exhausted, "too many calls of this client wait");
         return;
     }
     ++client.undelivered;
+    client.undelivered_bytes += bytes.size();
     call->requested = true;
     rpc_post(*client.shared, {rpc_event::kind::request, call->client, call, {bytes.begin(), bytes.end()}});
 }

@@ -61,6 +61,7 @@ bool rpc_client_take_delivery(rpc_client &client, const rpc_event &request)
         return false;
     }
     --client.undelivered;
+    client.undelivered_bytes -= request.request.size();
     call.delivered = wanted;
     return wanted;
 }

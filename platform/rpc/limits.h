@@ -29,7 +29,7 @@ struct rpc_limits {
     // A message that ends its call passes a full queue when it is no larger: small answers beside a busy
     // stream, and the end of a stream, which nobody would send again. At most one a call, so the queue stays
     // bounded.
-    std::uint64_t end_allowance_bytes = 64 * 1024;
+    std::uint64_t end_allowance_bytes = std::uint64_t{64} << 10;
 
     // From the accepted connection to the client's first HTTP/2 settings, the TLS handshake included.
     std::uint64_t handshake_ms = 10'000;

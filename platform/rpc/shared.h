@@ -52,7 +52,8 @@ struct rpc_client {
     std::uint64_t queued = 0;      // accepted and not yet confirmed written: the sum of the costs
     bool resume_wanted = false;    // a stream was refused, and not told yet that it may go on
     std::uint32_t undelivered = 0; // requests in the inbox, and those held back
-    std::deque<rpc_event> held;    // requests that wait until earlier answers are taken
+    std::uint64_t undelivered_bytes = 0;
+    std::deque<rpc_event> held; // requests that wait until earlier answers are taken
     std::vector<std::shared_ptr<rpc_call>> calls;
 };
 

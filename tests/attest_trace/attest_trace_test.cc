@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <memory>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,6 +33,7 @@ public:
     {
         arguments.insert(arguments.begin(), ATTEST_TRACE_PROGRAM);
         std::vector<char *> argv;
+        argv.reserve(arguments.size() + 1);
         for (std::string &argument : arguments)
             argv.push_back(argument.data());
         argv.push_back(nullptr);
@@ -39,6 +41,7 @@ public:
         std::array<int, 2> errors{};
         EXPECT_EQ(pipe2(output.data(), O_CLOEXEC) | pipe2(errors.data(), O_CLOEXEC), 0);
         if ((pid_ = fork()) == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
             dup2(output[1], STDOUT_FILENO);
             dup2(errors[1], STDERR_FILENO);
             execv(argv[0], argv.data());

@@ -90,6 +90,14 @@ class FakeNode:
         self.server.stop(0).wait()
 
 
+def say_nothing(_, context):
+    """A handler that is silent until its client has gone."""
+    gone = threading.Event()
+    if context.add_callback(gone.set):
+        gone.wait(60)
+    return b""
+
+
 def run(target, *arguments, **more):
     command = [PROGRAM] + (["--target", target] if target else []) + list(arguments)
     return subprocess.run(command, capture_output=True, timeout=60, check=False, **more)
@@ -286,12 +294,12 @@ class Answers(Program):
 
     def test_huge_answer_is_taken(self):
         answer = api.get_platform_ima_event_logs_response(
-            node_data=[ima_record(1, 20, signature=bytes(1_000_000))]
+            node_data=[ima_record(1, 20, signature=bytes(300_000))]
         )
         with FakeNode({"GetPlatformImaEventLogs": lambda r, c: answer}) as node:
             done = run(node.target, "ima-log", "--json")
         self.expect(done, 0)
-        self.assertGreater(len(done.stdout), 40_000_000)
+        self.assertGreater(len(done.stdout), 12_000_000)
 
 
 class Attest(Program):
@@ -317,9 +325,9 @@ class Attest(Program):
         self.assertEqual(done.stdout.decode().count("missing"), 6)
 
     def test_silent_node_does_not_cost_a_timeout_a_kind(self):
-        with FakeNode({"GetCertificate": lambda r, c: time.sleep(2)}) as node:
-            done = run(node.target, "--timeout", "0.3", "attest")
-        self.expect(done, 2, ".*DEADLINE_EXCEEDED: no answer within 0.3 s")
+        with FakeNode({"GetCertificate": say_nothing}) as node:
+            done = run(node.target, "--timeout", "2", "attest")
+        self.expect(done, 2, ".*DEADLINE_EXCEEDED: no answer within 2 s")
         self.assertIn("NOT VERIFIED", done.stdout.decode())
         self.assertEqual(len(node.requests), 1)
 
@@ -340,13 +348,9 @@ class Failures(Program):
                 self.expect(done, 2, r".*: RESOURCE_EXHAUSTED: too\\x0abig \\x1b\[2J", "")
 
     def test_no_answer_in_time(self):
-        def hang(request, context):
-            time.sleep(2)
-            return api.get_certificate_response()
-
-        with FakeNode({"GetCertificate": hang}) as node:
-            done = run(node.target, "certificate", "--timeout", "0.3")
-        self.expect(done, 2, ".*: DEADLINE_EXCEEDED: no answer within 0.3 s")
+        with FakeNode({"GetCertificate": say_nothing}) as node:
+            done = run(node.target, "certificate", "--timeout", "1.5")
+        self.expect(done, 2, ".*: DEADLINE_EXCEEDED: no answer within 1.5 s")
 
     def test_nobody_there(self):
         with socket.socket() as unused:
@@ -459,17 +463,17 @@ class Stream(Program):
         def slowly(request, context):
             for i in range(4):
                 yield ima_record(1 + i, 1)
-                time.sleep(0.4)
+                time.sleep(1)
 
         def stalls(request, context):
             yield ima_record(1, 1)
-            time.sleep(3)
+            say_nothing(request, context)
 
         with FakeNode({STREAM: slowly}) as node:
-            self.expect(run(node.target, "--timeout", "1", "ima-log", "--stream"), 0)
+            self.expect(run(node.target, "--timeout", "3", "ima-log", "--stream"), 0)
         with FakeNode({STREAM: stalls}) as node:
-            done = run(node.target, "--timeout", "0.5", "ima-log", "--stream")
-        self.expect(done, 2, ".*: no message within 0.5 s, after 1 event .*")
+            done = run(node.target, "--timeout", "2", "ima-log", "--stream")
+        self.expect(done, 2, ".*: no message within 2 s, after 1 event .*")
 
     def test_interrupt_ends_it_and_says_what_came(self):
         gone = threading.Event()

@@ -89,6 +89,7 @@ TEST_F(levm_test, PostsOfManyThreadsAllRunInEachThreadsOrder)
     std::fill_n(newest, THREADS, -1);
     total = 0;
     std::vector<post> posts;
+    posts.reserve(std::size_t{THREADS} * POSTS);
     for (int i = 0; i < THREADS * POSTS; ++i)
         posts.push_back({this, i / POSTS, i % POSTS});
     auto work = [](void *context) {
@@ -99,6 +100,7 @@ TEST_F(levm_test, PostsOfManyThreadsAllRunInEachThreadsOrder)
             levm_stop(item->test->manager);
     };
     std::vector<std::thread> threads;
+    threads.reserve(THREADS);
     for (int t = 0; t < THREADS; ++t) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < POSTS; ++i)

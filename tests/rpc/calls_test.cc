@@ -292,7 +292,7 @@ TEST_F(Calls, OnlyTheCallItselfIsAnRpcError)
     EXPECT_EQ(code(SERVICE + "GetEverything", ""), grpc::StatusCode::UNIMPLEMENTED);
     EXPECT_EQ(code("/", ""), grpc::StatusCode::UNIMPLEMENTED);
     EXPECT_EQ(code(SERVICE + "AttestPcrs", ""), grpc::StatusCode::UNIMPLEMENTED);
-    EXPECT_EQ(code(SERVICE + "GetCertificate", std::string(65 * 1024, 'x')),
+    EXPECT_EQ(code(SERVICE + "GetCertificate", std::string(70'000, 'x')),
               grpc::StatusCode::RESOURCE_EXHAUSTED);
     raw_call empty(channel, SERVICE + "GetCertificate");
     empty.writes_done();

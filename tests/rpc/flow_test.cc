@@ -24,6 +24,7 @@ std::uint64_t resident_bytes()
 
 // What a client has of a stream.
 struct client_stream {
+    client_stream() { context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(90)); }
     grpc::ClientContext context;
     std::unique_ptr<grpc::ClientReader<api::NodeIMAData>> reader;
 };
