@@ -80,6 +80,9 @@ TSS2_RC receive(TSS2_TCTI_CONTEXT *context, std::size_t *size, std::uint8_t *res
     if (room < tcti.length)
         return TSS2_TCTI_RC_INSUFFICIENT_BUFFER;
     std::memcpy(response, tcti.response.data(), tcti.length);
+    // The TSS reads a response that is too short on into the command that lies in its buffer. Sizes and counts of
+    // all ones it refuses.
+    std::memset(response + tcti.length, 0xFF, room - tcti.length);
     tcti.awaiting = false;
     return TSS2_RC_SUCCESS;
 }

@@ -64,6 +64,8 @@ kov_status tpm_connection_check(tpm_connection &connection, bool *was_reset)
     }
     if (code != TSS2_RC_SUCCESS)
         return tpm_connection_result(connection, code);
+    if (time.clockInfo.safe != TPM2_YES && time.clockInfo.safe != TPM2_NO) // the last byte: it was cut short
+        return connection.tcti.failure = KOV_ERR_BAD_RESPONSE;
     *was_reset = time.clockInfo.resetCount != connection.reset_count ||
                  time.clockInfo.restartCount != connection.restart_count;
     connection.reset_count = time.clockInfo.resetCount;
