@@ -296,6 +296,10 @@ bool message_decode(const message_descriptor &descriptor, std::span<const std::b
 // Frees everything the message owns and leaves it empty, so that a second release does nothing.
 void message_release(const message_descriptor &descriptor, void *message);
 
+// Copies `bytes` into memory of their own, for a message's field. False when there is no memory; `copy` is
+// then empty, as it is, with a null pointer, for no bytes.
+bool message_copy_bytes(std::span<const std::byte> bytes, message_bytes &copy);
+
 template <class Message>
 std::int64_t message_encoded_size(const Message &message)
 {
