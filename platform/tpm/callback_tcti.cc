@@ -60,7 +60,12 @@ kov_status fetch_response(callback_tcti &tcti)
     return KOV_SUCCESS;
 }
 
-// `response` null asks for the size alone. The timeout is the channel's, whatever the TSS would like.
+// `response` null asks for the room that is needed. The timeout is the channel's, whatever the TSS would
+// like.
+//
+// The TSS does not heed where a response ends: one that is too short it reads on into the command that still
+// lies in its buffer, and may take that for an answer. So it is told to make room for the largest response,
+// and what this one leaves of the room is filled with ones: sizes and counts that it refuses.
 TSS2_RC receive(TSS2_TCTI_CONTEXT *context, std::size_t *size, std::uint8_t *response, std::int32_t)
 {
     callback_tcti &tcti = of(context);
@@ -74,14 +79,12 @@ TSS2_RC receive(TSS2_TCTI_CONTEXT *context, std::size_t *size, std::uint8_t *res
             return TSS2_TCTI_RC_IO_ERROR;
     }
     const std::size_t room = *size;
-    *size = tcti.length;
+    *size = response == nullptr ? tcti.response.size() : tcti.length;
     if (response == nullptr)
         return TSS2_RC_SUCCESS;
     if (room < tcti.length)
         return TSS2_TCTI_RC_INSUFFICIENT_BUFFER;
     std::memcpy(response, tcti.response.data(), tcti.length);
-    // The TSS reads a response that is too short on into the command that lies in its buffer. Sizes and counts of
-    // all ones it refuses.
     std::memset(response + tcti.length, 0xFF, room - tcti.length);
     tcti.awaiting = false;
     return TSS2_RC_SUCCESS;

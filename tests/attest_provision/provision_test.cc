@@ -17,7 +17,8 @@ class provision_test : public ::testing::Test {
 protected:
     static std::string command(const software_tpm &tpm, const std::string &options)
     {
-        return std::string(ATTEST_PROVISION) + " --tpm " + tpm.address() + " --dir " + tpm.node() + " " + options;
+        return std::string(ATTEST_PROVISION) + " --tpm " + tpm.address() + " --dir " + tpm.node() + " " +
+               options;
     }
     static program_result run(const software_tpm &tpm, const std::string &options)
     {
@@ -52,7 +53,8 @@ protected:
         const program_result made = run_program(
             "cd " + ca_.path() +
             " && new='openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 100' &&"
-            " $new -keyout root.key -out root.pem -subj '/CN=Operator Root' -addext basicConstraints=critical,CA:TRUE &&"
+            " $new -keyout root.key -out root.pem -subj '/CN=Operator Root' -addext "
+            "basicConstraints=critical,CA:TRUE &&"
             " $new -keyout issuing.key -out issuing.pem -subj '/CN=Operator CA' -CA root.pem -CAkey root.key"
             " -addext basicConstraints=critical,CA:TRUE &&"
             " $new -keyout leaf.key -out leaf.pem -subj '/CN=No CA' -CA root.pem -CAkey root.key"
@@ -61,7 +63,8 @@ protected:
             " cat leaf.pem root.pem > no_ca.pem && echo nothing > empty.pem");
         ASSERT_EQ(made.status, 0) << made.output;
     }
-    std::string with_ca(const std::string &certificates = "bundle.pem", const std::string &key = "issuing.key") const
+    std::string with_ca(const std::string &certificates = "bundle.pem",
+                        const std::string &key = "issuing.key") const
     {
         return " --ca-cert " + ca_.path() + "/" + certificates + " --ca-key " + ca_.path() + "/" + key;
     }
@@ -73,8 +76,14 @@ TEST_F(provision_test, AFreshNodeGetsWhatItNeedsAndSaysSo)
 {
     const software_tpm tpm(provisioned_tpm());
     const program_result checked = run(tpm, "--check");
-    EXPECT_EQ(checked.status, 1) << "another boot: PCR 15 is extended at the first login, which is the check's";
-    EXPECT_EQ(checked.status, 1);
+    EXPECT_EQ(checked.status, 0) << checked.output;
+    const program_result shown = run(tpm, "--show");
+    EXPECT_EQ(shown.status, 0);
+    EXPECT_THAT(shown.output, HasSubstr("node: card7"));
+    EXPECT_THAT(shown.output, HasSubstr("O=DEMONSTRATION"));
+    for (const char *object : {"RSA_VOXACRT", "RSA_SCHAIN", "RSA_AIK_CRT", "RSA_AIK_CHAIN"})
+        EXPECT_EQ(file_text(object_path(tpm, object)).substr(0, 2), "\x30\x82") << object;
+    EXPECT_THAT(keys_in(tpm), SizeIs(2));
 }
 
 TEST_F(provision_test, AProvisionedNodeIsReplacedOnlyByForce)
@@ -103,15 +112,16 @@ TEST_F(provision_test, AGivenCaIssuesChainsThatOpensslAccepts)
     ASSERT_EQ(provisioned.status, 0) << provisioned.output;
     EXPECT_EQ(provisioned.output.find("demonstration"), std::string::npos);
     for (const char *object : {"RSA_VOXACRT", "RSA_AIK_CRT"}) {
-        const program_result judged =
-            run_program("cd " + ca_.path() + " && openssl x509 -inform der -in " + object_path(tpm, object) +
-                        " -out own.pem && openssl verify -x509_strict -CAfile root.pem -untrusted issuing.pem own.pem");
+        const program_result judged = run_program(
+            "cd " + ca_.path() + " && openssl x509 -inform der -in " + object_path(tpm, object) +
+            " -out own.pem && openssl verify -x509_strict -CAfile root.pem -untrusted issuing.pem own.pem");
         EXPECT_EQ(judged.status, 0) << judged.output;
     }
-    const program_result chain = run_program("cd " + ca_.path() +
-                                             " && openssl x509 -in issuing.pem -outform der > chain.der &&"
-                                             " openssl x509 -in root.pem -outform der >> chain.der && cmp chain.der " +
-                                             object_path(tpm, "RSA_SCHAIN"));
+    const program_result chain =
+        run_program("cd " + ca_.path() +
+                    " && openssl x509 -in issuing.pem -outform der > chain.der &&"
+                    " openssl x509 -in root.pem -outform der >> chain.der && cmp chain.der " +
+                    object_path(tpm, "RSA_SCHAIN"));
     EXPECT_EQ(chain.status, 0) << chain.output;
 }
 
@@ -119,10 +129,14 @@ TEST_F(provision_test, ACaThatCannotCertifyChangesNothing)
 {
     make_ca();
     const software_tpm tpm;
-    const std::string cases[] = {with_ca("bundle.pem", "root.key"),   with_ca("bundle.pem", "none.key"),
-                                 with_ca("bundle.pem", "bundle.pem"), with_ca("empty.pem"),
-                                 with_ca("issuing.pem"),              with_ca("three.pem"),
-                                 with_ca("reversed.pem", "root.key"), with_ca("no_ca.pem", "leaf.key"),
+    const std::string cases[] = {with_ca("bundle.pem", "root.key"),
+                                 with_ca("bundle.pem", "none.key"),
+                                 with_ca("bundle.pem", "bundle.pem"),
+                                 with_ca("empty.pem"),
+                                 with_ca("issuing.pem"),
+                                 with_ca("three.pem"),
+                                 with_ca("reversed.pem", "root.key"),
+                                 with_ca("no_ca.pem", "leaf.key"),
                                  " --ca-cert " + ca_.path() + "/bundle.pem"};
     for (const std::string &options : cases) {
         const program_result refused = run(tpm, options);
@@ -183,23 +197,24 @@ TEST_F(provision_test, AFirstProvisioningThatWasInterruptedIsSimplyRunAgain)
 
 TEST_F(provision_test, EachSingleDamageIsFoundByTheCheck)
 {
-    using damage = std::function<void(const software_tpm &)>;
-    const auto change_manifest = [](const std::function<void(manifest &)> &change) -> damage {
-        return [change](const software_tpm &tpm) {
+    using change = std::function<void(const software_tpm &)>;
+    const auto change_manifest = [](const std::function<void(manifest &)> &edit) -> change {
+        return [edit](const software_tpm &tpm) {
             manifest node = manifest_of(tpm);
-            change(node);
+            edit(node);
             write_file(tpm.manifest(), manifest_text(node));
         };
     };
-    const auto swap_files = [](const char *one, const char *other) -> damage {
+    const auto swap_files = [](const char *one, const char *other) -> change {
         return [one, other](const software_tpm &tpm) {
             const std::string first = file_text(object_path(tpm, one));
             write_file(object_path(tpm, one), file_text(object_path(tpm, other)));
             write_file(object_path(tpm, other), first);
         };
     };
-    const std::pair<const char *, damage> cases[] = {
-        {"RSA_VOXACRT certifies RSA_VOXAKEY: it is for another key", swap_files("RSA_VOXACRT", "RSA_AIK_CRT")},
+    const std::pair<const char *, change> cases[] = {
+        {"RSA_VOXACRT certifies RSA_VOXAKEY: it is for another key",
+         swap_files("RSA_VOXACRT", "RSA_AIK_CRT")},
         {"RSA_SCHAIN is an issuing CA and a root", swap_files("RSA_SCHAIN", "RSA_VOXACRT")},
         {"object RSA_AIK_CRT is readable: no such object",
          [](const software_tpm &tpm) { fs::remove(object_path(tpm, "RSA_AIK_CRT")); }},
@@ -216,14 +231,15 @@ TEST_F(provision_test, EachSingleDamageIsFoundByTheCheck)
         {"key RSA_AIK_KEY is the one provisioned",
          change_manifest([](manifest &node) { node.keys[0].tpm_name[3] ^= 1; })},
         {"key RSA_VOXAKEY is in the manifest", change_manifest([](manifest &node) { node.keys.pop_back(); })},
-        {"net/elsewhere: it is gone",
-         change_manifest([](manifest &node) { node.identifiers.push_back({"net/elsewhere", {}}); })},
+        {"net/elsewhere: it is gone", change_manifest([](manifest &node) {
+             node.identifiers.push_back({"net/elsewhere", {}});
+         })},
         {"PCR 15 (sha256) holds the reference list: it holds something else", [](const software_tpm &tpm) {
              const auto connection = connect_to(tpm);
              TPM2B_EVENT event{1, {1}};
              TPML_DIGEST_VALUES *digests = nullptr;
-             EXPECT_EQ(Esys_PCR_Event(connection->esys, ESYS_TR_PCR15, ESYS_TR_PASSWORD, ESYS_TR_NONE, ESYS_TR_NONE,
-                                      &event, &digests),
+             EXPECT_EQ(Esys_PCR_Event(connection->esys, ESYS_TR_PCR15, ESYS_TR_PASSWORD, ESYS_TR_NONE,
+                                      ESYS_TR_NONE, &event, &digests),
                        TSS2_RC_SUCCESS);
              Esys_Free(digests);
          }}};

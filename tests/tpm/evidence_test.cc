@@ -84,6 +84,28 @@ TEST_F(evidence_test, All24PcrsOfEveryBankAreAsTheTpmHasThem)
     }
 }
 
+// The PCR values that go with a quote, as tpm2-tools store them: the selection, then lists of up to eight
+// digests.
+std::string pcr_file(const session_owner &session, const tpm_algorithm &bank, std::uint32_t mask)
+{
+    const TPML_PCR_SELECTION selection{1, {pcr_selection(bank, mask)}};
+    std::vector<TPML_DIGEST> lists;
+    for (std::uint32_t pcr = 0; pcr < 24; ++pcr) {
+        if ((mask >> pcr & 1) == 0)
+            continue;
+        if (lists.empty() || lists.back().count == std::size(lists.back().digests))
+            lists.push_back({});
+        const handed_out value = session.pcr(bank.number, pcr);
+        TPM2B_DIGEST &digest = lists.back().digests[lists.back().count++];
+        digest.size = static_cast<UINT16>(value.length);
+        std::copy_n(value.data.get(), value.length, digest.buffer);
+    }
+    const auto count = static_cast<std::uint32_t>(lists.size());
+    return std::string(reinterpret_cast<const char *>(&selection), sizeof selection) +
+           std::string(reinterpret_cast<const char *>(&count), sizeof count) +
+           std::string(reinterpret_cast<const char *>(lists.data()), lists.size() * sizeof lists[0]);
+}
+
 TEST_F(evidence_test, QuotesAreAcceptedByTpm2Checkquote)
 {
     struct {
@@ -101,22 +123,11 @@ TEST_F(evidence_test, QuotesAreAcceptedByTpm2Checkquote)
         const std::vector<std::uint8_t> nonce(one.nonce_length, 0x5A);
         const quote_result made = session.quote("RSA_AIK_KEY", one.algorithm, one.mask, nonce);
         ASSERT_EQ(made.quote.status, KOV_SUCCESS) << kov_status_string(made.quote.status);
-        std::string values;
-        for (std::uint32_t pcr = 0; pcr < 24; ++pcr) {
-            if ((one.mask >> pcr & 1) == 0)
-                continue;
-            const handed_out value = session.pcr(one.algorithm, pcr);
-            values.append(reinterpret_cast<const char *>(value.data.get()), value.length);
-        }
-        write_file(tpm_.directory() + "/values", values);
+        write_file(tpm_.directory() + "/values", pcr_file(session, bank, one.mask));
         const std::string nonce_option = nonce.empty() ? "" : " -q " + hex_text(nonce.data(), nonce.size());
-        const auto judge = [&](const std::string &list) {
-            return run_program("tpm2_checkquote -g sha256 -u " + key + " -m " +
-                               put("quote", made.quote) + " -s " + put("signature", made.signature) +
-                               " -F values -f " + tpm_.directory() + "/values -l " + bank.name + ":" + list +
-                               nonce_option);
-        };
-        const program_result accepted = judge(pcr_list(one.mask));
+        const program_result accepted = run_program(
+            "tpm2_checkquote -g sha256 -u " + key + " -m " + put("quote", made.quote) + " -s " +
+            put("signature", made.signature) + " -f " + tpm_.directory() + "/values" + nonce_option);
         EXPECT_EQ(accepted.status, 0) << bank.name << " " << one.mask << accepted.output;
     }
     EXPECT_EQ(session.quote("RSA_AIK_KEY", 2, 0, {}).quote.status, KOV_SUCCESS) << "over no PCR at all";
