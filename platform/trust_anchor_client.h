@@ -130,7 +130,8 @@ void kovc_release_context(kovc_context **context);
 // A node without a manifest can log in and read PCRs.
 kov_status kovc_app_login(kovc_context *context, std::uint64_t device_handle, const kov_login_context *login,
                           kovc_session **session);
-// Ends the session and releases what it holds, whatever happened in it; clears *session.
+// Ends the session and releases what it holds, whatever happened in it; clears *session. The status tells of a
+// transport that failed on the way: everything is released all the same.
 kov_status kovc_app_logout(kovc_session **session);
 
 struct kov_capability {
