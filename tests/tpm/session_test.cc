@@ -57,7 +57,7 @@ TEST_F(session_test, LogoutLeavesNothingInTheTpm)
 
 TEST_F(session_test, AWrongSecretIsAStatusAndNeverLocksTheTpm)
 {
-    const session_owner wrong = login("Pobrekd308");
+    session_owner wrong = login("Pobrekd308");
     ASSERT_EQ(wrong.login_status, KOV_SUCCESS);
     for (int i = 0; i < 40; ++i) {
         EXPECT_THAT(kov_status_string(wrong.sign("RSA_VOXAKEY", {1}).status), HasSubstr("auth"));
@@ -65,6 +65,7 @@ TEST_F(session_test, AWrongSecretIsAStatusAndNeverLocksTheTpm)
     }
     EXPECT_EQ(login().sign("RSA_VOXAKEY", {1}).status, KOV_SUCCESS);
     EXPECT_NE(wrong.sign("RSA_VOXAKEY", {1}).status, KOV_SUCCESS) << "the other session's secret was used";
+    wrong.logout();
     release();
     EXPECT_EQ(tpm_property(*connect_to(tpm_), TPM2_PT_LOCKOUT_COUNTER), 0u);
 }
