@@ -539,13 +539,10 @@ TEST(verify, ima_list_is_never_taken_on_trust)
 TEST(verify, damage_anywhere_is_noticed)
 {
     const forged good = good_evidence();
-    const auto damaged = [&good](auto &&bytes_of, const char *row, bool cut) {
+    const auto damaged = [&good](auto &&bytes_of, const char *row, bool cut, std::size_t step) {
         const std::size_t size = bytes_of(const_cast<forged &>(good)).size();
-        for (std::size_t i = 0; i < size; ++i) {
-            forged f{good.got,
-                     {good.roots.file, good.roots.certificates},
-                     good.identity_key,
-                     good.attestation_key};
+        for (std::size_t i = 0; i < size; i += step) {
+            forged f{good.got, good.roots, good.identity_key, good.attestation_key};
             std::string &bytes = bytes_of(f);
             if (cut)
                 bytes.resize(i);
@@ -556,14 +553,14 @@ TEST(verify, damage_anywhere_is_noticed)
     };
     for (const bool cut : {false, true}) {
         damaged([](forged &f) -> std::string & { return *pcrs(f).mutable_quote(); }, "FAIL quote signature",
-                cut);
+                cut, 1);
         damaged([](forged &f) -> std::string & { return *pcrs(f).mutable_quote_signature(); },
-                "FAIL quote signature", cut);
+                "FAIL quote signature", cut, 1);
         damaged(
             [](forged &f) -> std::string & {
                 return *attestation_key(f).mutable_certs(DEVICE)->mutable_data();
             },
-            "FAIL attestation key signature", cut);
+            "FAIL attestation key signature", cut, 7);
     }
 }
 
