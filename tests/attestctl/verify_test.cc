@@ -164,6 +164,15 @@ TEST(verify, certificates)
                       plan.issuer_key = keys().root.get();
                   }),
          chain},
+        {"root that issues itself is fine",
+         [device](forged &f) {
+             certificate_plan by_root = device;
+             by_root.issuer = "identity root";
+             by_root.issuer_key = keys().root.get();
+             identity(f).mutable_certs(CA)->set_data(identity(f).certs(ROOT).data());
+             replace_certificate(f, DEVICE, make_certificate(by_root));
+         },
+         {}},
         {"root not the pinned one",
          [](forged &f) { f.roots.certificates.erase(f.roots.certificates.begin()); },
          {"FAIL identity root"}},
