@@ -166,9 +166,10 @@ int kill_at_each(const kill_points &points, const std::string &command,
 {
     const std::string call = points.call;
     for (int kills = 0;; ++kills) {
-        const std::string point = call + ":signal=KILL:when=" + std::to_string(1 + kills * points.step);
-        std::string traced = "ASAN_OPTIONS=detect_leaks=0 strace -f -qq -o /dev/null -e trace=" + call;
-        traced += " -e inject=" + point + " " + command;
+        std::string point = call;
+        point.append(":signal=KILL:when=").append(std::to_string(1 + kills * points.step));
+        std::string traced = "ASAN_OPTIONS=detect_leaks=0 strace -f -qq -o /dev/null -e trace=";
+        traced.append(call).append(" -e inject=").append(point).append(" ").append(command);
         const program_result result = run_program(traced);
         look(point);
         if (result.status == 0 || testing::Test::HasFailure())
