@@ -1,0 +1,186 @@
+#include "ima/ima_record_reader.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "agent/debug_trace.h"
+#include "agent/status.h"
+#include "ima/event_copies.h"
+#include "ima/ima_field_parsers.h"
+#include "platform/byte_cursor.h"
+
+namespace {
+
+// The operation whose step the reading of a record is.
+constexpr char CHUNK_READER[] = "at_read_local_ima_chunk_from_file";
+constexpr char DATA_READER[] = "read_template_data";
+
+bool take_u32(ima_log &log, std::uint32_t &value)
+{
+    std::span<const std::byte> bytes;
+    return ima_log_take(log, sizeof value, bytes) == ima_log_read::whole && byte_cursor(bytes).get_le(value);
+}
+
+bool read_ima_template_data(ima_log &log, ima_template_area &area)
+{
+    std::span<const std::byte> bytes;
+    if (ima_log_take(log, IMA_DIGEST_SIZE, bytes) != ima_log_read::whole) {
+        attest_trace_as(DATA_READER, "Failed to read template data\n");
+        return false;
+    }
+    area.fill(std::byte{0});
+    std::ranges::copy(bytes, area.begin());
+    std::uint32_t name_length = 0;
+    if (!take_u32(log, name_length) || name_length > IMA_EVENT_NAME_MAX) {
+        attest_trace_as(DATA_READER, "ERROR: invalid field len read \n");
+        return false;
+    }
+    // A name that is cut, or empty, is kept as far as it goes.
+    if (ima_log_take(log, name_length, bytes) != ima_log_read::whole)
+        attest_trace_as(DATA_READER, "ERROR: insufficient field data read \n");
+    std::ranges::copy(bytes, area.begin() + IMA_DIGEST_SIZE);
+    return true;
+}
+
+const ima_field *find_field(std::string_view id)
+{
+    const auto *row = std::ranges::find_if(
+        ima_field_table, [id](const ima_field &field) { return id == std::string_view(field.id.data()); });
+    return row == ima_field_table.end() ? nullptr : row;
+}
+
+std::string_view field_list_of(std::string_view template_name)
+{
+    const auto *row = std::ranges::find(ima_template_table, template_name, &ima_template::name);
+    return row == ima_template_table.end() ? template_name : row->field_list;
+}
+
+// The length of the field that begins at the cursor, which is moved behind a length that is written there.
+bool field_length(const ima_field &field, bool is_ima, byte_cursor &cursor, std::span<const std::byte> data,
+                  std::uint32_t &length)
+{
+    if (!is_ima)
+        return cursor.get_le(length);
+    if (field.parse == ima_eventdigest_parse) {
+        length = IMA_DIGEST_SIZE;
+    } else {
+        // A name that fills its area has no NUL behind it.
+        const char *name = reinterpret_cast<const char *>(data.data()) + cursor.position();
+        length = static_cast<std::uint32_t>(strnlen(name, cursor.remaining()));
+    }
+    return true;
+}
+
+// Parses the field at the cursor and goes behind it.
+std::int32_t parse_field(const ima_field &field, bool is_ima, byte_cursor &cursor,
+                         std::span<const std::byte> data, IMA_EVENT *event)
+{
+    std::uint32_t length = 0;
+    std::span<const std::byte> bytes;
+    std::int32_t result = -1;
+    if (field_length(field, is_ima, cursor, data, length)) {
+        std::size_t begin = cursor.position();
+        bool readable = cursor.remaining() >= field.least_bytes;
+        if (readable && cursor.get_bytes(length, bytes))
+            result = field.parse(data.data() + begin, length, event);
+    }
+    if (result != 0)
+        attest_trace_as("parse_template_data", "Parsing of '%s' field failed, result: %d\n", field.id.data(),
+                        result);
+    return result;
+}
+
+} // namespace
+
+ima_record_outcome read_record_head(ima_log &log, ima_record_head &head)
+{
+    std::span<const std::byte> bytes;
+    if (ima_log_take(log, IMA_RECORD_HEADER_SIZE, bytes) != ima_log_read::whole)
+        return ima_record_outcome::end_of_log;
+    std::memcpy(&head.pcr, bytes.data(), sizeof head.pcr);
+    std::memcpy(head.template_hash.data(), bytes.data() + sizeof head.pcr, IMA_TEMPLATE_HASH_SIZE);
+    std::memcpy(&head.name_length, bytes.data() + sizeof head.pcr + IMA_TEMPLATE_HASH_SIZE,
+                sizeof head.name_length);
+    head.name_read = false;
+    head.template_name[0] = '\0';
+    if (head.name_length > IMA_TEMPLATE_NAME_MAX)
+        return ima_record_outcome::failed;
+    head.name_read = ima_log_take(log, head.name_length, bytes) == ima_log_read::whole;
+    if (head.name_read) {
+        std::memcpy(head.template_name, bytes.data(), bytes.size());
+        head.template_name[bytes.size()] = '\0';
+    }
+    return ima_record_outcome::read;
+}
+
+bool read_template_data(ima_log &log, bool is_ima, ima_template_area &area, std::span<const std::byte> &data)
+{
+    if (is_ima) {
+        data = area;
+        return read_ima_template_data(log, area);
+    }
+    std::uint32_t length = 0;
+    ima_log_read read = ima_log_read::cut;
+    if (take_u32(log, length) && length <= IMA_TEMPLATE_DATA_MAX)
+        read = ima_log_take(log, length, data);
+    if (read == ima_log_read::no_memory)
+        attest_trace("ERROR: out of memory\n");
+    else if (read == ima_log_read::cut)
+        attest_trace("Failed to read template data\n");
+    return read == ima_log_read::whole;
+}
+
+std::int32_t parse_template_data(std::string_view template_name, std::span<const std::byte> data,
+                                 IMA_EVENT *event)
+{
+    bool is_ima = template_name == IMA_TEMPLATE_IMA;
+    std::string_view list = field_list_of(template_name);
+    byte_cursor cursor(data);
+    for (std::size_t next = 0; next != std::string_view::npos;) {
+        std::size_t bar = list.find(IMA_FIELD_SEPARATOR);
+        std::string_view id = list.substr(0, bar);
+        next = bar;
+        if (bar != std::string_view::npos)
+            list.remove_prefix(bar + 1);
+        const ima_field *field = find_field(id);
+        if (field == nullptr) {
+            attest_trace("Field '%.*s' not supported\n", static_cast<int>(id.size()), id.data());
+            return -1;
+        }
+        if (std::int32_t result = parse_field(*field, is_ima, cursor, data, event))
+            return result;
+    }
+    return 0;
+}
+
+ima_record_outcome at_read_ima_record(ima_log &log, std::uint64_t index_in_chunk, IMA_EVENT *event,
+                                      std::uint32_t *status)
+{
+    ima_record_head head;
+    ima_record_outcome outcome = read_record_head(log, head);
+    if (outcome == ima_record_outcome::end_of_log)
+        return outcome;
+    event->pcr = head.pcr;
+    event->present |= IMA_EVENT::has_pcr;
+    // Without memory for the hash or the name the event goes on without it.
+    (void)copy_bytes(event, IMA_EVENT::has_template_hash, event->template_hash, head.template_hash);
+    if (outcome == ima_record_outcome::failed) {
+        attest_trace_as(CHUNK_READER, "%d ERROR: event name too long!\n", static_cast<int>(head.name_length));
+        *status = ATTEST_ERR_EVENT_TOO_LONG;
+        return outcome;
+    }
+    std::string_view template_name(head.template_name);
+    if (head.name_read)
+        (void)copy_text(event, IMA_EVENT::has_template_name, event->template_name, template_name);
+
+    ima_template_area area;
+    std::span<const std::byte> data;
+    if (!read_template_data(log, template_name == IMA_TEMPLATE_IMA, area, data)) {
+        attest_trace_as(CHUNK_READER, "Reading of measurement entry failed %lu", index_in_chunk);
+        *status = ATTEST_ERR_BOOT_LOG_READ;
+        return ima_record_outcome::failed;
+    }
+    if (parse_template_data(template_name, data, event) != 0)
+        attest_trace_as(CHUNK_READER, "Parsing of measurement entry failed %lu", index_in_chunk);
+    return ima_record_outcome::read;
+}
