@@ -72,14 +72,14 @@ TEST(Listing, DiffersFromEvmctlsOnGeneratedLists)
         GTEST_SKIP() << "evmctl (ima-evm-utils) is not installed";
     // evmctl does not take "ima" records and others in one list.
     for (unsigned kinds : {+IMA_KIND_OLD, +IMA_KIND_NG, IMA_KIND_NG | IMA_KIND_SIG | IMA_KIND_LISTED}) {
-        std::string bytes = ima_list(700, kinds);
+        std::string bytes = ima_list(300, kinds);
         list_file file(bytes);
         judgement said = ask_evmctl(file, ima_list_pcr(bytes));
         EXPECT_EQ(said.exit_status, 0) << "evmctl finds another PCR value, kinds " << kinds;
         EXPECT_EQ(without_trailing_blanks(parsed_list(file).listing(true)),
                   without_trailing_blanks(said.listing));
     }
-    std::string all = ima_list(700, IMA_KIND_NG | IMA_KIND_SIG | IMA_KIND_LISTED | IMA_KIND_UNKNOWN);
+    std::string all = ima_list(300, IMA_KIND_NG | IMA_KIND_SIG | IMA_KIND_LISTED | IMA_KIND_UNKNOWN);
     EXPECT_EQ(ask_evmctl(list_file(all), ima_list_pcr(all)).exit_status, 0);
     EXPECT_NE(ask_evmctl(list_file(all), {}).exit_status, 0) << "evmctl accepts any PCR value";
 }

@@ -30,6 +30,8 @@ protected:
     pid_t holder(int (*take)(int))
     {
         pid_t child = fork();
+        if (child < 0)
+            std::abort(); // -1 is not to be killed: it stands for every process
         if (child == 0) {
             std::signal(SIGUSR1, [](int) {});
             if (take(semid) != 0)

@@ -58,6 +58,8 @@ void check_what_is_left(scene &scene, std::size_t size, const std::string &next_
 int step_through_insert(scene &scene, const std::vector<std::string> &next_keys)
 {
     pid_t child = fork();
+    if (child < 0)
+        return -1;
     if (child == 0) {
         if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
             _exit(3);
@@ -155,6 +157,8 @@ void write_until_killed(const table_of_test &table, progress &progress, std::uin
 pid_t start_writer(const table_of_test &table, progress &progress, std::uint64_t writer)
 {
     pid_t child = fork();
+    if (child < 0)
+        std::abort(); // -1 is not to be killed: it stands for every process
     if (child == 0)
         write_until_killed(table, progress, writer);
     return child;
