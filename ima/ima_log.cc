@@ -91,16 +91,14 @@ bool ima_log_seek(ima_log &log, std::uint64_t offset)
     return true;
 }
 
-ima_log_read ima_log_take(ima_log &log, std::size_t length, std::span<const std::byte> &bytes)
+ima_log_read ima_log_take_slowly(ima_log &log, std::size_t length, std::span<const std::byte> &bytes)
 {
-    std::size_t unread = log.end - log.begin;
-    if (unread < length) {
+    if (log.end - log.begin < length) {
         if (!make_room(log, length))
             return ima_log_read::no_memory;
         fill(log, length);
-        unread = log.end;
     }
-    std::size_t given = std::min(unread, length);
+    std::size_t given = std::min(log.end - log.begin, length);
     bytes = {log.buffer.get() + log.begin, given};
     log.begin += given;
     return given == length && length != 0 ? ima_log_read::whole : ima_log_read::cut;

@@ -37,6 +37,16 @@ enum class ima_log_read : std::uint8_t {
     no_memory // the buffer cannot grow to hold them; nothing has been read
 };
 
+// ima_log_take when the buffer does not hold the bytes.
+ima_log_read ima_log_take_slowly(ima_log &log, std::size_t length, std::span<const std::byte> &bytes);
+
 // The next `length` bytes, as a view that the next call on the log ends. Zero bytes cannot be read: they are
 // cut, with nothing given.
-ima_log_read ima_log_take(ima_log &log, std::size_t length, std::span<const std::byte> &bytes);
+inline ima_log_read ima_log_take(ima_log &log, std::size_t length, std::span<const std::byte> &bytes)
+{
+    if (length == 0 || log.end - log.begin < length)
+        return ima_log_take_slowly(log, length, bytes);
+    bytes = {log.buffer.get() + log.begin, length};
+    log.begin += length;
+    return ima_log_read::whole;
+}

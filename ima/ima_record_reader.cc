@@ -42,18 +42,35 @@ bool read_ima_template_data(ima_log &log, ima_template_area &area)
     return true;
 }
 
-const ima_field *find_field(std::string_view id)
+constexpr const ima_field *find_field(std::string_view id)
 {
     const auto *row = std::ranges::find_if(
         ima_field_table, [id](const ima_field &field) { return id == std::string_view(field.id.data()); });
     return row == ima_field_table.end() ? nullptr : row;
 }
 
-std::string_view field_list_of(std::string_view template_name)
+// The first id of a field list, which loses it and the bar behind it; `more` says whether there was a bar.
+constexpr std::string_view take_id(std::string_view &list, bool &more)
 {
-    const auto *row = std::ranges::find(ima_template_table, template_name, &ima_template::name);
-    return row == ima_template_table.end() ? template_name : row->field_list;
+    std::size_t bar = list.find(IMA_FIELD_SEPARATOR);
+    more = bar != std::string_view::npos;
+    std::string_view id = list.substr(0, bar);
+    list.remove_prefix(more ? bar + 1 : list.size());
+    return id;
 }
+
+// The fields of the built-in templates, looked up once and for all; null behind the last.
+using template_fields = std::array<const ima_field *, 4>;
+constexpr auto built_in_fields = [] {
+    std::array<template_fields, ima_template_table.size()> all{};
+    for (std::size_t row = 0; row < all.size(); ++row) {
+        std::string_view list = ima_template_table[row].field_list;
+        bool more = true;
+        for (std::size_t i = 0; more; ++i)
+            all[row][i] = find_field(take_id(list, more));
+    }
+    return all;
+}();
 
 // The length of the field that begins at the cursor, which is moved behind a length that is written there.
 bool field_length(const ima_field &field, bool is_ima, byte_cursor &cursor, std::span<const std::byte> data,
@@ -88,6 +105,24 @@ std::int32_t parse_field(const ima_field &field, bool is_ima, byte_cursor &curso
         attest_trace_as("parse_template_data", "Parsing of '%s' field failed, result: %d\n", field.id.data(),
                         result);
     return result;
+}
+
+// The template's name is its field list.
+std::int32_t parse_listed_fields(std::string_view list, byte_cursor &cursor, std::span<const std::byte> data,
+                                 IMA_EVENT *event)
+{
+    for (bool more = true; more;) {
+        std::string_view id = take_id(list, more);
+        const ima_field *field = find_field(id);
+        if (field == nullptr) {
+            attest_trace_as("parse_template_data", "Field '%.*s' not supported\n",
+                            static_cast<int>(id.size()), id.data());
+            return -1;
+        }
+        if (std::int32_t result = parse_field(*field, false, cursor, data, event))
+            return result;
+    }
+    return 0;
 }
 
 } // namespace
@@ -133,20 +168,14 @@ bool read_template_data(ima_log &log, bool is_ima, ima_template_area &area, std:
 std::int32_t parse_template_data(std::string_view template_name, std::span<const std::byte> data,
                                  IMA_EVENT *event)
 {
-    bool is_ima = template_name == IMA_TEMPLATE_IMA;
-    std::string_view list = field_list_of(template_name);
     byte_cursor cursor(data);
-    for (std::size_t next = 0; next != std::string_view::npos;) {
-        std::size_t bar = list.find(IMA_FIELD_SEPARATOR);
-        std::string_view id = list.substr(0, bar);
-        next = bar;
-        if (bar != std::string_view::npos)
-            list.remove_prefix(bar + 1);
-        const ima_field *field = find_field(id);
-        if (field == nullptr) {
-            attest_trace("Field '%.*s' not supported\n", static_cast<int>(id.size()), id.data());
-            return -1;
-        }
+    const auto *built_in = std::ranges::find(ima_template_table, template_name, &ima_template::name);
+    if (built_in == ima_template_table.end())
+        return parse_listed_fields(template_name, cursor, data, event);
+    bool is_ima = template_name == IMA_TEMPLATE_IMA;
+    for (const ima_field *field : built_in_fields[built_in - ima_template_table.begin()]) {
+        if (field == nullptr)
+            break;
         if (std::int32_t result = parse_field(*field, is_ima, cursor, data, event))
             return result;
     }
