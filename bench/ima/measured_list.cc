@@ -38,14 +38,20 @@ std::string list_in_memory(std::size_t records)
 
 void note_blocks(const IMA_EVENT &event, std::vector<std::uint32_t> &blocks)
 {
-    for (const char *text : {event.template_name, event.event_name, event.digest_algo}) {
-        if (text != nullptr)
-            blocks.push_back(static_cast<std::uint32_t>(std::strlen(text) + 1));
-    }
-    for (const message_bytes &bytes : {event.template_hash, event.digest, event.signature}) {
-        if (bytes.data != nullptr)
-            blocks.push_back(static_cast<std::uint32_t>(bytes.length));
-    }
+    // In the order in which a record is read: the heap answers to it.
+    auto text = [&](const char *copy) {
+        blocks.push_back(static_cast<std::uint32_t>(std::strlen(copy) + 1));
+    };
+    auto bytes = [&](const message_bytes &copy) {
+        if (copy.data != nullptr)
+            blocks.push_back(static_cast<std::uint32_t>(copy.length));
+    };
+    bytes(event.template_hash);
+    text(event.template_name);
+    bytes(event.digest);
+    text(event.digest_algo);
+    text(event.event_name);
+    bytes(event.signature);
     blocks.push_back(0);
 }
 
@@ -60,7 +66,6 @@ void parse_file(const std::string &path, const std::function<void(IMA_EVENT &)> 
     while (outcome == ima_record_outcome::read) {
         std::size_t held = 0;
         for (; held < CHUNK && outcome == ima_record_outcome::read; ++held) {
-            events[held] = {};
             outcome = at_read_ima_record(log, held, &events[held], &status);
             events[held].event_num = ++number;
             if (outcome == ima_record_outcome::read)
