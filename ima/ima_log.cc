@@ -16,7 +16,7 @@ namespace {
 
 // Some two thousand records; small enough to stay in the processor's cache between the kernel's copy and
 // ours.
-constexpr std::size_t BUFFER_SIZE = 256 * 1024;
+constexpr std::size_t BUFFER_SIZE = std::size_t{256} * 1024;
 
 // Moves the unread bytes to the front of a buffer that holds at least `length`.
 bool make_room(ima_log &log, std::size_t length)

@@ -56,14 +56,14 @@ void counted(const char *what, std::size_t count, Work work)
 
 void parse(benchmark::State &state)
 {
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         counted("parse, a record", the_list().records,
                 [] { parse_list([](IMA_EVENT &event) { benchmark::DoNotOptimize(event); }); });
     }
 }
 void heap_blocks_and_read(benchmark::State &state)
 {
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         heap_and_read();
 }
 RATIO_BENCHMARK("parse the list", 1.6, parse, heap_blocks_and_read);
@@ -75,7 +75,7 @@ void search_keys(benchmark::State &state, const char *what, Search search)
 {
     const std::vector<std::string> &keys = the_list().keys;
     std::size_t next = 0;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         counted(what, OPERATIONS, [&] {
             for (std::size_t i = 0; i < OPERATIONS; ++i, next = (next + 1) % keys.size())
                 require(search(keys[next]), state);
@@ -144,7 +144,7 @@ template <class Table, class Insert>
 void insert_keys(benchmark::State &state, const char *what, Insert insert)
 {
     const std::vector<std::string> &keys = the_list().keys;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         {
             Table table;
@@ -201,7 +201,7 @@ void deduplicate(shmht_handle *table)
 // The first reading after a boot: every new measurement is searched and inserted.
 void first_reading(benchmark::State &state)
 {
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         {
             bench_table table;
@@ -215,7 +215,7 @@ void first_reading(benchmark::State &state)
 void calls_and_parse(benchmark::State &state)
 {
     semaphore_calls calls;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         for (std::size_t i = 0; i < the_list().checked; ++i)
             calls.of_a_search();
         for (std::size_t i = 0; i < the_list().keys.size(); ++i)
@@ -228,13 +228,13 @@ RATIO_BENCHMARK("de-duplicate the list, first reading", 1.3, first_reading, call
 // Any later reading: everything is found.
 void later_reading(benchmark::State &state)
 {
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         counted("later reading, a record", the_list().records, [] { deduplicate(filled_table()); });
 }
 void search_calls_and_parse(benchmark::State &state)
 {
     semaphore_calls calls;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         for (std::size_t i = 0; i < the_list().checked; ++i)
             calls.of_a_search();
         parse_list([](IMA_EVENT &event) { benchmark::DoNotOptimize(event); });

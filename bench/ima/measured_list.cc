@@ -126,7 +126,7 @@ void heap_and_read()
     }
     release();
 
-    static std::vector<char> buffer(256 * 1024);
+    static std::vector<char> buffer(std::size_t{256} * 1024);
     int file = open(the_list().path.c_str(), O_RDONLY);
     while (read(file, buffer.data(), buffer.size()) > 0) {
     }

@@ -91,7 +91,7 @@ INSTANTIATE_TEST_SUITE_P(
         kept{"FieldOf4GiB", ima_record(10, "ima-ng", "\xff\xff\xff\xff" + DIGEST), NO_FIELD,
              "Parsing of 'd-ng' field failed, result: -1\n", -1},
         kept{"LengthPastTheData",
-             ima_record(10, "ima-sig", ima_digest_field("sha256", DIGEST) + ima_name_field("x") + "\1\0"),
+             ima_record(10, "ima-sig", ima_digest_field("sha256", DIGEST) + ima_name_field("x") + "\1"),
              DIGEST_FIELD | NAME_FIELD, "Parsing of 'sig' field failed, result: -1\n", -1},
         kept{"ListedOldDigestOf19AtTheEnd", ima_record(10, "d", ima_field_bytes(std::string(19, 'd'))),
              NO_FIELD, "Parsing of 'd' field failed, result: -1\n", -1}),

@@ -63,6 +63,7 @@ TEST(Creation, DoesNotSayWhatItDoes)
         "create_shmht: Init the semaphores to 0 (unlocked)\n",
         "create_shmht: The id of the semaphore is: " + std::to_string(table->header->semid) + "\n"};
     std::vector<std::string> said;
+    said.reserve(trace_captured.size());
     for (const std::string &line : trace_captured)
         said.push_back(line.substr(line.find("(): ") + 4));
     // The semaphore set is new unless an object that had this inode has left its set behind.

@@ -122,7 +122,7 @@ std::array<std::uint8_t, 20> ima_list_pcr(std::string_view list)
         std::string hash(list.substr(4, 20));
         if (hash == std::string(20, '\0'))
             hash.assign(20, '\xff');
-        pcr = sha1(pcr + hash);
+        pcr = sha1(pcr.append(hash));
         std::size_t name_length = number(24);
         std::size_t at = 28 + name_length + (list.substr(28, name_length) == "ima" ? 20 : 0);
         list.remove_prefix(at + 4 + number(at));
