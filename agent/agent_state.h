@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "platform/trust_anchor_client.h"
+
 // The one stream that may be paused in the process; all zero when none is.
 struct at_paused_stream_slot {
     std::int32_t paused; // 1 while a stream is recorded
@@ -14,8 +16,17 @@ struct at_paused_stream_slot {
 };
 
 struct at_agent_state_block {
+    std::uint64_t device_info;
+    std::uint64_t device_handle; // what every login goes to
+    kov_login_context login_context;
+    kovc_context *client_context; // null until the trust anchor is initialised; lives as long as the process
+    std::uint32_t capability_pcr_read;
+    std::uint32_t capability_pcr_quote;
     at_paused_stream_slot at_paused_stream;
     struct shmht_handle *at_ima_ht; // the table of measurements; null until it could be created
 };
 
 extern at_agent_state_block at_agent_state;
+
+// The process's soft limit on its data segment in bytes, as it was at start-up.
+extern std::uint64_t at_soft_data_limit;

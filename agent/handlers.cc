@@ -4,6 +4,7 @@
 
 #include "agent/answer_rule.h"
 #include "agent/cpuless_cards.h"
+#include "agent/ima_request.h"
 #include "bmc/bmc_operations.h"
 #include "boot_log/event_log_reader.h"
 #include "ima/ima_retrieval.h"
@@ -45,17 +46,6 @@ constexpr two_source_operation<get_platform_boot_integrity_event_logs_request, N
                         client_handle, std::uint32_t) { return attestation_get_local_sb_event_logs(record); },
         .send = remote_attestation_api_get_platform_boot_integrity_event_logs_Resp,
 };
-
-// A field that is absent is 0, whatever lies in it.
-std::uint64_t start_event_of(const get_platform_ima_event_logs_request &request)
-{
-    return request.present & request.has_start_event ? request.start_event : 0;
-}
-
-std::uint64_t event_count_of(const get_platform_ima_event_logs_request &request)
-{
-    return request.present & request.has_event_count ? request.event_count : 0;
-}
 
 constexpr two_source_operation<get_platform_ima_event_logs_request, NodeIMAData,
                                get_platform_ima_event_logs_response>

@@ -3,6 +3,7 @@
 #include "agent/handlers.h"
 
 #include "agent/debug_trace.h"
+#include "agent/ima_request.h"
 #include "agent/status.h"
 #include "bmc/bmc_operations.h"
 #include "ima/ima_retrieval.h"
@@ -74,10 +75,8 @@ void stream_platform_ima_event_logs(remote_attestation_api_client client,
     attest_trace("Attestation agent: attest_ima request id %d\n", static_cast<int>(request_id));
     stream_position position = {request_id, 0, 0};
     if (request != nullptr) {
-        if (request->present & request->has_start_event)
-            position.start_event = request->start_event;
-        if (request->present & request->has_event_count)
-            position.event_count = request->event_count;
+        position.start_event = start_event_of(*request);
+        position.event_count = event_count_of(*request);
         send_bmc_part(client, request, request_id);
     } else if (!take_back(client, &position)) {
         send_message(client, NodeIMAData{}, 1, request_id);

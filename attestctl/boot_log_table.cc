@@ -48,8 +48,11 @@ void append_event(std::string &out, const api::BOOT_EVENT &event)
 void append_table(std::string &out, const api::get_platform_boot_integrity_event_logs_response &answer)
 {
     for (const api::NodeBootIntegrityLog &record : answer.node_data()) {
-        out += "node " + (record.has_node_name() ? printable(record.node_name()) : "(without a name)") +
-               ", " + counted(static_cast<std::uint64_t>(record.events_size()), "event") + '\n';
+        std::optional<std::uint64_t> uptime;
+        if (record.has_uptime())
+            uptime = record.uptime();
+        out += source_text(record.has_node_name() ? &record.node_name() : nullptr, uptime) + ", " +
+               counted(static_cast<std::uint64_t>(record.events_size()), "event") + '\n';
         for (const api::BOOT_EVENT &event : record.events())
             append_event(out, event);
     }

@@ -52,7 +52,7 @@ bool goes_on(const ask_result &result)
 template <typename Request, typename Answer>
 ask_result fetch(client &c, const char *kind, const Request &request, Answer &answer, evidence &into)
 {
-    const ask_result result = ask(c, request, answer);
+    ask_result result = ask(c, request, answer);
     if (result.status != ask_status::answered) {
         into.arrivals.push_back(failed(kind, result));
         return result;
@@ -79,7 +79,7 @@ ask_result fetch_ima_log(client &c, const message_taker &take, evidence &into)
             nodes.push_back(message.node_name());
         return take(message);
     };
-    const ask_result result = ask_stream(c, {}, count, [] { return false; });
+    ask_result result = ask_stream(c, {}, count, [] { return false; });
     if (result.status != ask_status::answered) {
         into.arrivals.push_back(failed("ima-log", result));
         return result;
@@ -120,7 +120,7 @@ ask_result fetch_evidence(client &c, const message_taker &take_ima, evidence &in
         [&] { return fetch(c, "hw-integrity", into.hw_integrity_request, into.hw_integrity, into); },
     };
     for (const auto &step : steps)
-        if (const ask_result result = step(); !goes_on(result))
+        if (ask_result result = step(); !goes_on(result))
             return result;
     return {};
 }

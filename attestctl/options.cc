@@ -152,7 +152,10 @@ constexpr auto COMMANDS = std::to_array<command_row>({
     {command_id::attest, "attest", "ask for everything and judge it"},
 });
 
-constexpr std::string_view EXIT_STATUSES =
+constexpr std::string_view NOTES =
+    "\nIn JSON, bytes are hexadecimal; event_name, template_name and digest_algo are text, in which \\\\ "
+    "stands for\n"
+    "a backslash and \\xNN for a byte that is not UTF-8.\n"
     "\nExit status: 0 done; 1 evidence that is missing or does not verify; 2 usage or connection;\n"
     "130 a stream was interrupted.\n";
 
@@ -178,7 +181,7 @@ std::string program_help()
     append_options(out, EVERY);
     out += "  --help               this text, or that of a command\n"
            "  --version            the version\n";
-    return out + std::string(EXIT_STATUSES);
+    return out + std::string(NOTES);
 }
 
 std::string command_help(const command_row &command)
@@ -186,7 +189,7 @@ std::string command_help(const command_row &command)
     std::string own;
     append_options(own, of(command.id));
     std::string out = "Usage: attestctl [OPTION]... " + std::string(command.name) + " [OPTION]...\n";
-    out += "Show " + std::string(command.help) + ".\n";
+    out += "Ask for the " + std::string(command.help) + ".\n";
     if (command.id == command_id::attest)
         out = "Usage: attestctl [OPTION]... attest\n"
               "Ask for every kind of evidence with fresh nonces, check it, say VERIFIED or NOT VERIFIED.\n";
@@ -194,7 +197,7 @@ std::string command_help(const command_row &command)
         out += "\nOptions of this command:\n" + own;
     out += "\nGeneral options:\n";
     append_options(out, EVERY);
-    return out + std::string(EXIT_STATUSES);
+    return out + std::string(NOTES);
 }
 
 const command_row *find_command(std::string_view name)

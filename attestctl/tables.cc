@@ -8,20 +8,14 @@
 
 namespace {
 
-// "node NAME, up 1 d 02:03:04", as far as the record says.
 template <typename Record>
-std::string source_text(const Record &record)
+std::string source_of(const Record &record)
 {
-    std::string out = "node " + (record.has_node_name() ? printable(record.node_name()) : "(without a name)");
-    if constexpr (requires { record.uptime(); }) {
-        if (record.has_uptime()) {
-            const std::uint64_t s = record.uptime();
-            out += ", up " + (s >= 86400 ? grouped(s / 86400) + " d " : std::string()) +
-                   format("%02u:%02u:%02u", static_cast<unsigned>(s / 3600 % 24),
-                          static_cast<unsigned>(s / 60 % 60), static_cast<unsigned>(s % 60));
-        }
-    }
-    return out;
+    std::optional<std::uint64_t> uptime;
+    if constexpr (requires { record.uptime(); })
+        if (record.has_uptime())
+            uptime = record.uptime();
+    return source_text(record.has_node_name() ? &record.node_name() : nullptr, uptime);
 }
 
 template <typename Record>
@@ -45,7 +39,7 @@ void append_pcrs(std::string &out, const Pcrs &pcrs)
 
 void append_certificates(std::string &out, const api::SystemCertificates &record)
 {
-    out += source_text(record) + '\n';
+    out += source_of(record) + '\n';
     for (const api::CERTIFICATE_ENTRY &entry : record.certs()) {
         out += "  " + printable(entry.name()) + '\n';
         for (const std::string &line : certificate_lines(entry.data()))
@@ -85,6 +79,17 @@ void append_identifiers(std::string &out, const api::tpm_hw_integrity &record)
 
 } // namespace
 
+std::string source_text(const std::string *node_name, std::optional<std::uint64_t> uptime_s)
+{
+    std::string out = "node " + (node_name ? printable(*node_name) : "(without a name)");
+    if (!uptime_s)
+        return out;
+    const std::uint64_t s = *uptime_s;
+    const auto part = [](std::uint64_t value) { return static_cast<unsigned>(value); };
+    return out + ", up " + (s >= 86400 ? grouped(s / 86400) + " d " : "") +
+           format("%02u:%02u:%02u", part(s / 3600 % 24), part(s / 60 % 60), part(s % 60));
+}
+
 void append_table(std::string &out, const api::get_certificate_response &answer)
 {
     for (const api::SystemCertificates &record : answer.node_data())
@@ -94,7 +99,7 @@ void append_table(std::string &out, const api::get_certificate_response &answer)
 void append_table(std::string &out, const api::attest_pcr_response &answer)
 {
     for (const api::NodePCRData &record : answer.node_data()) {
-        out += source_text(record) + '\n';
+        out += source_of(record) + '\n';
         append_pcrs(out, record.pcrs());
         append_quote(out, record);
     }
@@ -103,7 +108,7 @@ void append_table(std::string &out, const api::attest_pcr_response &answer)
 void append_table(std::string &out, const api::get_platform_hw_integrity_response &answer)
 {
     for (const api::tpm_hw_integrity &record : answer.node_data()) {
-        out += source_text(record) + ", source " + printable(record.source_name()) + '\n';
+        out += source_of(record) + ", source " + printable(record.source_name()) + '\n';
         append_identifiers(out, record);
         append_pcrs(out, record.pcrs());
         append_quote(out, record);
@@ -114,8 +119,8 @@ void append_table(std::string &out, const api::get_platform_hw_integrity_respons
 
 void append_ima_head(std::string &out, const api::NodeIMAData &record)
 {
-    out += source_text(record) + "\n  event  PCR  marks (D duplicate, V violation, S signed)  template  "
-                                 "template hash  file digest  file name\n";
+    out += source_of(record) + "\n  event  PCR  marks (D duplicate, V violation, S signed)  template  "
+                               "template hash  file digest  file name\n";
 }
 
 bool is_violation(const api::IMA_EVENT &event)

@@ -1,11 +1,16 @@
 // Evidence as tables for a person. All text is appended and ends with a line break; nothing in it is judged.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include "api/remote_attestation_api.pb.h"
 
 namespace api = remote_attestation_api;
+
+// "node NAME, up 1 d 02:03:04": what a record says about where it comes from. No name: nullptr.
+std::string source_text(const std::string *node_name, std::optional<std::uint64_t> uptime_s);
 
 void append_table(std::string &out, const api::get_certificate_response &answer);
 void append_table(std::string &out, const api::attest_pcr_response &answer);

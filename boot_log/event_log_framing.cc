@@ -57,13 +57,15 @@ bool get_event_data(field_cursor &fields, boot_record &record)
     return fields.get("event size", size) && fields.get("event data", size, record.event_data);
 }
 
-bool fits(std::span<const std::byte> log, const boot_log_framing &framing, boot_log_misfit &misfit)
+// Counts the records on the way.
+bool fits(std::span<const std::byte> log, boot_log_framing &framing, boot_log_misfit &misfit)
 {
     byte_cursor records(log);
     boot_record record = {};
     while (!records.at_end()) {
         if (!next_boot_record(records, framing, record, misfit))
             return false;
+        ++framing.record_count;
     }
     return true;
 }
@@ -139,13 +141,9 @@ bool find_boot_log_framing(std::span<const std::byte> log, boot_log_framing &fra
     if (fits(log, framing, misfit))
         return true;
     boot_log_misfit ignored = {};
-    for (const boot_log_framing &other :
-         {boot_log_framing{boot_log_rule::listed_digest_sizes, find_listed_algorithms(log)},
-          boot_log_framing{boot_log_rule::sha1_only, {}}}) {
-        if (fits(log, other, ignored)) {
-            framing = other;
-            return true;
-        }
-    }
-    return false;
+    framing = {.rule = boot_log_rule::listed_digest_sizes, .listed_algorithms = find_listed_algorithms(log)};
+    if (fits(log, framing, ignored))
+        return true;
+    framing = {.rule = boot_log_rule::sha1_only};
+    return fits(log, framing, ignored);
 }

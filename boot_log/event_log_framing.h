@@ -21,7 +21,9 @@ enum class boot_log_rule {
 
 struct boot_log_framing {
     boot_log_rule rule = boot_log_rule::record_by_record;
-    std::span<const std::byte> listed_algorithms; // the entries of the Spec ID event's list
+    std::uint32_t record_count = 0; // as find_boot_log_framing counted them
+    // The entries of the Spec ID event's list.
+    std::span<const std::byte> listed_algorithms = {};
 };
 
 // A record with all its parts inside the log, as views into it.

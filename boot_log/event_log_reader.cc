@@ -5,48 +5,22 @@
 #include <span>
 
 #include "agent/debug_trace.h"
+#include "agent/node_location.h"
 #include "boot_log/event_log_dump.h"
 #include "boot_log/event_log_framing.h"
 #include "boot_log/file_utilities.h"
 #include "boot_log/trace_dump.h"
 #include "boot_log/uptime.h"
-#include "platform/node_identity.h"
 #include "platform/owners.h"
 
 const char *sb_log_name = "/sys/kernel/security/tpm0/binary_bios_measurements";
 
 namespace {
 
-constexpr std::size_t NODE_NAME_SIZE = 32;
 constexpr std::uint32_t EVENT_ARRAY_GROWTH = 200;
 
 // The operation under whose name the parts of the reader trace.
 constexpr char READER[] = "attestation_get_local_sb_event_logs";
-
-bool set_node_name(NodeBootIntegrityLog &log)
-{
-    malloc_ptr<char> name(static_cast<char *>(std::malloc(NODE_NAME_SIZE)));
-    if (!name || platform_get_node_name(name.get(), NODE_NAME_SIZE) != 0)
-        return false;
-    log.node_name = name.release();
-    log.present |= NodeBootIntegrityLog::has_node_name;
-    return true;
-}
-
-// False when there is no memory; no bytes need none.
-bool copy_bytes(std::span<const std::byte> bytes, message_bytes &copy)
-{
-    copy = {nullptr, bytes.size()};
-    if (bytes.empty())
-        return true;
-    copy.data = static_cast<std::uint8_t *>(std::malloc(bytes.size()));
-    if (copy.data == nullptr) {
-        copy.length = 0;
-        return false;
-    }
-    std::memcpy(copy.data, bytes.data(), bytes.size());
-    return true;
-}
 
 void set_numbers(const boot_record &record, std::uint32_t event_num, BOOT_EVENT &event)
 {
@@ -71,13 +45,13 @@ void set_digest(std::uint32_t hash_alg, std::span<const std::byte> digest, BOOT_
 {
     entry.hash_alg = hash_alg;
     entry.present |= BOOT_EVENT_DIGEST::has_hash_alg;
-    if (copy_bytes(digest, entry.digest))
+    if (message_copy_bytes(digest, entry.digest))
         entry.present |= BOOT_EVENT_DIGEST::has_digest;
 }
 
 bool set_event_data(const boot_record &record, BOOT_EVENT &event)
 {
-    if (!copy_bytes(record.event_data, event.event_data))
+    if (!message_copy_bytes(record.event_data, event.event_data))
         return false;
     event.event_size = static_cast<std::uint32_t>(record.event_data.size());
     event.present |= BOOT_EVENT::has_event_size | BOOT_EVENT::has_event_data;
@@ -154,14 +128,18 @@ bool populate_tpm_12_eventlog(const boot_record &record, std::uint32_t event_num
     return true;
 }
 
-bool grow_events(message_list<BOOT_EVENT> &events, std::uint32_t &capacity)
+// Room for all records, in steps of 200. All of it before the first event: grown between the many small
+// allocations of the events, the array would be moved at every step.
+bool allocate_events(std::uint32_t record_count, NodeBootIntegrityLog &log)
 {
-    std::uint32_t grown = capacity + EVENT_ARRAY_GROWTH;
-    void *items = std::realloc(events.items, grown * sizeof(BOOT_EVENT));
-    if (items == nullptr)
-        return false;
-    events.items = static_cast<BOOT_EVENT *>(items);
-    capacity = grown;
+    for (std::uint32_t capacity = 0; capacity < record_count;) {
+        capacity += EVENT_ARRAY_GROWTH;
+        void *items = std::realloc(log.events.items, capacity * sizeof(BOOT_EVENT));
+        if (items == nullptr)
+            return false;
+        log.events.items = static_cast<BOOT_EVENT *>(items);
+        log.present |= NodeBootIntegrityLog::has_events;
+    }
     return true;
 }
 
@@ -170,19 +148,15 @@ bool grow_events(message_list<BOOT_EVENT> &events, std::uint32_t &capacity)
 std::uint32_t populate_events(std::span<const std::byte> file, const boot_log_framing &framing,
                               NodeBootIntegrityLog &log)
 {
+    message_list<BOOT_EVENT> &events = log.events;
+    if (!allocate_events(framing.record_count, log)) {
+        attest_trace_as(READER, "Failed to allocate event log");
+        return ATTEST_ERR_NO_MEMORY;
+    }
     byte_cursor records(file);
     boot_record record = {};
     boot_log_misfit misfit = {};
-    message_list<BOOT_EVENT> &events = log.events;
-    std::uint32_t capacity = 0;
     while (!records.at_end() && next_boot_record(records, framing, record, misfit)) {
-        if (events.count == capacity) {
-            if (!grow_events(events, capacity)) {
-                attest_trace_as(READER, "Failed to allocate event log");
-                return ATTEST_ERR_NO_MEMORY;
-            }
-            log.present |= NodeBootIntegrityLog::has_events;
-        }
         BOOT_EVENT &event = events.items[events.count];
         event = {};
         if (!record.crypto_agile) {
@@ -222,10 +196,11 @@ std::uint32_t attestation_get_local_sb_event_logs(NodeBootIntegrityLog *log)
 
     *log = {};
     owned_message<NodeBootIntegrityLog> filled;
-    if (!set_node_name(*filled)) {
-        attest_trace("Failed to allocate node location");
+    malloc_ptr<char> node_name = allocate_node_location(__func__);
+    if (node_name == nullptr)
         return ATTEST_ERR_NO_MEMORY;
-    }
+    filled->node_name = node_name.release();
+    filled->present |= NodeBootIntegrityLog::has_node_name;
     filled->uptime = at_get_uptime_fm_sys();
     filled->present |= NodeBootIntegrityLog::has_uptime;
 

@@ -10,8 +10,8 @@
 
 namespace {
 
-// One read, and the zero bytes that always follow the data.
-constexpr std::int32_t READ_SIZE = 1024;
+// The first capacity, and the zero bytes that always follow the data.
+constexpr std::int32_t SPARE = 1024;
 
 constexpr std::uint32_t MAX_CAPACITY = std::uint32_t{1} << 30;
 static_assert(2u * MAX_CAPACITY > std::numeric_limits<std::int32_t>::max(),
@@ -23,17 +23,16 @@ struct growing_buffer {
     std::int32_t used;
 };
 
-// Moves the data to a zero-filled buffer of `capacity` bytes; without one, the old buffer stays.
+// Makes room for `capacity` bytes, keeping the data; without that room, all stays as it is.
 bool grow(growing_buffer &buffer, std::uint32_t capacity)
 {
     if (capacity > MAX_CAPACITY)
         return false;
-    malloc_ptr<std::byte> grown(static_cast<std::byte *>(std::calloc(capacity, 1)));
-    if (!grown)
+    auto *grown = static_cast<std::byte *>(std::realloc(buffer.bytes.get(), capacity));
+    if (grown == nullptr)
         return false;
-    if (buffer.used > 0)
-        std::memcpy(grown.get(), buffer.bytes.get(), static_cast<std::size_t>(buffer.used));
-    buffer.bytes = std::move(grown);
+    static_cast<void>(buffer.bytes.release());
+    buffer.bytes.reset(grown);
     buffer.capacity = static_cast<std::int32_t>(capacity);
     return true;
 }
@@ -43,7 +42,7 @@ bool known_too_large(std::FILE *file)
 {
     struct stat status = {};
     return fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode) &&
-           status.st_size > static_cast<std::int64_t>(MAX_CAPACITY) - READ_SIZE;
+           status.st_size > static_cast<std::int64_t>(MAX_CAPACITY) - SPARE;
 }
 
 } // namespace
@@ -66,14 +65,18 @@ int read_file(const char *path, std::byte **buffer, std::uint64_t *size)
         return false;
     };
     // A file beyond the counters is reported as the doubling that they cannot hold.
-    if (!grow_to(known_too_large(file.get()) ? 2 * MAX_CAPACITY : READ_SIZE))
+    if (!grow_to(known_too_large(file.get()) ? 2 * MAX_CAPACITY : SPARE))
         return -1;
-    while (std::size_t count = std::fread(data.bytes.get() + data.used, 1, READ_SIZE, file.get())) {
+    // Each read takes all the room there is; the buffer doubles where it would in reads of 1024 bytes.
+    while (std::size_t count = std::fread(data.bytes.get() + data.used, 1,
+                                          static_cast<std::size_t>(data.capacity - data.used), file.get())) {
         data.used += static_cast<std::int32_t>(count);
-        if (data.capacity - data.used < READ_SIZE && !grow_to(2 * static_cast<std::uint32_t>(data.capacity)))
+        if (data.capacity - data.used < SPARE && !grow_to(2 * static_cast<std::uint32_t>(data.capacity)))
             return -1;
     }
 
+    // Zeroed once, here: whatever a read fills need not be zero before.
+    std::memset(data.bytes.get() + data.used, 0, static_cast<std::size_t>(data.capacity - data.used));
     *size = static_cast<std::uint64_t>(data.used);
     attest_trace("bufsize = %lu\n", *size);
     *buffer = data.bytes.release();

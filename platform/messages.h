@@ -269,12 +269,14 @@ struct get_platform_hw_integrity_response {
 // What the one encoder, sizer, decoder and release know about a message type; defined beside the tables.
 struct message_descriptor;
 
-// The descriptor of a message type; specialised for every structure above.
+// The descriptor of a message type; there is one for every structure above.
 template <class Message>
 const message_descriptor &message_descriptor_of();
 
-// Bytes that the message takes when encoded; -1 when it cannot be encoded (a list or bytes field that is
-// present, not empty and null; more than 2 GiB, which the wire form cannot carry).
+// Bytes that the message takes when encoded; -1 when it cannot be encoded: a list or bytes field that is
+// present, not empty and null; a text that is present and null; a text that is no UTF-8 where the wire form
+// has `string`, for which a reader would refuse the whole message; 2 GiB or more, which the wire form cannot
+// carry.
 std::int64_t message_encoded_size(const message_descriptor &descriptor, const void *message);
 
 // Encodes into `out`. The encoded length; when that is larger than `out`, nothing is written and the caller
@@ -285,12 +287,18 @@ std::int64_t message_encode(const message_descriptor &descriptor, const void *me
 
 // Decodes `bytes` into `message`, whose former content is overwritten, not released. True, with memory that
 // the caller releases; or false, with the message empty and nothing allocated: bytes that are cut or
-// malformed, or out of memory. Unknown fields are skipped. Depth, counts and lengths are bounded by the bytes
-// at hand.
+// malformed (also a `string` that is no UTF-8), or out of memory. The verdict is that of protobuf's own
+// parsers. Unknown fields are skipped; of a field that comes several times the last counts, of a list all
+// items. A present text is never null; present empty bytes have a null pointer. Depth is that of the
+// structures; memory is at most 64 bytes for each byte decoded.
 bool message_decode(const message_descriptor &descriptor, std::span<const std::byte> bytes, void *message);
 
 // Frees everything the message owns and leaves it empty, so that a second release does nothing.
 void message_release(const message_descriptor &descriptor, void *message);
+
+// Copies `bytes` into memory of their own, for a message's field. False when there is no memory; `copy` is
+// then empty, as it is, with a null pointer, for no bytes.
+bool message_copy_bytes(std::span<const std::byte> bytes, message_bytes &copy);
 
 template <class Message>
 std::int64_t message_encoded_size(const Message &message)

@@ -52,6 +52,9 @@ void remote_attestation_api_server_set_connect_callback(remote_attestation_api_s
                                                         remote_attestation_api_connect_callback callback);
 void remote_attestation_api_server_set_disconnect_callback(
     remote_attestation_api_server *server, remote_attestation_api_disconnect_callback callback);
+// For a call that ends before its last answer (its client cancelled it or is gone; then the disconnect
+// callback may follow), and for a request that cannot be decoded, which is answered without any field.
+// `error` is a status.
 void remote_attestation_api_server_set_error_callback(remote_attestation_api_server *server,
                                                       remote_attestation_api_error_callback callback);
 // The name under which the health service answers; copied.

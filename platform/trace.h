@@ -47,7 +47,7 @@ inline bool trace_flag_enabled(const trace_flag *flag)
     return flag == nullptr || flag->effective.load(std::memory_order_relaxed) != 0;
 }
 
-// Appends one line, formatted as printf does, if the flag is on and there is a buffer. A text over 4056 bytes
+// Appends one line, formatted as printf does, if the flag is on and there is a buffer. A text over 4064 bytes
 // is cut and ends in " [cut]". *site_state belongs to the call site: TRACE_SITE_INIT at first, then the
 // number of lines the site has written, less one. Safe in signal handlers for formats without floating point.
 void trace_log(trace_flag *flag, trace_buffer *buffer, std::uint32_t *site_state, const char *format, ...)

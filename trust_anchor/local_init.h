@@ -3,6 +3,6 @@
 
 #include <cstdint>
 
-// Called once at start-up. ATTEST_OK, or ATTEST_ERR_KOV_INIT: then every operation that needs the trust
-// anchor fails by itself.
+// Fills at_agent_state and at_soft_data_limit. Called once at start-up. ATTEST_OK; or ATTEST_ERR_KOV_INIT at
+// the first step that fails: then every operation that needs the trust anchor fails at its own login.
 std::uint32_t attestation_local_init();

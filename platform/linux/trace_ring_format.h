@@ -2,29 +2,30 @@
 // reader (attest-trace).
 //
 //   byte 0      trace_ring_header, one page
-//   byte 4096   data: `data_size` bytes, a power of two, taken as 64-bit words, written round and round
+//   byte 4096   data: `data_size` bytes, a power of two, taken as cells of 32 bytes, written round and round
 //
 // A position counts the bytes ever reserved, from `data_size` on; position p lies at data byte
 // p % data_size. So a position is never 0 and never comes twice, and what an earlier lap left in a place
-// never looks like a record of this one. A record starts at a multiple of 8 and may run over the end of the
-// data:
+// never looks like a record of this one. A record is a run of cells that may go on at the start of the data:
 //
-//   word 0      its own position: the commit word, written last
-//   word 1      checksum over word 0, words 2 to 4 and the text's words
-//   word 2      time, nanoseconds since 1970 (UTC)
-//   word 3      process id | thread id << 32
-//   word 4      sequence number | text length in bytes << 32 | flags << 48
-//   word 5...   the text, without a NUL; the last word is filled up with 0xFF bytes
+//   byte 0    position of the record: the commit word, written last                            64 bits
+//   byte 8    checksum over the rest of the record                                             32 bits
+//   byte 12   sequence number                                                                  32 bits
+//   byte 16   time, nanoseconds since 1970 (UTC)                                               64 bits
+//   byte 24   process id (24 bits), thread id (24 bits), text length (15 bits), cut (1 bit)    64 bits
+//   byte 32   the text, without a NUL, filled up with 0xFF to whole cells
 //
-// A writer reserves its bytes with one atomic addition to `head`, fills them and commits. Nothing is locked,
+// A writer reserves its cells with one atomic addition to `head`, fills them and commits. Nothing is locked,
 // so three things can be in the way of a reader, and each shows:
-// - a record not committed (its writer is at it, or was killed): word 0 is not its position. Its length is
-//   unknown; the next record is found by going on word by word until one holds its own position. Text cannot
-//   look like that: a position has zero bytes, text has none.
+// - a record not committed (its writer is at it, or was killed): its first word is not its position. Its
+// length
+//   is unknown; the next record is found by going on cell by cell until one starts with its own position.
+//   Text cannot look like that: a position has zero bytes, text has none.
 // - a record overwritten since: `head` has gone more than data_size past it.
 // - a record torn by a writer that slept for a whole lap between reserving and writing: the checksum fails.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <bit>
 #include <cstddef>
@@ -63,38 +64,52 @@ static_assert(offsetof(trace_ring_header, sequence) == 72);
 static_assert(offsetof(trace_ring_header, writer) == 80);
 static_assert(sizeof(trace_ring_header) == 128 && sizeof(trace_ring_header) <= TRACE_RING_HEADER_SIZE);
 
-enum : std::size_t {
-    TRACE_WORD_POSITION,
-    TRACE_WORD_CHECKSUM,
-    TRACE_WORD_TIME,
-    TRACE_WORD_WRITER,
-    TRACE_WORD_LENGTH,
-    TRACE_RECORD_HEADER_WORDS
-};
+inline constexpr std::size_t TRACE_CELL_SIZE = 32;
+inline constexpr std::size_t TRACE_CELL_WORDS = TRACE_CELL_SIZE / 8;
 
-inline constexpr std::uint64_t TRACE_RECORD_CUT = std::uint64_t{1} << 48; // in TRACE_WORD_LENGTH
+// The words of a record's first cell.
+enum : std::size_t { TRACE_WORD_POSITION, TRACE_WORD_CHECK, TRACE_WORD_TIME, TRACE_WORD_WRITER };
 
-// The longest record is 4 KiB: a line is a line, and a dump of a large event shows its start.
-inline constexpr std::size_t TRACE_TEXT_MAX = 4096 - 8 * TRACE_RECORD_HEADER_WORDS;
-inline constexpr char TRACE_CUT_MARK[] = " [cut]"; // the end of a text that was longer
-static_assert(TRACE_TEXT_MAX % 8 == 0 && TRACE_TEXT_MAX <= 0xFFFF);
-
-// Words of a record with a text of that length.
-constexpr std::uint64_t trace_word_count(std::uint64_t text_length)
+// Process ids of Linux have 22 bits.
+constexpr std::uint64_t trace_writer_word(std::uint32_t process, std::uint32_t thread, std::size_t length,
+                                          bool cut)
 {
-    return TRACE_RECORD_HEADER_WORDS + (text_length + 7) / 8;
+    return (process & 0xFFFFFF) | std::uint64_t{thread & 0xFFFFFF} << 24 | std::uint64_t{length} << 48 |
+           std::uint64_t{cut} << 63;
 }
 
-// Fletcher's sum in 64-bit words, in the order in which add is called. It tells words of two lines that got
-// mixed; it is no protection against a forger, who could write the file anyway.
-struct trace_checksum {
-    std::uint64_t sum = TRACE_RING_MAGIC;
-    std::uint64_t sum_of_sums = 0;
+// The longest record is 4 KiB: a line is a line, and a dump of a large event shows its start.
+inline constexpr std::size_t TRACE_TEXT_MAX = 4096 - TRACE_CELL_SIZE;
+inline constexpr char TRACE_CUT_MARK[] = " [cut]"; // the end of a text that was longer
+static_assert(TRACE_TEXT_MAX % TRACE_CELL_SIZE == 0 && TRACE_TEXT_MAX <= 0x7FFF);
 
-    constexpr void add(std::uint64_t word)
+// Cells that a text takes.
+constexpr std::size_t trace_text_cells(std::size_t length)
+{
+    return (length + TRACE_CELL_SIZE - 1) / TRACE_CELL_SIZE;
+}
+
+// Fletcher's sums over the text's cells in their order, one for each word of a cell so that they run side by
+// side, mixed with the first cell as {position, sequence, time, writer}. They tell lines that got mixed; they
+// are no protection against a forger, who could write the file anyway.
+struct trace_checksum {
+    std::array<std::uint64_t, TRACE_CELL_WORDS> sum{};
+    std::array<std::uint64_t, TRACE_CELL_WORDS> sum_of_sums{};
+
+    constexpr void add(const std::array<std::uint64_t, TRACE_CELL_WORDS> &cell)
     {
-        sum += word;
-        sum_of_sums += sum;
+        for (std::size_t word = 0; word < cell.size(); ++word) {
+            sum[word] += cell[word];
+            sum_of_sums[word] += sum[word];
+        }
     }
-    constexpr std::uint64_t value() const { return sum ^ std::rotl(sum_of_sums, 32); }
+    constexpr std::uint32_t value(std::uint64_t position, std::uint64_t sequence, std::uint64_t time,
+                                  std::uint64_t writer) const
+    {
+        std::uint64_t sums = (sum[0] + position) + std::rotl(sum[1] + sequence, 16) +
+                             std::rotl(sum[2] + time, 32) + std::rotl(sum[3] + writer, 48);
+        std::uint64_t more = sum_of_sums[0] + std::rotl(sum_of_sums[1], 16) + std::rotl(sum_of_sums[2], 32) +
+                             std::rotl(sum_of_sums[3], 48);
+        return static_cast<std::uint32_t>((sums ^ std::rotl(more, 29)) * 0x9E3779B97F4A7C15 >> 32);
+    }
 };

@@ -61,7 +61,8 @@ bool reserve_items(const wire_input &input, const field_descriptor &field, std::
         return false;
     if (room == 0)
         return true;
-    std::size_t item_size = field.kind == field_kind::messages ? field.child->size : sizeof(std::uint32_t);
+    std::size_t item_size =
+        field.kind == field_kind::messages ? field.child->structure_size : sizeof(std::uint32_t);
     any_list list{std::calloc(room, item_size), 0};
     store_member(message, field.offset, list);
     return list.items != nullptr;
@@ -209,7 +210,7 @@ bool decode_message(const message_descriptor &descriptor, wire_input input, void
 
 bool message_decode(const message_descriptor &descriptor, std::span<const std::byte> bytes, void *message)
 {
-    std::memset(message, 0, descriptor.size);
+    std::memset(message, 0, descriptor.structure_size);
     const char *begin = reinterpret_cast<const char *>(bytes.data());
     if (bytes.size() > MESSAGE_SIZE_MAX)
         return false;

@@ -1,4 +1,5 @@
 #include "platform/message/descriptors.h"
+#include "platform/message/encode.h"
 
 #include <array>
 #include <bit>
@@ -12,8 +13,13 @@ struct message_table;
 namespace {
 
 template <class Message>
-constexpr message_descriptor descriptor = {message_table<Message>::name, sizeof(Message),
-                                           message_table<Message>::fields};
+constexpr message_descriptor descriptor = {
+    message_table<Message>::name,
+    sizeof(Message),
+    message_table<Message>::fields,
+    message_size<message_table<Message>::fields>,
+    put_message<message_table<Message>::fields>,
+};
 
 // What a member's type says about its field.
 template <class Member>

@@ -35,8 +35,11 @@ struct field_descriptor {
 // word and number i + 1 on the wire.
 struct message_descriptor {
     const char *name;
-    std::uint32_t size; // of the structure
+    std::size_t structure_size;
     std::span<const field_descriptor> fields;
+    // The table's own walks of the sizer and the encoder; encode.h says what they give.
+    std::uint64_t (*size)(const void *message);
+    char *(*put)(char *end, const void *message);
 };
 
 // The wire form counts in 31 bits.
@@ -65,10 +68,10 @@ void store_member(void *message, std::size_t offset, const T &value)
 
 inline const void *list_item(const any_list &list, const message_descriptor &child, std::size_t index)
 {
-    return static_cast<const std::byte *>(list.items) + index * child.size;
+    return static_cast<const std::byte *>(list.items) + index * child.structure_size;
 }
 
 inline void *list_item(any_list &list, const message_descriptor &child, std::size_t index)
 {
-    return static_cast<std::byte *>(list.items) + index * child.size;
+    return static_cast<std::byte *>(list.items) + index * child.structure_size;
 }

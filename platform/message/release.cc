@@ -27,5 +27,18 @@ void message_release(const message_descriptor &descriptor, void *message)
             break;
         }
     }
-    std::memset(message, 0, descriptor.size);
+    std::memset(message, 0, descriptor.structure_size);
+}
+
+bool message_copy_bytes(std::span<const std::byte> bytes, message_bytes &copy)
+{
+    copy = {nullptr, 0};
+    if (bytes.empty())
+        return true;
+    copy.data = static_cast<std::uint8_t *>(std::malloc(bytes.size()));
+    if (copy.data == nullptr)
+        return false;
+    std::memcpy(copy.data, bytes.data(), bytes.size());
+    copy.length = bytes.size();
+    return true;
 }

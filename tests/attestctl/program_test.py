@@ -1,6 +1,7 @@
 """attestctl, the program, against a server that answers what each test wants."""
 
 import contextlib
+import hashlib
 import json
 import os
 import pty
@@ -87,6 +88,14 @@ class FakeNode:
 
     def __exit__(self, *_):
         self.server.stop(0).wait()
+
+
+def say_nothing(_, context):
+    """A handler that is silent until its client has gone."""
+    gone = threading.Event()
+    if context.add_callback(gone.set):
+        gone.wait(60)
+    return b""
 
 
 def run(target, *arguments, **more):
@@ -285,12 +294,12 @@ class Answers(Program):
 
     def test_huge_answer_is_taken(self):
         answer = api.get_platform_ima_event_logs_response(
-            node_data=[ima_record(1, 20, signature=bytes(1_000_000))]
+            node_data=[ima_record(1, 20, signature=bytes(300_000))]
         )
         with FakeNode({"GetPlatformImaEventLogs": lambda r, c: answer}) as node:
             done = run(node.target, "ima-log", "--json")
         self.expect(done, 0)
-        self.assertGreater(len(done.stdout), 40_000_000)
+        self.assertGreater(len(done.stdout), 12_000_000)
 
 
 class Attest(Program):
@@ -316,9 +325,9 @@ class Attest(Program):
         self.assertEqual(done.stdout.decode().count("missing"), 6)
 
     def test_silent_node_does_not_cost_a_timeout_a_kind(self):
-        with FakeNode({"GetCertificate": lambda r, c: time.sleep(2)}) as node:
-            done = run(node.target, "--timeout", "0.3", "attest")
-        self.expect(done, 2, ".*DEADLINE_EXCEEDED: no answer within 0.3 s")
+        with FakeNode({"GetCertificate": say_nothing}) as node:
+            done = run(node.target, "--timeout", "2", "attest")
+        self.expect(done, 2, ".*DEADLINE_EXCEEDED: no answer within 2 s")
         self.assertIn("NOT VERIFIED", done.stdout.decode())
         self.assertEqual(len(node.requests), 1)
 
@@ -339,13 +348,9 @@ class Failures(Program):
                 self.expect(done, 2, r".*: RESOURCE_EXHAUSTED: too\\x0abig \\x1b\[2J", "")
 
     def test_no_answer_in_time(self):
-        def hang(request, context):
-            time.sleep(2)
-            return api.get_certificate_response()
-
-        with FakeNode({"GetCertificate": hang}) as node:
-            done = run(node.target, "certificate", "--timeout", "0.3")
-        self.expect(done, 2, ".*: DEADLINE_EXCEEDED: no answer within 0.3 s")
+        with FakeNode({"GetCertificate": say_nothing}) as node:
+            done = run(node.target, "certificate", "--timeout", "1.5")
+        self.expect(done, 2, ".*: DEADLINE_EXCEEDED: no answer within 1.5 s")
 
     def test_nobody_there(self):
         with socket.socket() as unused:
@@ -365,7 +370,8 @@ class Failures(Program):
         self.expect(run("nowhere.invalid:1", "boot-log"), 2, "cannot reach nowhere.invalid:1: .+")
 
     def test_answer_that_is_no_message(self):
-        for garbage in (b"\x0a\xff\xff\xff\xff\x0f", b"\x0a\x03\x0a\x01\xff"):  # cut; a name that is no UTF-8
+        no_utf8 = b"\x0a\x03\x0a\x01\xff\x12\x03\x0a\x01\xff"  # the first string of a record, as field 1 and 2
+        for garbage in (b"\x0a\xff\xff\xff\xff\x0f", no_utf8):
             answers = {name: lambda r, c: garbage for name in METHODS}
             answers[STREAM] = lambda r, c: iter([ima_record(1, 2), garbage, ima_record(3, 2)])
             with FakeNode(answers) as node:
@@ -378,7 +384,7 @@ class Failures(Program):
             STREAM: lambda r, c: (ima_record(1 + 1000 * i, 1000) for i in range(3)),
         }
         with FakeNode(answers) as node, open("/dev/full", "wb") as full:
-            for command in (["boot-log"], ["ima-log", "--stream"]):
+            for command in (["boot-log"], ["ima-log", "--stream"], ["--version"]):
                 done = subprocess.run(
                     [PROGRAM, "--target", node.target, *command], stdout=full, stderr=subprocess.PIPE, check=False
                 )
@@ -457,17 +463,17 @@ class Stream(Program):
         def slowly(request, context):
             for i in range(4):
                 yield ima_record(1 + i, 1)
-                time.sleep(0.4)
+                time.sleep(1)
 
         def stalls(request, context):
             yield ima_record(1, 1)
-            time.sleep(3)
+            say_nothing(request, context)
 
         with FakeNode({STREAM: slowly}) as node:
-            self.expect(run(node.target, "--timeout", "1", "ima-log", "--stream"), 0)
+            self.expect(run(node.target, "--timeout", "3", "ima-log", "--stream"), 0)
         with FakeNode({STREAM: stalls}) as node:
-            done = run(node.target, "--timeout", "0.5", "ima-log", "--stream")
-        self.expect(done, 2, ".*: no message within 0.5 s, after 1 event .*")
+            done = run(node.target, "--timeout", "2", "ima-log", "--stream")
+        self.expect(done, 2, ".*: no message within 2 s, after 1 event .*")
 
     def test_interrupt_ends_it_and_says_what_came(self):
         gone = threading.Event()
@@ -513,19 +519,33 @@ class Stream(Program):
         self.assertRegex(seen.decode(), r"\r\x1b\[K1,000 events, [\d,]+/s, 0\.\d MB")
         self.assertRegex(seen.decode(), r"\r\x1b\[Kattestctl: received 1,010 events .* in 2 messages.*\r\n\Z")
 
-    def test_memory_does_not_grow_with_the_list(self):
-        def peak_kb(count):
-            message = ima_record(1, 1000, signature=bytes(1000))  # 1.15 MB on the wire
-            with FakeNode({STREAM: lambda r, c: (message for _ in range(count))}) as node:
-                command = [PROGRAM, "--target", node.target, "ima-log", "--stream"]
-                environment = {**os.environ, "ASAN_OPTIONS": "quarantine_size_mb=4"}
-                with subprocess.Popen(command, stdout=subprocess.DEVNULL, env=environment) as child:
-                    _, status, usage = os.wait4(child.pid, 0)
-                    child.returncode = os.waitstatus_to_exitcode(status)
-            self.assertEqual(child.returncode, 0)
-            return usage.ru_maxrss
+    def test_list_does_not_pile_up_in_memory(self):
+        message = ima_record(1, 1000, signature=bytes(1000))  # 1.15 MB on the wire
+        sent = peak_kb = 0
 
-        self.assertLess(peak_kb(250) - peak_kb(20), 20_000)
+        def pieces(request, context):
+            nonlocal sent
+            for sent in range(250):
+                yield message
+
+        with FakeNode({STREAM: pieces}) as node:
+            command = [PROGRAM, "--target", node.target, "ima-log", "--stream"]
+            environment = {**os.environ, "ASAN_OPTIONS": "quarantine_size_mb=4"}
+            with subprocess.Popen(command, stdout=subprocess.PIPE, env=environment) as child:
+                # As long as nobody reads the output the node must come to a halt.
+                before = -1
+                while sent == 0 or before != sent:
+                    before = sent
+                    time.sleep(0.5)
+                self.assertLess(sent, 30)
+                # A slow reader: gRPC's own estimate would let the node send ever more ahead of it.
+                while child.stdout.read(1 << 16):
+                    # Not from getrusage: that counts what this process had when it forked.
+                    with open(f"/proc/{child.pid}/status", encoding="ascii") as file:
+                        peak_kb = int((re.findall(r"VmHWM:\s+(\d+)", file.read()) or [peak_kb])[0])
+                    time.sleep(0.005)
+                self.assertEqual((child.wait(30), sent), (0, 249))
+        self.assertLess(peak_kb, 80_000, "for a list of 290 MB")
 
 
 class Tls(Program):
@@ -574,6 +594,20 @@ class Tls(Program):
             self.expect(self.ask(node.target, cert="other.pem", key="other.key"), 2, f"({refused}|.*UNAVAILABLE.*)")
             self.expect(self.ask(node.target, key="other.key"), 2, ".+")
             self.expect(run(node.target, "boot-log"), 2, f"({refused}|.*UNAVAILABLE.*)")
+
+    def test_certificates_are_shown_in_words(self):
+        self.openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj",
+                     "/CN=caf\u00e9\x1b[2J", "-utf8", "-keyout", "/dev/null", "-out", "c.der", "-outform", "DER")
+        with open(f"{self.folder.name}/c.der", "rb") as file:
+            entry = api.CERTIFICATE_ENTRY(name="Kestrin AIK", data=file.read())
+        record = api.SystemCertificates(node_name="n", certs=[entry])
+        answer = api.get_certificate_response(node_data=[record])
+        with FakeNode({"GetCertificate": lambda r, c: answer}) as node:
+            done = run(node.target, "certificate")
+        self.expect(done, 0)
+        fingerprint = hashlib.sha256(entry.data).hexdigest()
+        self.assertRegex(done.stdout.decode(), r"subject  CN=caf\u00e9\\1B\[2J\n")
+        self.assertIn(f"sha256   {fingerprint}\n  no signature\n", done.stdout.decode())
 
     def test_files_that_are_none(self):
         self.expect(self.ask("127.0.0.1:1", ca="absent"), 2, "cannot read absent: No such file or directory")

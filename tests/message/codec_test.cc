@@ -110,6 +110,10 @@ TEST(MessageCodec, NumbersThatAreNotPackedAreLost)
     // 0 and 300 on their own with an unknown field between them, then an empty packed run, then one of 7.
     ASSERT_TRUE(ours.decode(std::string("\x08\x00\x78\x05\x08\xac\x02\x0a\x00\x0a\x01\x07", 12)));
     EXPECT_EQ(ours.encode(), packed);
+
+    owned_message<attest_pcr_request> empty;
+    ASSERT_TRUE(message_decode(std::as_bytes(std::span("\x0a\x00", 2)), *empty));
+    EXPECT_EQ(empty->present, 0u) << "a run without numbers";
 }
 
 TEST(MessageEncoder, WritesWithoutRoomOrBesideIt)
@@ -142,8 +146,9 @@ TEST(MessageEncoder, PresentEmptyListIsNotLikeAnAbsentOne)
     attest_pcr_request numbers = {};
     numbers.present = attest_pcr_request::has_pcr_indices | attest_pcr_request::has_nonce;
     std::array<std::byte, 8> out{};
-    EXPECT_EQ(message_encode(numbers, out), 2) << "the present empty nonce";
-    EXPECT_EQ(out[0], std::byte{0x12});
+    EXPECT_EQ(message_encode(numbers, std::span(out).last(4)), 2) << "the present empty nonce";
+    EXPECT_EQ(std::to_integer<int>(out[4]), 0x12);
+    EXPECT_EQ(std::to_integer<int>(out[2]), 0) << "before the room";
 }
 
 TEST(MessageEncoder, UnencodableIsEncoded)

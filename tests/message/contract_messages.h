@@ -27,7 +27,7 @@ void cut_to_what_we_keep(const message_descriptor &ours, google::protobuf::Messa
 class structure {
 public:
     explicit structure(const message_descriptor &descriptor)
-        : descriptor_(descriptor), memory_(descriptor.size / 8 + 1)
+        : descriptor_(descriptor), memory_(descriptor.structure_size / 8 + 1)
     {
     }
     structure(const structure &) = delete;

@@ -1,5 +1,6 @@
 #!/usr/bin/python3
 """The sandboxed node: what is seen inside, what stays untouched outside, what its exit status and its ends are."""
+import ctypes
 import os
 import pty
 import re
@@ -9,6 +10,7 @@ import socket
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__))))
@@ -18,6 +20,14 @@ KERNEL_BOOT_LOG = "/sys/kernel/security/tpm0/binary_bios_measurements"
 KERNEL_IMA_LOG = "/sys/kernel/security/ima/binary_runtime_measurements"
 BARE = ("--no-tpm", "--no-agent")
 NOBODY = 65534
+
+PR_SET_PDEATHSIG = 1
+LIBC = ctypes.CDLL(None)
+
+
+def end_with_the_test():
+    """A test that is killed leaves no node serving."""
+    LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGTERM)
 
 
 class NodeTest(unittest.TestCase):
@@ -32,7 +42,7 @@ class NodeTest(unittest.TestCase):
     def start(self, *arguments, settings=(), **options):
         environment = os.environ | {"TMPDIR": self.temporary} | dict(settings)
         return subprocess.Popen([NODE, *arguments], env=environment, text=True, stdin=options.pop("stdin", None),
-                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, preexec_fn=end_with_the_test, **options)
 
     def run_node(self, *arguments, said_to=None, **options):
         """Runs a node to its end; its status, its output and what it said on stderr."""
@@ -76,11 +86,11 @@ class Inside(NodeTest):
                                     *BARE), "made\n")
 
     def test_files_of_the_machine_cannot_be_changed(self):
-        for place in ("/usr", "/etc", "/sys/class", "/proc/sys/kernel", ROOT, f"{ROOT}/tools"):
-            with self.subTest(place=place):
-                status, _, err = self.run_node(*BARE, "--", "touch", f"{place}/node-test")
-                self.assertEqual(status, 1, err)
-                self.assertFalse(os.path.exists(f"{place}/node-test"))
+        places = [f"{place}/node-test" for place in ("/usr", "/etc", "/sys/class", "/proc/sys/kernel", ROOT)]
+        said = self.shell(f"for place in {' '.join(places)}; do touch $place && echo changed $place; done; echo done",
+                          *BARE)
+        self.assertEqual(said, "done\n")
+        self.assertEqual([place for place in places if os.path.exists(place)], [])
 
     def test_shared_places_are_private(self):
         name = f"node-test-{os.getpid()}"
@@ -149,9 +159,8 @@ class Agent(NodeTest):
         self.assertRegex(err, r"the agent ended \(exit status 1\) before it answered; it said")
 
     def test_a_verb_without_an_agent_is_refused(self):
-        for verb in ("stop", "kill", "pid"):
-            status, _, err = self.run_node(*BARE, "--", "node-agent", verb)
-            self.assertEqual((status, err), (2, "node-agent: the agent does not run: never started\n"))
+        said = self.shell("for verb in stop kill pid; do node-agent $verb 2>&1 || echo $?; done", *BARE)
+        self.assertEqual(said, "node-agent: the agent does not run: never started\n2\n" * 3)
 
 
 class Ends(NodeTest):
@@ -184,7 +193,18 @@ class Ends(NodeTest):
             node.send_signal(number)
             self.assertEqual(node.wait(), 0)
             self.assertEqual(os.listdir(self.temporary), [])
-            self.assertRaises(OSError, socket.create_connection, address)
+            self.assert_nobody_listens(address)
+
+    def assert_nobody_listens(self, address):
+        """The sandbox's last processes may go a moment after the tool; the bound is for those that stay."""
+        deadline = time.monotonic() + 30
+        while time.monotonic() < deadline:
+            try:
+                socket.create_connection(address).close()
+            except OSError:
+                return
+            time.sleep(0.02)
+        self.fail(f"something still listens at {address}")
 
     def test_a_command_ends_with_the_node_that_is_told_to(self):
         node = self.start("--", "sh", "-c", "echo ready; exec sleep 1000")

@@ -45,7 +45,7 @@ void print_entry(const trace_entry &entry)
     gmtime_r(&seconds, &parts);
     std::array<char, 40> time{};
     std::strftime(time.data(), time.size(), "%Y-%m-%dT%H:%M:%S", &parts);
-    std::printf("%s.%06" PRIu64 "Z %" PRIu32, time.data(), entry.time_ns % 1'000'000'000 / 1000,
+    std::printf("%s.%03" PRIu64 "Z %" PRIu32, time.data(), entry.time_ns % 1'000'000'000 / 1'000'000,
                 entry.process);
     if (entry.thread != entry.process)
         std::printf("/%" PRIu32, entry.thread);

@@ -15,7 +15,8 @@ bool valid_header(const trace_ring_header &header, std::size_t file_size)
 {
     return header.magic == TRACE_RING_MAGIC && header.version == TRACE_RING_VERSION &&
            header.header_size == TRACE_RING_HEADER_SIZE && std::has_single_bit(header.data_size) &&
-           header.data_size == file_size - TRACE_RING_HEADER_SIZE && header.head.load() >= header.data_size;
+           header.data_size == file_size - TRACE_RING_HEADER_SIZE && header.head.load() >= header.data_size &&
+           header.head.load() % TRACE_CELL_SIZE == 0;
 }
 
 } // namespace
@@ -55,16 +56,25 @@ std::uint64_t ring_reader::head() const
     return header_->head.load(std::memory_order_acquire);
 }
 
-std::uint64_t ring_reader::word(std::uint64_t position) const
+const trace_word *ring_reader::cell_at(std::uint64_t position) const
 {
-    return words_[(position / 8) & (data_size_ / 8 - 1)].load(std::memory_order_relaxed);
+    return &words_[(position / 8) & (data_size_ / 8 - 1)];
+}
+
+ring_reader::cell ring_reader::load_cell(std::uint64_t position) const
+{
+    const trace_word *words = cell_at(position);
+    cell copy{};
+    for (std::size_t index = 0; index < copy.size(); ++index)
+        copy[index] = words[index].load(std::memory_order_relaxed);
+    return copy;
 }
 
 void ring_reader::skip_unfinished()
 {
     searching_ = true;
     gap_ = true;
-    position_ += 8;
+    position_ += TRACE_CELL_SIZE;
 }
 
 ring_read ring_reader::next(trace_entry &entry, std::uint64_t end)
@@ -84,39 +94,36 @@ ring_read ring_reader::next(trace_entry &entry, std::uint64_t end)
         }
         if (!searching_)
             return ring_read::unfinished;
-        position_ += 8;
+        position_ += TRACE_CELL_SIZE;
     }
 }
 
 bool ring_reader::read_record(std::uint64_t head, trace_entry &entry)
 {
-    const trace_word &commit = words_[(position_ / 8) & (data_size_ / 8 - 1)];
-    if (commit.load(std::memory_order_acquire) != position_)
+    if (cell_at(position_)->load(std::memory_order_acquire) != position_)
         return false;
-    const std::uint64_t described = word(position_ + 8 * TRACE_WORD_LENGTH);
-    const std::size_t length = (described >> 32) & 0xFFFF;
-    const std::uint64_t words = trace_word_count(length);
-    if (length > TRACE_TEXT_MAX || head - position_ < words * 8)
+    const cell first = load_cell(position_);
+    const std::size_t length = (first[TRACE_WORD_WRITER] >> 48) & 0x7FFF;
+    const std::size_t cells = trace_text_cells(length);
+    if (length > TRACE_TEXT_MAX || head - position_ < (1 + cells) * TRACE_CELL_SIZE)
         return false;
-    const std::uint64_t time = word(position_ + 8 * TRACE_WORD_TIME);
-    const std::uint64_t writer = word(position_ + 8 * TRACE_WORD_WRITER);
     trace_checksum checksum;
-    for (std::uint64_t part : {position_, time, writer, described})
-        checksum.add(part);
-    std::array<std::uint64_t, TRACE_TEXT_MAX / 8> text{};
-    for (std::size_t index = 0; index + TRACE_RECORD_HEADER_WORDS < words; ++index) {
-        text[index] = word(position_ + 8 * (TRACE_RECORD_HEADER_WORDS + index));
+    std::array<cell, TRACE_TEXT_MAX / TRACE_CELL_SIZE> text; // NOLINT: what is read of it was filled
+    for (std::size_t index = 0; index < cells; ++index) {
+        text[index] = load_cell(position_ + (1 + index) * TRACE_CELL_SIZE);
         checksum.add(text[index]);
     }
-    if (word(position_ + 8 * TRACE_WORD_CHECKSUM) != checksum.value())
+    const std::uint64_t sequence = first[TRACE_WORD_CHECK] >> 32;
+    if (static_cast<std::uint32_t>(first[TRACE_WORD_CHECK]) !=
+        checksum.value(position_, sequence, first[TRACE_WORD_TIME], first[TRACE_WORD_WRITER]))
         return false;
-    entry.time_ns = time;
-    entry.process = static_cast<std::uint32_t>(writer);
-    entry.thread = static_cast<std::uint32_t>(writer >> 32);
-    entry.sequence = static_cast<std::uint32_t>(described);
-    entry.cut = (described & TRACE_RECORD_CUT) != 0;
+    entry.time_ns = first[TRACE_WORD_TIME];
+    entry.process = first[TRACE_WORD_WRITER] & 0xFFFFFF;
+    entry.thread = (first[TRACE_WORD_WRITER] >> 24) & 0xFFFFFF;
+    entry.sequence = static_cast<std::uint32_t>(sequence);
+    entry.cut = first[TRACE_WORD_WRITER] >> 63 != 0;
     entry.text.assign(reinterpret_cast<const char *>(text.data()), length);
-    position_ += words * 8;
+    position_ += (1 + cells) * TRACE_CELL_SIZE;
     return true;
 }
 

@@ -1,6 +1,7 @@
 // Reads the trace ring of a process that may be running, or gone: only whole lines, oldest first.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -47,8 +48,11 @@ public:
     bool replaced(const std::string &path) const;
 
 private:
+    using cell = std::array<std::uint64_t, TRACE_CELL_WORDS>;
+
     bool read_record(std::uint64_t head, trace_entry &entry);
-    std::uint64_t word(std::uint64_t position) const;
+    const trace_word *cell_at(std::uint64_t position) const;
+    cell load_cell(std::uint64_t position) const;
     void account(trace_entry &entry);
 
     unique_fd fd_;

@@ -3,7 +3,7 @@
 takes the parts down again. Whatever it leaves ends with the sandbox.
 
     inside.py run CONFIGURATION      the node; CONFIGURATION is what outside.py says, in JSON
-    inside.py enter COMMAND ...      one more command in a running node
+    inside.py enter DIRECTORY COMMAND ...  one more command in a running node
 """
 import ipaddress
 import json
@@ -19,8 +19,8 @@ sys.dont_write_bytecode = True
 import agent_control  # noqa: E402
 import software_tpm  # noqa: E402
 from failure import COMMAND_NOT_FOUND, NODE_FAILED, Failure  # noqa: E402
-from layout import (AGENT_PROGRAM, BMC_ADDRESS, BMC_PROGRAM, CHECKOUT, COMMANDS, ENVIRONMENT_FILE,  # noqa: E402
-                    PROGRAMS_DIR, PYTHON, TPM_SOCKET, WITHOUT_CAPABILITIES)
+from layout import (AGENT_PROGRAM, BMC_ADDRESS, BMC_PROGRAM, BOOT_LOG, CHECKOUT, COMMANDS, ENVIRONMENT_FILE,  # noqa: E402
+                    IMA_LOG, PROGRAMS_DIR, PROVISION_PROGRAM, PYTHON, TPM_SOCKET, WITHOUT_CAPABILITIES)
 
 RELAY = f"{CHECKOUT}/tools/sandbox/relay.py"
 AGENT_PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
@@ -42,8 +42,11 @@ def run(configuration):
     install_programs(configuration["build"])
     set_addresses(configuration, settings)
     agent_control.describe(f"{configuration['build']}/{AGENT_PROGRAM}", f"{state}/work", f"{state}/agent.log", settings)
-    tpm = software_tpm.start(state) if configuration["tpm"] else None
+    tpm = software_tpm.start(state, BOOT_LOG) if configuration["tpm"] else None
     try:
+        if tpm:
+            software_tpm.measure(BOOT_LOG, IMA_LOG)
+            provision(configuration["build"], state)
         if configuration["bmc"]:
             start_bmc(configuration["build"], state)
         if configuration["agent"]:
@@ -66,7 +69,23 @@ def agent_environment(configuration):
     own = {"PATH": AGENT_PATH, "LANG": "C.UTF-8", "HOME": f"{configuration['state']}/work"}
     if configuration["tpm"]:
         own["ATTEST_TPM"] = f"swtpm:path={TPM_SOCKET}"
+        own["ATTEST_TRUST_ANCHOR"] = manifest(configuration["state"])
     return own | caller
+
+
+def manifest(state):
+    return f"{state}/trust_anchor/trust_anchor.json"
+
+
+def provision(build, state):
+    """Makes keys and certificates once a state directory; they stay with its TPM."""
+    if os.path.exists(manifest(state)):
+        return
+    done = subprocess.run([*WITHOUT_CAPABILITIES, f"{build}/{PROVISION_PROGRAM}", "--tpm", f"swtpm:path={TPM_SOCKET}",
+                           "--dir", os.path.dirname(manifest(state)), "--node-name", os.uname().nodename],
+                          capture_output=True, text=True, check=False)
+    if done.returncode != 0:
+        raise Failure(f"the node cannot be provisioned: {done.stderr.strip() or done.stdout.strip()}", NODE_FAILED)
 
 
 def install_programs(build):
@@ -119,6 +138,7 @@ def write_environment(configuration, settings):
            "PATH": f"{PROGRAMS_DIR}:{os.environ.get('PATH', AGENT_PATH)}:/usr/sbin:/sbin"}
     if configuration["tpm"]:
         own["NODE_TPM"] = f"swtpm:path={TPM_SOCKET}"
+        own["ATTEST_TRUST_ANCHOR"] = manifest(configuration["state"])
     agent_control.write_file(ENVIRONMENT_FILE, json.dumps(own))
 
 
@@ -178,7 +198,9 @@ def try_to(action):
         print(f"tools/node: {failure}", file=sys.stderr)
 
 
-def enter(argv):
+def enter(directory, argv):
+    """Becomes the command, in the caller's directory where the sandbox has it."""
+    os.chdir(directory if os.path.isdir(directory) else "/")
     environment = command_environment()
     try:
         argv = which(argv, environment)
@@ -189,7 +211,7 @@ def enter(argv):
 
 def main(verb, arguments):
     try:
-        return run(json.loads(arguments[0])) if verb == "run" else enter(arguments)
+        return run(json.loads(arguments[0])) if verb == "run" else enter(arguments[0], arguments[1:])
     except Failure as failure:
         print(f"tools/node: {failure}", file=sys.stderr)
         return failure.status

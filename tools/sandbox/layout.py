@@ -18,7 +18,9 @@ BMC_ADDRESS = "169.254.0.17"
 # Programs by name, where a build directory has them.
 AGENT_PROGRAM = "agent/attestation_agent"
 BMC_PROGRAM = "tools/bmc_simulator/bmc-simulator"
+PROVISION_PROGRAM = "tools/attest_provision/attest-provision"
 COMMANDS = {
+    "attest-provision": PROVISION_PROGRAM,
     "attestctl": "attestctl/attestctl",
     "attest-trace": "tools/attest_trace/attest-trace",
 }

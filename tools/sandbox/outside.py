@@ -203,4 +203,4 @@ def enter(options):
     command = options.command or [os.environ.get("SHELL", "/bin/sh")]
     sys.stdout.flush()
     os.execvp("nsenter", ["nsenter", f"--target={pid}", "--user", "--preserve-credentials", "--mount", "--uts", "--ipc",
-                          "--net", "--pid", f"--wd={os.getcwd()}", "--", PYTHON, INSIDE, "enter", *command])
+                          "--net", "--pid", "--wd=/", "--", PYTHON, INSIDE, "enter", os.getcwd(), *command])

@@ -1,0 +1,75 @@
+// attestation_agent: the life of the process.
+#include <cstdio>
+#include <cstring>
+
+#include "agent/debug_trace.h"
+#include "agent/server_start.h"
+#include "agent/signals.h"
+#include "agent/status.h"
+#include "agent/system_messages.h"
+#include "platform/levm.h"
+#include "platform/node_identity.h"
+#include "platform/process_manager.h"
+#include "trust_anchor/local_init.h"
+
+namespace {
+
+levm *at_event_manager;
+
+// The agent is configured by its environment alone. Returns the exit status when there is nothing to start.
+int refuse_arguments(const char *argument)
+{
+    if (std::strcmp(argument, "--version") == 0) {
+        std::puts("attestation_agent " ATTEST_VERSION);
+        return 0;
+    }
+    bool help = std::strcmp(argument, "--help") == 0;
+    if (!help)
+        std::fprintf(stderr, "attestation_agent: unknown argument '%s'\n", argument);
+    std::fputs(
+        "usage: attestation_agent [--help | --version]\n"
+        "Serves remote attestation evidence of this node; settings come from the environment (ATTEST_*).\n",
+        help ? stdout : stderr);
+    return help ? 0 : 1;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc > 1)
+        return refuse_arguments(argv[1]);
+
+    at_server_handle = nullptr;
+    sysmgr_proc_ready();
+    status_domain_register(&attest_status_domain);
+
+    at_event_manager = levm_create("levm", 0);
+    if (at_event_manager == nullptr) {
+        raise_system_message(msg_rec_attestation_agent_init,
+                             "Attestation Agent: Unable to instantiate levm\n");
+        return 0;
+    }
+    // The agent serves what it can: neither a trace nor the trust anchor is needed to answer.
+    attest_dbg_init();
+    attestation_local_init();
+    at_install_signal_handlers();
+
+    char node_name[32];
+    if (platform_get_node_name(node_name, sizeof node_name) != 0) {
+        raise_system_message(msg_rec_attestation_agent_init, "Unable to get platform node info");
+        return 1;
+    }
+    char service_instance[52];
+    std::snprintf(service_instance, sizeof service_instance, "rat_agent_%s", node_name);
+    attestation_agent_server_start(at_event_manager, service_instance);
+
+    attest_trace("exited from levm_block()\n");
+    if (at_server_handle != nullptr) {
+        remote_attestation_api_server_deactivate(at_server_handle);
+        remote_attestation_api_server_handle_destroy(at_server_handle);
+    }
+    levm_destroy(at_event_manager);
+    attest_dbg_deinit();
+    return 0;
+}

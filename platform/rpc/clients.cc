@@ -1,0 +1,134 @@
+// The calls of one client together, as the loop sees them, and the inbox.
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include "platform/rpc/calls.h"
+#include "platform/rpc/methods.h"
+#include "platform/rpc/server.h"
+
+namespace {
+
+// A call that waits for the agent, or a quiet watch or reflection stream, does not wait for its client.
+bool waits_for_client(const rpc_call &call)
+{
+    const bool owes_request = call.reading && call.method->kind != rpc_method_kind::reflection;
+    return owes_request || call.writing || call.finishing;
+}
+
+bool is_large(const rpc_call &call)
+{
+    return !call.queue.empty() && call.queue.front().size >= call.client->shared->limits.large_message_bytes;
+}
+
+} // namespace
+
+std::uint64_t rpc_now_ms()
+{
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+}
+
+void rpc_post(rpc_shared &shared, rpc_event event)
+{
+    const std::lock_guard guard(shared.lock);
+    if (shared.closed)
+        return;
+    shared.inbox.push_back(std::move(event));
+    if (std::exchange(shared.posted, true))
+        return;
+    // The number, not a pointer: the loop may come to it when the server is gone.
+    levm_post(shared.manager, rpc_server_read_inbox, reinterpret_cast<void *>(shared.server_number));
+}
+
+std::uint64_t rpc_client_unread_answers(const rpc_client &client)
+{
+    std::uint64_t unread = 0;
+    for (const auto &call : client.calls) {
+        for (const rpc_message &message : call->queue)
+            unread += call->ended ? message.cost : 0;
+    }
+    return unread;
+}
+
+bool rpc_client_take_delivery(rpc_client &client, const rpc_event &request)
+{
+    rpc_call &call = *request.call;
+    const std::lock_guard guard(client.lock);
+    const bool wanted = !call.cancelled && !call.ended;
+    if (wanted && rpc_client_unread_answers(client) > client.shared->limits.queue_low_bytes) {
+        client.held.push_back(request);
+        return false;
+    }
+    --client.undelivered;
+    client.undelivered_bytes -= request.request.size();
+    call.delivered = wanted;
+    return wanted;
+}
+
+bool rpc_client_is_stalled(rpc_client &client, std::uint64_t now_ms, bool moved)
+{
+    const std::lock_guard guard(client.lock);
+    bool stalled = false;
+    for (const auto &call : client.calls) {
+        if (!waits_for_client(*call) || (moved && is_large(*call)))
+            call->progress_ms = now_ms;
+        stalled = stalled || now_ms > call->progress_ms + client.shared->limits.stall_ms;
+    }
+    return stalled;
+}
+
+bool rpc_client_begin_resume(rpc_client &client)
+{
+    const std::lock_guard guard(client.lock);
+    bool any = false;
+    for (const auto &call : client.calls) {
+        call->resuming = std::exchange(call->paused, false);
+        any = any || call->resuming;
+    }
+    return any;
+}
+
+void rpc_client_end_resume(rpc_client &client)
+{
+    std::vector<std::shared_ptr<rpc_call>> abandoned;
+    {
+        const std::lock_guard guard(client.lock);
+        for (const auto &call : client.calls) {
+            if (std::exchange(call->resuming, false))
+                abandoned.push_back(call);
+        }
+    }
+    for (const auto &call : abandoned)
+        rpc_call_end(*call, rpc_code::aborted, "the stream was given up, for another one waited; ask again");
+}
+
+bool rpc_client_has_paused(rpc_client &client)
+{
+    const std::lock_guard guard(client.lock);
+    return std::any_of(client.calls.begin(), client.calls.end(),
+                       [](const auto &call) { return call->paused; });
+}
+
+void rpc_client_forget_call(rpc_client &client, const rpc_call *call)
+{
+    const std::lock_guard guard(client.lock);
+    std::erase_if(client.calls, [call](const auto &other) { return other.get() == call; });
+}
+
+bool rpc_client_shut(rpc_client &client)
+{
+    std::vector<std::shared_ptr<rpc_call>> calls;
+    {
+        const std::lock_guard guard(client.lock);
+        client.gone = true;
+        calls.swap(client.calls);
+        client.held.clear();
+    }
+    bool outstanding = false;
+    for (const auto &call : calls) {
+        outstanding = rpc_call_is_outstanding(*call) || outstanding;
+        rpc_call_cancelled(*call);
+    }
+    return outstanding;
+}

@@ -1,0 +1,241 @@
+#include "platform/rpc/grpc_server.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <grpc/support/log.h>
+#include <grpcpp/generic/async_generic_service.h>
+#include <grpcpp/grpcpp.h>
+#include <mutex>
+#include <pthread.h>
+#include <syslog.h>
+#include <utility>
+#include <vector>
+
+#include "platform/operator_log.h"
+#include "platform/rpc/calls.h"
+#include "platform/rpc/server.h"
+
+namespace {
+
+using acceptor_ptr = std::unique_ptr<grpc::experimental::ExternalConnectionAcceptor>;
+
+// Bytes as a slice that frees them; an empty message is an empty slice, not an absent one.
+grpc::ByteBuffer buffer_of(rpc_message &message)
+{
+    if (message.bytes == nullptr) {
+        const grpc::Slice empty;
+        return {&empty, 1};
+    }
+    const grpc::Slice slice(message.bytes.release(), message.size, std::free);
+    return {&slice, 1};
+}
+
+std::vector<grpc::Slice> slices_of(const grpc::ByteBuffer &buffer)
+{
+    std::vector<grpc::Slice> slices;
+    if (buffer.Valid())
+        buffer.Dump(&slices);
+    return slices;
+}
+
+std::vector<std::byte> bytes_of(const grpc::ByteBuffer &buffer)
+{
+    std::vector<std::byte> bytes;
+    for (const grpc::Slice &slice : slices_of(buffer)) {
+        const auto *begin = reinterpret_cast<const std::byte *>(slice.begin());
+        bytes.insert(bytes.end(), begin, begin + slice.size());
+    }
+    return bytes;
+}
+
+// gRPC runs the reactions of a call one after the other as far as they depend on each other, by means that
+// the thread sanitizer cannot see in a library that is not built for it.
+#ifdef RPC_THREAD_SANITIZER
+extern "C" void __tsan_acquire(void *address);
+extern "C" void __tsan_release(void *address);
+void reaction_begins(void *reactor)
+{
+    __tsan_acquire(reactor);
+}
+void reaction_ends(void *reactor)
+{
+    __tsan_release(reactor);
+}
+#else
+void reaction_begins(void *) {}
+void reaction_ends(void *) {}
+#endif
+
+grpc::Status status_of(rpc_code code, const std::string &text)
+{
+    return {static_cast<grpc::StatusCode>(code), text};
+}
+
+} // namespace
+
+// gRPC's threads run the On... functions, the other operations come from calls.cc. It deletes itself when
+// gRPC is done with the call, after which nobody has its address any more.
+struct rpc_reactor final : grpc::ServerGenericBidiReactor {
+    std::shared_ptr<rpc_call> call;
+    grpc::ByteBuffer incoming, outgoing;
+
+    rpc_reactor(rpc_shared &shared, const grpc::GenericCallbackServerContext &context)
+    {
+        rpc_code code = rpc_code::ok;
+        std::string text;
+        call = rpc_call_open(shared, context.peer(), context.method(), this, &code, &text);
+        reaction_ends(this);
+        if (call == nullptr)
+            Finish(status_of(code, text));
+        else
+            StartRead(&incoming);
+    }
+
+    void OnReadDone(bool ok) override
+    {
+        reaction_begins(this);
+        const std::vector<std::byte> bytes = ok ? bytes_of(incoming) : std::vector<std::byte>();
+        rpc_call_read(call, ok, bytes);
+        reaction_ends(this);
+    }
+
+    void OnWriteDone(bool ok) override
+    {
+        reaction_begins(this);
+        outgoing.Clear();
+        rpc_call_written(*call, ok);
+        reaction_ends(this);
+    }
+
+    void OnCancel() override
+    {
+        reaction_begins(this);
+        if (call != nullptr)
+            rpc_call_cancelled(*call);
+        reaction_ends(this);
+    }
+
+    void OnDone() override
+    {
+        reaction_begins(this);
+        if (call != nullptr)
+            rpc_call_done(call);
+        delete this;
+    }
+};
+
+void rpc_reactor_read(rpc_reactor *reactor)
+{
+    reactor->StartRead(&reactor->incoming);
+}
+
+// Written through: the confirmation comes when the socket has taken the bytes, not when gRPC has buffered
+// them, so that what counts as queued is what the client has not taken.
+void rpc_reactor_write(rpc_reactor *reactor, rpc_message &message, bool last)
+{
+    grpc::WriteOptions options;
+    options.set_write_through();
+    reactor->outgoing = buffer_of(message);
+    if (last)
+        reactor->StartWriteAndFinish(&reactor->outgoing, options, grpc::Status::OK);
+    else
+        reactor->StartWrite(&reactor->outgoing, options);
+}
+
+void rpc_reactor_finish(rpc_reactor *reactor, rpc_code code, const std::string &text)
+{
+    reactor->Finish(status_of(code, text));
+}
+
+struct rpc_grpc_server {
+    struct service final : grpc::CallbackGenericService {
+        std::shared_ptr<rpc_shared> shared;
+        grpc::ServerGenericBidiReactor *CreateReactor(grpc::GenericCallbackServerContext *context) override
+        {
+            return new rpc_reactor(*shared, *context);
+        }
+    };
+    service calls;
+    acceptor_ptr acceptor;
+    std::unique_ptr<grpc::Server> server; // before `calls` is gone it is stopped
+};
+
+namespace {
+
+std::shared_ptr<grpc::ServerCredentials> credentials_of(const rpc_tls &tls)
+{
+    if (!tls.on())
+        return grpc::InsecureServerCredentials();
+    grpc::SslServerCredentialsOptions options(GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY);
+    options.pem_key_cert_pairs.push_back({tls.key, tls.certificate});
+    options.pem_root_certs = tls.client_ca;
+    return grpc::SslServerCredentials(options);
+}
+
+void set_bounds(grpc::ServerBuilder &builder, const rpc_limits &limits)
+{
+    grpc::ResourceQuota quota("rpc");
+    quota.Resize(limits.grpc_memory_bytes);
+    builder.SetResourceQuota(quota);
+    builder.SetMaxReceiveMessageSize(static_cast<int>(limits.request_bytes));
+    // A compressed request could unfold to a thousand times its size; requests are too small to gain from it.
+    builder.SetCompressionAlgorithmSupportStatus(GRPC_COMPRESS_GZIP, false);
+    builder.SetCompressionAlgorithmSupportStatus(GRPC_COMPRESS_DEFLATE, false);
+    const auto number = [](std::uint64_t value) { return static_cast<int>(value); };
+    builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, number(limits.calls_per_connection));
+    builder.AddChannelArgument(GRPC_ARG_MAX_METADATA_SIZE, number(limits.metadata_bytes));
+    builder.AddChannelArgument(GRPC_ARG_SERVER_HANDSHAKE_TIMEOUT_MS, number(limits.handshake_ms));
+    builder.AddChannelArgument(GRPC_ARG_MAX_CONNECTION_IDLE_MS, number(limits.idle_ms));
+}
+
+// gRPC's own complaints (a failed handshake) go where the operator looks, but a peer cannot fill the journal.
+void log_of_grpc(gpr_log_func_args *line)
+{
+    static std::mutex lock;
+    static rpc_log_limit limit;
+    const std::lock_guard guard(lock);
+    std::uint32_t held_back = 0;
+    if (line->severity == GPR_LOG_SEVERITY_ERROR &&
+        rpc_log_allowed(limit, rpc_limits{}.log_interval_ms, &held_back))
+        operator_log(LOG_NOTICE, "gRPC: %s (%u more lines)", line->message, held_back);
+}
+
+} // namespace
+
+rpc_grpc_server_ptr rpc_grpc_start(const std::shared_ptr<rpc_shared> &shared, const rpc_tls &tls)
+{
+    gpr_set_log_function(log_of_grpc);
+    rpc_grpc_server_ptr made(new rpc_grpc_server);
+    made->calls.shared = shared;
+    grpc::EnableDefaultHealthCheckService(false); // the layer answers health checks itself
+    grpc::ServerBuilder builder;
+    set_bounds(builder, shared->limits);
+    builder.RegisterCallbackGenericService(&made->calls);
+    made->acceptor = builder.experimental().AddExternalConnectionAcceptor(
+        grpc::ServerBuilder::experimental_type::ExternalConnectionType::FROM_FD, credentials_of(tls));
+    // Signals are for the loop's thread: those that gRPC starts take none.
+    sigset_t all, former;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &former);
+    made->server = builder.BuildAndStart();
+    pthread_sigmask(SIG_SETMASK, &former, nullptr);
+    if (made->server == nullptr)
+        made.reset();
+    return made;
+}
+
+void rpc_grpc_take_connection(rpc_grpc_server &server, int fd)
+{
+    grpc::experimental::ExternalConnectionAcceptor::NewConnectionParameters connection;
+    connection.fd = fd;
+    server.acceptor->HandleNewConnection(&connection);
+}
+
+void rpc_grpc_server_deleter::operator()(rpc_grpc_server *server) const noexcept
+{
+    // The connections are shut already; what is left ends now, not when a client agrees.
+    if (server->server != nullptr)
+        server->server->Shutdown(std::chrono::system_clock::now());
+    delete server;
+}

@@ -1,0 +1,50 @@
+#include "platform/rpc/methods.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace {
+
+template <class Request, remote_attestation_api_request_callback<Request> rpc_callbacks::*member>
+rpc_delivery deliver(const rpc_callbacks &callbacks, remote_attestation_api_client client,
+                     std::span<const std::byte> bytes, std::uint32_t request_id)
+{
+    const auto callback = callbacks.*member;
+    if (callback == nullptr)
+        return rpc_delivery::no_callback;
+    owned_message<Request> request;
+    if (!message_decode(bytes, *request))
+        return rpc_delivery::undecodable;
+    callback(client, request.get(), request_id);
+    return rpc_delivery::delivered;
+}
+
+using kind = rpc_method_kind;
+
+constexpr rpc_method methods[] = {
+    {"/remote_attestation_api.RemoteAttestationApi/GetCertificate", kind::answer,
+     deliver<get_certificate_request, &rpc_callbacks::get_certificate>},
+    {"/remote_attestation_api.RemoteAttestationApi/AttestPcrs", kind::answer,
+     deliver<attest_pcr_request, &rpc_callbacks::attest_pcrs>},
+    {"/remote_attestation_api.RemoteAttestationApi/GetPlatformBootIntegrityEventLogs", kind::answer,
+     deliver<get_platform_boot_integrity_event_logs_request,
+             &rpc_callbacks::get_platform_boot_integrity_event_logs>},
+    {"/remote_attestation_api.RemoteAttestationApi/GetPlatformHwIntegrity", kind::answer,
+     deliver<get_platform_hw_integrity_request, &rpc_callbacks::get_platform_hw_integrity>},
+    {"/remote_attestation_api.RemoteAttestationApi/GetPlatformImaEventLogs", kind::answer,
+     deliver<get_platform_ima_event_logs_request, &rpc_callbacks::get_platform_ima_event_logs>},
+    {"/remote_attestation_api.RemoteAttestationApi/StreamPlatformImaEventLogs", kind::stream,
+     deliver<get_platform_ima_event_logs_request, &rpc_callbacks::stream_ima_event_logs>},
+    {"/grpc.health.v1.Health/Check", kind::health_check, nullptr},
+    {"/grpc.health.v1.Health/Watch", kind::health_watch, nullptr},
+    {"/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo", kind::reflection, nullptr},
+};
+
+} // namespace
+
+const rpc_method *rpc_method_find(std::string_view path)
+{
+    const auto *found = std::find_if(std::begin(methods), std::end(methods),
+                                     [path](const rpc_method &method) { return method.path == path; });
+    return found == std::end(methods) ? nullptr : found;
+}

@@ -1,0 +1,67 @@
+// Boot event logs made to measure, and the reader run on them.
+#pragma once
+
+#include <cstdint>
+#include <gtest/gtest.h>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "boot_log/event_log_reader.h"
+#include "platform/messages.h"
+
+// A file of the test's own, gone with it.
+class temporary_file {
+public:
+    explicit temporary_file(const std::string &content);
+    ~temporary_file();
+    temporary_file(const temporary_file &) = delete;
+    temporary_file &operator=(const temporary_file &) = delete;
+    const char *path() const { return path_.c_str(); }
+
+private:
+    std::string path_;
+};
+
+std::string read_whole(const std::string &path);
+
+std::string le16(unsigned value);
+std::string le32(std::uint32_t value);
+std::string le64(std::uint64_t value);
+std::string utf16(const std::string &text);
+
+// Records as their bytes. A digest is an identifier and its bytes.
+using digest_list = std::vector<std::pair<std::uint16_t, std::string>>;
+std::string sha1_record(std::uint32_t pcr, std::uint32_t type, const std::string &digest,
+                        const std::string &data);
+std::string agile_record(std::uint32_t pcr, std::uint32_t type, const digest_list &digests,
+                         const std::string &data);
+std::string spec_id_data(const std::vector<std::pair<std::uint16_t, std::uint16_t>> &algorithms,
+                         const std::string &vendor_info);
+std::string uefi_variable(const std::string &name, std::uint64_t name_length, const std::string &data,
+                          std::uint64_t data_length);
+
+// Starts every test with trace and switches as a fresh agent has them, and the node's name "node0".
+class boot_log_test : public testing::Test {
+protected:
+    void SetUp() override;
+    ~boot_log_test() override;
+
+    // Runs the reader on a log of these bytes; the former message is released.
+    std::uint32_t read(const std::string &log);
+    std::uint32_t read_path(const char *path);
+
+    // An event in one line: "num type pcr [hash_alg:digest ...] size:data", bytes in hexadecimal; a field
+    // without its presence bit is "-".
+    std::string event(std::uint32_t index);
+    std::vector<std::string> events();
+    // Whether nothing at all is in the message.
+    bool is_empty();
+    // What was traced after read_file's and the uptime's lines.
+    std::vector<std::string> record_lines();
+
+    owned_message<NodeBootIntegrityLog> log;
+};
+
+std::string hex(const std::string &bytes);
+std::string hex(const message_bytes &bytes);

@@ -1,0 +1,80 @@
+"""What a test inside a node does with it: the agent, the verifier's command line, the debug trace."""
+import json
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import time
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(SOURCE / "tools" / "sandbox"))
+import agent_control  # noqa: E402
+
+DATA = SOURCE / "tests" / "data"
+BOOT_LOG = pathlib.Path("/sys/kernel/security/tpm0/binary_bios_measurements")
+AGENT_LOG = pathlib.Path(os.environ["NODE_STATE"]) / "agent.log"
+
+
+def agent(verb, *arguments, check=True):
+    """node-agent VERB ...; what it printed."""
+    done = subprocess.run(["node-agent", verb, *arguments], capture_output=True, text=True, check=False)
+    if check and done.returncode != 0:
+        raise AssertionError(f"node-agent {verb}: {done.stderr}")
+    return done.stdout.strip()
+
+
+def agent_program():
+    return json.loads(agent_control.read_file(agent_control.DESCRIPTION_FILE))["program"]
+
+
+def agent_pid():
+    return int(agent("pid"))
+
+
+def ensure_stopped():
+    if agent("status").startswith("running"):
+        agent("stop")
+
+
+def restart(*settings):
+    ensure_stopped()
+    agent("start", *settings)
+
+
+def agent_words():
+    """Everything the agents of this node wrote to stderr."""
+    return AGENT_LOG.read_text(errors="replace") if AGENT_LOG.exists() else ""
+
+
+def attestctl(*arguments, timeout=60):
+    return subprocess.run(["attestctl", *arguments], capture_output=True, text=True, timeout=timeout, check=False)
+
+
+def ask(*arguments):
+    """The one response message that attestctl gets, as a dictionary."""
+    done = attestctl("--json", *arguments)
+    return json.loads(done.stdout)
+
+
+def trace(run_dir=None):
+    """The texts of the debug trace, oldest first, further lines of a text joined to it."""
+    where = ["--run-dir", run_dir] if run_dir else []
+    dump = subprocess.run(["attest-trace", *where, "dump"], capture_output=True, text=True, check=True).stdout
+    texts = []
+    for line in dump.splitlines():
+        begin = re.match(r"\S+ +\d+(?:/\d+)? +(.*)", line) if not line.startswith(" ") else None
+        if begin:
+            texts.append(begin.group(1))
+        else:
+            texts[-1] += "\n" + line.strip()
+    return texts
+
+
+def wait_for(condition, what, limit_s=30):
+    """The bound is for a machine that is stuck, not a measure of speed."""
+    deadline = time.monotonic() + limit_s
+    while not condition():
+        if time.monotonic() > deadline:
+            raise AssertionError(f"{what}: not within {limit_s} s")
+        time.sleep(0.01)

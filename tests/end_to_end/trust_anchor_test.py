@@ -1,0 +1,165 @@
+"""Certificates, quote and hardware integrity of a node with a TPM, judged by openssl and tpm2-tools."""
+import hashlib
+import json
+import os
+import pathlib
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+import node
+
+RECORDED_PCRS = json.loads((node.DATA / "recorded-a-pcrs.json").read_text())
+NONCE = "00112233445566778899aabbccddeeff"
+
+
+def run(*command):
+    done = subprocess.run(command, capture_output=True, text=True, check=False)
+    if done.returncode != 0:
+        raise AssertionError(f"{' '.join(command)}: {done.stdout}{done.stderr}")
+    return done.stdout
+
+
+class TrustAnchor(unittest.TestCase):
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.directory = pathlib.Path(directory.name)
+
+    def file(self, name, data):
+        path = self.directory / name
+        path.write_bytes(data)
+        return str(path)
+
+    def certificates(self, name, nonce=NONCE):
+        """The record, and the paths of root, issuing CA and device certificate in PEM."""
+        (record,) = node.ask("certificate", "--name", name, "--nonce", nonce)["node_data"]
+        paths = []
+        for index, entry in enumerate(record["certs"]):
+            der = self.file(f"{index}.der", bytes.fromhex(entry["data"]))
+            paths.append(f"{der}.pem")
+            run("openssl", "x509", "-inform", "DER", "-in", der, "-out", paths[-1])
+        return record, paths
+
+    def public_key(self, certificate):
+        path = str(self.directory / "key.pem")
+        pathlib.Path(path).write_text(run("openssl", "x509", "-in", certificate, "-noout", "-pubkey"))
+        return path
+
+    def check_quote(self, record, nonce, bank="sha256"):
+        _, (_, _, aik) = self.certificates("Kestrin AIK")
+        values = self.file("pcrs", b"".join(bytes.fromhex(pcr["value"]) for pcr in record["pcrs"]))
+        selection = ",".join(str(pcr["index"]) for pcr in record["pcrs"])
+        run("tpm2_checkquote", "-u", self.public_key(aik), "-m", self.file("quote", bytes.fromhex(record["quote"])),
+            "-s", self.file("signature", bytes.fromhex(record["quote_signature"])), "-q", nonce,
+            "-f", values, "-l", f"{bank}:{selection}", "-F", "values", "-g", "sha256")
+
+    def test_chains_and_nonce_signature(self):
+        _, (_, _, identity) = self.certificates("Kestrin VOXA")
+        identity_key = pathlib.Path(self.public_key(identity)).read_text()
+        for name in ("Kestrin VOXA", "Kestrin AIK"):
+            with self.subTest(name):
+                record, (root, authority, device) = self.certificates(name)
+                run("openssl", "verify", "-CAfile", root, "-untrusted", authority, device)
+                self.assertEqual([entry["name"] for entry in record["certs"]], [f"{name} Root", f"{name} CA", name])
+                self.assertEqual((record["nonce"], record["sig_alg"]), (NONCE, 2))
+                signed = bytes.fromhex(NONCE + "00000002" + "".join(entry["data"] for entry in record["certs"]))
+                key = self.file("identity.pem", identity_key.encode())
+                run("openssl", "dgst", "-sha256", "-verify", key, "-signature",
+                    self.file("signature", bytes.fromhex(record["signature"])), self.file("signed", signed))
+
+    def test_unknown_name_is_the_attestation_key_and_customers_have_none(self):
+        record, _ = self.certificates("nobody")
+        self.assertEqual(record["certs"][2]["name"], "Kestrin AIK")
+        for name in ("Customer LDevID", "Customer AIK"):
+            self.assertEqual(node.attestctl("certificate", "--name", name).returncode, 1)
+        self.assertTrue(any(line.startswith("attestation_get_certchain(): Failed to kovc_so_read  kov ")
+                            for line in node.trace()))
+
+    def test_quoted_values_are_those_of_the_recorded_boot(self):
+        for pcrs in ("10", "0,1,2,3,4,5,6,7", "10,0,7", ",".join(map(str, range(24)))):
+            with self.subTest(pcrs):
+                (record,) = node.ask("pcrs", "--pcr", pcrs, "--nonce", NONCE)["node_data"]
+                asked = [int(index) for index in pcrs.split(",")]
+                self.assertEqual([pcr["index"] for pcr in record["pcrs"]], asked)
+                for pcr in record["pcrs"]:
+                    if pcr["index"] in (0, 1, 2, 3, 4, 5, 6, 7, 9, 10):
+                        self.assertEqual(pcr["value"], RECORDED_PCRS["sha256"][str(pcr["index"])])
+                if asked == sorted(asked):  # the file of values has to be in the quote's order
+                    self.check_quote(record, NONCE)
+
+    def test_pcr_that_does_not_exist_gives_no_evidence(self):
+        self.assertEqual(node.attestctl("pcrs", "--pcr", "0,24").returncode, 1)
+        self.assertIn("attest_pcrs(): No data available Failed to talk to KOV", node.trace())
+
+    def test_hardware_integrity_is_bound_to_pcr_15(self):
+        for algorithm, bank in ((1, "sha256"), (0, "sha1")):
+            with self.subTest(bank):
+                (record,) = node.ask("hw-integrity", "--hash-algo", str(algorithm), "--nonce", NONCE)["node_data"]
+                self.assertEqual(record["source_name"], f"{os.uname().nodename}_zuvari"[:31])
+                self.assertEqual(record["key_cert_name"], "Kestrin AIK")
+                reference = record.get("uid_digests_db0", [])
+                self.assertEqual(reference, record.get("uid_digests_db1", []))
+                (pcr,) = record["pcrs"]
+                if reference:
+                    digest = hashlib.new(bank, bytes.fromhex("".join(uid["digest"] for uid in reference))).digest()
+                    expected = hashlib.new(bank, bytes(len(digest)) + digest).hexdigest()
+                    self.assertEqual((pcr["index"], pcr["value"]), (15, expected))
+                self.check_quote(record, NONCE, bank)
+
+
+class FailingTrustAnchor(unittest.TestCase):
+    """Each way in which the trust anchor can fail a request, made to happen on the real one."""
+
+    def tearDown(self):
+        node.restart()
+
+    def last_line(self, operation):
+        return [line for line in node.trace() if line.startswith(f"{operation}(): ")][-1]
+
+    def test_tpm_that_is_not_there(self):
+        node.restart("ATTEST_TPM=swtpm:path=/nowhere")
+        self.assertTrue(self.last_line("attestation_local_init").startswith(
+            "attestation_local_init(): Failed to login to kov "))
+        for command in (["certificate"], ["hw-integrity"]):
+            self.assertEqual(node.attestctl(*command).returncode, 1)
+        self.assertTrue(self.last_line("attestation_get_certchain").startswith(
+            "attestation_get_certchain(): Failed to login to kov "))
+        self.assertEqual(node.attestctl("pcrs", "--pcr", "0").returncode, 1)
+        self.assertEqual(self.last_line("attestation_attest_pcrs"),
+                         "attestation_attest_pcrs(): attestation_attest_pcrs PCR read / quote not supported ".rstrip())
+
+    def test_setting_that_cannot_be_understood(self):
+        node.restart("ATTEST_TPM=serial:/dev/ttyS0")
+        self.assertTrue(self.last_line("attestation_local_init").startswith(
+            "attestation_local_init(): Failed to initilize platform_get_kov_device_info "))
+
+    def test_node_that_is_not_provisioned_gives_values_without_a_quote(self):
+        node.restart("ATTEST_TRUST_ANCHOR=/nowhere/trust_anchor.json")
+        record = node.ask("pcrs", "--pcr", "0,7")["node_data"][0]
+        self.assertEqual(len(record["pcrs"]), 2)
+        self.assertNotIn("quote", record)
+        self.assertTrue(self.last_line("attestation_attest_pcrs").startswith(
+            "attestation_attest_pcrs(): Failed to fetch PCR quote  "))
+        self.assertEqual(node.attestctl("certificate").returncode, 1)
+        self.assertEqual(node.attestctl("hw-integrity").returncode, 1)
+        self.assertTrue(any(line.startswith("get_platform_hw_integrity_local(): Failed to fetch  ")
+                            for line in node.trace()))
+
+    def test_damaged_chain_is_refused(self):
+        manifest = pathlib.Path(os.environ["ATTEST_TRUST_ANCHOR"])
+        copy = pathlib.Path(tempfile.mkdtemp()) / "trust_anchor"
+        shutil.copytree(manifest.parent, copy)
+        chain = copy / json.loads(manifest.read_text())["objects"]["RSA_AIK_CHAIN"]["file"]
+        for what, data in (("cut", chain.read_bytes()[:-1]), ("first alone", chain.read_bytes()[:900]), ("empty", b"")):
+            with self.subTest(what):
+                chain.write_bytes(data)
+                node.restart(f"ATTEST_TRUST_ANCHOR={copy / manifest.name}")
+                self.assertEqual(node.attestctl("certificate").returncode, 1)
+                self.assertEqual(self.last_line("attestation_get_certchain"),
+                                 "attestation_get_certchain(): Failed to read AIK cert chain")
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,517 @@
+// Calls through a standard gRPC client: operations, bad requests, who is served, health and reflection.
+#include <cstdlib>
+#include <grpcpp/generic/generic_stub.h>
+#include <grpcpp/grpcpp.h>
+#include <gtest/gtest.h>
+
+#include "api/remote_attestation_api.grpc.pb.h"
+#include "google/protobuf/descriptor.pb.h"
+#include "grpc/health/v1/health.pb.h"
+#include "grpc/reflection/v1alpha/reflection.pb.h"
+#include "platform/owners.h"
+#include "platform/status.h"
+#include "tests/rpc/server_harness.h"
+#include "tests/rpc/tls_files.h"
+
+namespace {
+
+namespace api = remote_attestation_api;
+using grpc::health::v1::HealthCheckRequest;
+using grpc::health::v1::HealthCheckResponse;
+using grpc::reflection::v1alpha::ServerReflectionRequest;
+using grpc::reflection::v1alpha::ServerReflectionResponse;
+
+const std::string SERVICE = "/remote_attestation_api.RemoteAttestationApi/";
+
+// A call of raw bytes. Waits for each step on a queue of its own.
+class raw_call {
+public:
+    raw_call(const std::shared_ptr<grpc::Channel> &channel, const std::string &path) : stub_(channel)
+    {
+        call_ = stub_.PrepareCall(&context, path, &queue_);
+        call_->StartCall(tag());
+        step();
+    }
+    ~raw_call()
+    {
+        context.TryCancel();
+        queue_.Shutdown();
+        void *ignored = nullptr;
+        for (bool ok = false; queue_.Next(&ignored, &ok);) {
+        }
+    }
+    bool write(const std::string &bytes)
+    {
+        const grpc::Slice slice(bytes);
+        call_->Write(grpc::ByteBuffer(&slice, 1), tag());
+        return step();
+    }
+    void writes_done()
+    {
+        call_->WritesDone(tag());
+        step();
+    }
+    bool read(std::string *bytes)
+    {
+        grpc::ByteBuffer buffer;
+        call_->Read(&buffer, tag());
+        if (!step())
+            return false;
+        std::vector<grpc::Slice> slices;
+        buffer.Dump(&slices);
+        bytes->clear();
+        for (const auto &slice : slices)
+            bytes->append(reinterpret_cast<const char *>(slice.begin()), slice.size());
+        return true;
+    }
+    grpc::Status finish()
+    {
+        grpc::Status status;
+        call_->Finish(&status, tag());
+        step();
+        return status;
+    }
+    grpc::ClientContext context;
+
+private:
+    void *tag() { return this; }
+    bool step()
+    {
+        void *ignored = nullptr;
+        bool ok = false;
+        return queue_.Next(&ignored, &ok) && ok;
+    }
+    grpc::GenericStub stub_;
+    grpc::CompletionQueue queue_;
+    std::unique_ptr<grpc::GenericClientAsyncReaderWriter> call_;
+};
+
+// The answer to one message of raw bytes.
+grpc::Status ask(const std::shared_ptr<grpc::Channel> &channel, const std::string &path,
+                 const std::string &request, std::string *answer)
+{
+    raw_call call(channel, path);
+    call.write(request);
+    call.writes_done();
+    call.read(answer);
+    return call.finish();
+}
+
+class Calls : public testing::Test {
+protected:
+    server_harness node;
+    std::shared_ptr<grpc::Channel> channel;
+    std::unique_ptr<api::RemoteAttestationApi::Stub> stub;
+
+    void
+    serve(const std::shared_ptr<grpc::ChannelCredentials> &credentials = grpc::InsecureChannelCredentials())
+    {
+        ASSERT_EQ(node.start(), 0u);
+        grpc::ChannelArguments arguments;
+        arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+        arguments.SetMaxReceiveMessageSize(-1);
+        channel = grpc::CreateCustomChannel(node.target(), credentials, arguments);
+        stub = api::RemoteAttestationApi::NewStub(channel);
+    }
+};
+
+char node_name[] = "node-a";
+
+TEST_F(Calls, GetCertificateCarriesRequestAndAnswer)
+{
+    node.on_certificate = [](auto client, const get_certificate_request &request, auto id) {
+        EXPECT_EQ(request.present, 5u);
+        EXPECT_STREQ(request.cert_name, "Kestrin VOXA");
+        SystemCertificates record{};
+        record.present = SystemCertificates::has_node_name | SystemCertificates::has_nonce;
+        record.node_name = node_name;
+        record.nonce = request.nonce;
+        const get_certificate_response response{1, {&record, 1}};
+        EXPECT_EQ(remote_attestation_api_get_certificate_Resp(client, &response, 1, 0, id), 0);
+        EXPECT_EQ(remote_attestation_api_get_certificate_Resp(client, &response, 1, 0, id),
+                  REMOTE_ATTESTATION_API_NO_CLIENT);
+    };
+    serve();
+    api::get_certificate_request request;
+    request.set_cert_name("Kestrin VOXA");
+    request.set_nonce(std::string("\0\x01\xff", 3));
+    api::get_certificate_response response;
+    grpc::ClientContext context;
+    ASSERT_TRUE(stub->GetCertificate(&context, request, &response).ok());
+    ASSERT_EQ(response.node_data_size(), 1);
+    EXPECT_EQ(response.node_data(0).node_name(), "node-a");
+    EXPECT_EQ(response.node_data(0).nonce(), request.nonce());
+    EXPECT_FALSE(response.node_data(0).has_signature());
+    EXPECT_EQ(node.order(), "connect certificate");
+    EXPECT_NE(node.last("certificate").number, 0u);
+}
+
+TEST_F(Calls, AttestPcrsAndHwIntegrityCarryRequestAndAnswer)
+{
+    node.on_pcrs = [](auto client, const attest_pcr_request &request, auto id) {
+        ASSERT_EQ(request.pcr_indices.count, 3u);
+        EXPECT_EQ(request.pcr_indices.items[2], 10u);
+        attest_pcr_response response{};
+        response.present = attest_pcr_response::has_nonce | attest_pcr_response::has_flags;
+        response.nonce = request.nonce;
+        response.flags = RESPONSE_ALL_SOURCES_ASKED;
+        EXPECT_EQ(remote_attestation_api_attest_pcr_request_Resp(client, &response, 1, 0, id), 0);
+    };
+    node.on_hw = [](auto client, const get_platform_hw_integrity_request &request, auto id) {
+        EXPECT_EQ(request.hash_algo, 2u);
+        get_platform_hw_integrity_response response{};
+        response.present = get_platform_hw_integrity_response::has_nonce; // present and empty
+        EXPECT_EQ(remote_attestation_api_get_platform_hw_integrity_Resp(client, &response, 1, 0, id), 0);
+    };
+    serve();
+    api::attest_pcr_request request;
+    for (const auto index : {0u, 7u, 10u})
+        request.add_pcr_indices(index);
+    request.set_nonce("n");
+    api::attest_pcr_response response;
+    grpc::ClientContext context, second;
+    ASSERT_TRUE(stub->AttestPcrs(&context, request, &response).ok());
+    EXPECT_EQ(response.nonce(), "n");
+    EXPECT_EQ(response.flags(), 1u);
+    api::get_platform_hw_integrity_request hw_request;
+    hw_request.set_hash_algo(2);
+    api::get_platform_hw_integrity_response hw_response;
+    ASSERT_TRUE(stub->GetPlatformHwIntegrity(&second, hw_request, &hw_response).ok());
+    EXPECT_TRUE(hw_response.has_nonce());
+    EXPECT_EQ(node.order(), "connect pcrs hw");
+}
+
+TEST_F(Calls, LogsCarryRequestAndAnswerWholeAndAsAStream)
+{
+    node.on_boot_log = [](auto client, const auto &, auto id) {
+        NodeBootIntegrityLog record{};
+        record.present = NodeBootIntegrityLog::has_uptime;
+        record.uptime = 77;
+        const get_platform_boot_integrity_event_logs_response response{1, {&record, 1}, 0};
+        remote_attestation_api_get_platform_boot_integrity_event_logs_Resp(client, &response, 1, 0, id);
+    };
+    node.on_ima = [](auto client, const auto &request, auto id) {
+        stream_message record(request.start_event, 20'000'000); // larger than the queue's mark
+        const get_platform_ima_event_logs_response response{1, {&record.data, 1}, {}, 0};
+        EXPECT_EQ(remote_attestation_api_get_platform_ima_event_logs_Resp(client, &response, 1, 0, id), 0);
+    };
+    node.on_stream = [](auto client, const auto &request, auto id) {
+        for (std::uint64_t i = 0; i < request.event_count; ++i)
+            EXPECT_EQ(send_stream(client, id, i, i * 1000, i + 1 == request.event_count), 0);
+    };
+    serve();
+    grpc::ClientContext boot, ima, streaming;
+    api::get_platform_boot_integrity_event_logs_response boot_response;
+    ASSERT_TRUE(stub->GetPlatformBootIntegrityEventLogs(&boot, {}, &boot_response).ok());
+    EXPECT_EQ(boot_response.node_data(0).uptime(), 77u);
+    api::get_platform_ima_event_logs_request request;
+    request.set_start_event(std::uint64_t{1} << 40);
+    request.set_event_count(3);
+    api::get_platform_ima_event_logs_response response;
+    const auto status = stub->GetPlatformImaEventLogs(&ima, request, &response);
+    ASSERT_TRUE(status.ok()) << status.error_message();
+    EXPECT_EQ(response.node_data(0).uptime(), request.start_event());
+    EXPECT_EQ(response.node_data(0).events(0).digest().size(), 20'000'000u);
+    const auto reader = stub->StreamPlatformImaEventLogs(&streaming, request);
+    api::NodeIMAData message;
+    for (std::uint64_t i = 0; i < 3; ++i) {
+        ASSERT_TRUE(reader->Read(&message));
+        EXPECT_EQ(message.uptime(), i);
+    }
+    EXPECT_FALSE(reader->Read(&message));
+    EXPECT_TRUE(reader->Finish().ok());
+    EXPECT_EQ(node.order(), "connect boot_log ima stream");
+}
+
+TEST_F(Calls, LargeAnswersAreServedOneAfterTheOtherAndAllAtOnce)
+{
+    node.on_ima = [](auto client, const auto &request, auto id) {
+        stream_message record(request.start_event, 10'000'000);
+        const get_platform_ima_event_logs_response response{1, {&record.data, 1}, {}, 0};
+        EXPECT_EQ(remote_attestation_api_get_platform_ima_event_logs_Resp(client, &response, 1, 0, id), 0);
+    };
+    serve();
+    const auto ask_for = [this](std::uint64_t number) {
+        grpc::ClientContext context;
+        api::get_platform_ima_event_logs_request request;
+        request.set_start_event(number);
+        api::get_platform_ima_event_logs_response response;
+        const auto status = stub->GetPlatformImaEventLogs(&context, request, &response);
+        EXPECT_TRUE(status.ok()) << status.error_message();
+        EXPECT_EQ(response.node_data_size() == 1 ? response.node_data(0).uptime() : 0, number);
+    };
+    for (std::uint64_t i = 1; i <= 10; ++i)
+        ask_for(i);
+    std::vector<std::thread> clients;
+    for (std::uint64_t i = 1; i <= 10; ++i)
+        clients.emplace_back(ask_for, i);
+    for (auto &client : clients)
+        client.join();
+    EXPECT_EQ(node.count("ima"), 20u);
+}
+
+// ---- requests that are none ----
+
+TEST_F(Calls, ARequestThatCannotBeDecodedIsAnsweredWithoutEvidence)
+{
+    serve();
+    std::string expected = "connect";
+    for (const char *operation :
+         {"GetCertificate", "AttestPcrs", "GetPlatformBootIntegrityEventLogs", "GetPlatformHwIntegrity",
+          "GetPlatformImaEventLogs", "StreamPlatformImaEventLogs"}) {
+        for (const std::string request : {"\xff\xff\xff\xff", "\x0a\x7f", "\x0a"}) {
+            std::string answer = "untouched";
+            const auto status = ask(channel, SERVICE + operation, request, &answer);
+            EXPECT_TRUE(status.ok()) << operation << ": " << status.error_message();
+            EXPECT_EQ(answer, "") << operation;
+            expected += " error";
+        }
+    }
+    // The agent is told of each, once, and none reaches an operation of it.
+    ASSERT_TRUE(node.wait_count("error", 18));
+    EXPECT_EQ(node.order(), expected);
+    EXPECT_EQ(node.last("error").number, platform_status_from_errno(EBADMSG));
+}
+
+TEST_F(Calls, UnknownFieldsAreSkipped)
+{
+    node.on_certificate = [](auto client, const get_certificate_request &request, auto id) {
+        EXPECT_STREQ(request.cert_name, "a");
+        const get_certificate_response response{};
+        remote_attestation_api_get_certificate_Resp(client, &response, 1, 0, id);
+    };
+    serve();
+    std::string answer;
+    EXPECT_TRUE(ask(channel, SERVICE + "GetCertificate", "\x0a\x01\x61\xfa\x3f\x02zz", &answer).ok());
+    EXPECT_EQ(node.count("certificate"), 1u);
+}
+
+TEST_F(Calls, OnlyTheCallItselfIsAnRpcError)
+{
+    serve();
+    node.on_loop([&] { remote_attestation_api_server_set_attest_pcrs_callback(node.server, nullptr); });
+    std::string answer;
+    const auto code = [&](const std::string &path, const std::string &request) {
+        return ask(channel, path, request, &answer).error_code();
+    };
+    EXPECT_EQ(code(SERVICE + "GetEverything", ""), grpc::StatusCode::UNIMPLEMENTED);
+    EXPECT_EQ(code("/", ""), grpc::StatusCode::UNIMPLEMENTED);
+    EXPECT_EQ(code(SERVICE + "AttestPcrs", ""), grpc::StatusCode::UNIMPLEMENTED);
+    EXPECT_EQ(code(SERVICE + "GetCertificate", std::string(70'000, 'x')),
+              grpc::StatusCode::RESOURCE_EXHAUSTED);
+    raw_call empty(channel, SERVICE + "GetCertificate");
+    empty.writes_done();
+    EXPECT_EQ(empty.finish().error_code(), grpc::StatusCode::INVALID_ARGUMENT);
+    EXPECT_EQ(node.count("certificate") + node.count("pcrs"), 0u);
+    EXPECT_EQ(node.count("disconnect"), 0u);
+}
+
+TEST_F(Calls, ACompressedRequestIsRefusedBeforeItUnfolds)
+{
+    serve();
+    grpc::ClientContext context;
+    context.set_compression_algorithm(GRPC_COMPRESS_GZIP);
+    api::get_certificate_request request;
+    request.set_cert_name(std::string(60'000, 'a'));
+    api::get_certificate_response response;
+    EXPECT_EQ(stub->GetCertificate(&context, request, &response).error_code(),
+              grpc::StatusCode::UNIMPLEMENTED);
+    EXPECT_EQ(node.count("certificate"), 0u);
+}
+
+TEST_F(Calls, AnAnswerThatTheWireCannotCarryNamesTheStream)
+{
+    node.on_ima = [](auto client, const auto &, auto id) {
+        stream_message record(1, 1);
+        record.event.digest.length = std::uint64_t{3} << 30; // only its length is looked at
+        const get_platform_ima_event_logs_response response{1, {&record.data, 1}, {}, 0};
+        EXPECT_EQ(remote_attestation_api_get_platform_ima_event_logs_Resp(client, &response, 1, 0, id),
+                  REMOTE_ATTESTATION_API_NOT_SENT);
+    };
+    serve();
+    grpc::ClientContext context;
+    api::get_platform_ima_event_logs_response response;
+    const auto status = stub->GetPlatformImaEventLogs(&context, {}, &response);
+    EXPECT_EQ(status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+    EXPECT_NE(status.error_message().find("StreamPlatformImaEventLogs"), std::string::npos);
+}
+
+TEST_F(Calls, AConnectionWithoutCallsIsEndedAtTheIdleLimit)
+{
+    node.limits.idle_ms = 300;
+    serve();
+    std::string answer;
+    EXPECT_TRUE(ask(channel, "/grpc.health.v1.Health/Check", "", &answer).ok());
+    EXPECT_TRUE(node.wait_count("disconnect", 1));
+    EXPECT_EQ(node.order(), "connect disconnect");
+}
+
+TEST_F(Calls, ACallWhoseRequestNeverComesEndsItsConnection)
+{
+    node.limits.stall_ms = 300;
+    node.limits.sweep_ms = 50;
+    serve();
+    raw_call call(channel, SERVICE + "GetCertificate");
+    EXPECT_TRUE(node.wait_count("disconnect", 1));
+    EXPECT_EQ(node.order(), "connect disconnect");
+    EXPECT_FALSE(call.finish().ok());
+}
+
+TEST_F(Calls, MoreCallsThanAConnectionMayHaveWaitAtTheClient)
+{
+    node.limits.calls_per_connection = 3;
+    serve();
+    grpc::CompletionQueue queue; // nobody looks at it before the end
+    std::vector<std::unique_ptr<grpc::ClientContext>> contexts;
+    std::vector<std::unique_ptr<grpc::ClientAsyncReader<api::NodeIMAData>>> readers;
+    for (int i = 0; i < 5; ++i) {
+        contexts.push_back(std::make_unique<grpc::ClientContext>());
+        readers.push_back(stub->AsyncStreamPlatformImaEventLogs(contexts.back().get(), {}, &queue, nullptr));
+    }
+    ASSERT_TRUE(node.wait_count("stream", 3));
+    grpc::ClientContext late;
+    late.set_deadline(std::chrono::system_clock::now() + std::chrono::milliseconds(200));
+    api::get_certificate_response response;
+    EXPECT_EQ(stub->GetCertificate(&late, {}, &response).error_code(), grpc::StatusCode::DEADLINE_EXCEEDED);
+    EXPECT_EQ(node.count("stream") + node.count("certificate"), 3u);
+    const told one = node.last("stream");
+    EXPECT_EQ(node.on_loop([&] { return send_stream(one.client, one.number, 0, 0, true); }), 0);
+    EXPECT_TRUE(node.wait_count("stream", 4));
+    for (const auto &context : contexts)
+        context->TryCancel();
+    queue.Shutdown();
+    void *ignored = nullptr;
+    for (bool ok = false; queue.Next(&ignored, &ok);) {
+    }
+}
+
+// ---- who is served ----
+
+class Tls : public Calls {
+protected:
+    tls_files files;
+    void SetUp() override { setenv("ATTEST_TLS_DIR", files.server_directory().c_str(), 1); }
+    void TearDown() override { unsetenv("ATTEST_TLS_DIR"); }
+
+    grpc::Status ask_as(const std::string &who)
+    {
+        grpc::SslCredentialsOptions options;
+        options.pem_root_certs = files.read("ca.crt");
+        if (who != "nobody") {
+            options.pem_cert_chain = files.read(who + ".crt");
+            options.pem_private_key = files.read(who + ".key");
+        }
+        serve(who == "plaintext" ? grpc::InsecureChannelCredentials() : grpc::SslCredentials(options));
+        std::string answer;
+        return ask(channel, "/grpc.health.v1.Health/Check", "", &answer);
+    }
+};
+
+TEST_F(Tls, AClientOfTheCaIsServed)
+{
+    const auto status = ask_as("client");
+    EXPECT_TRUE(status.ok()) << status.error_message();
+    EXPECT_EQ(node.order(), "connect");
+}
+
+TEST_F(Tls, AClientWithoutCertificateIsRefused)
+{
+    EXPECT_EQ(ask_as("nobody").error_code(), grpc::StatusCode::UNAVAILABLE);
+    EXPECT_TRUE(node.wait_count("disconnect", 1));
+}
+
+TEST_F(Tls, AClientOfAnotherCaIsRefused)
+{
+    EXPECT_EQ(ask_as("stranger").error_code(), grpc::StatusCode::UNAVAILABLE);
+    EXPECT_TRUE(node.wait_count("disconnect", 1));
+}
+
+TEST_F(Tls, APlaintextClientIsRefused)
+{
+    EXPECT_EQ(ask_as("plaintext").error_code(), grpc::StatusCode::UNAVAILABLE);
+    EXPECT_TRUE(node.wait_count("disconnect", 1));
+}
+
+// ---- health and reflection ----
+
+std::string health_request(const std::string &service)
+{
+    HealthCheckRequest request;
+    request.set_service(service);
+    return request.SerializeAsString();
+}
+
+TEST_F(Calls, HealthKnowsTheServerAndTheInstance)
+{
+    serve();
+    for (const std::string service : {"", "rat_agent_test"}) {
+        std::string answer;
+        ASSERT_TRUE(ask(channel, "/grpc.health.v1.Health/Check", health_request(service), &answer).ok());
+        HealthCheckResponse response;
+        ASSERT_TRUE(response.ParseFromString(answer));
+        EXPECT_EQ(response.status(), HealthCheckResponse::SERVING);
+    }
+    std::string answer;
+    for (const auto &request : {health_request("rat_agent_other"), std::string("\xff")})
+        EXPECT_EQ(ask(channel, "/grpc.health.v1.Health/Check", request, &answer).error_code(),
+                  grpc::StatusCode::NOT_FOUND);
+}
+
+TEST_F(Calls, AHealthWatchTellsTheStatusAndStaysOpen)
+{
+    serve();
+    const std::pair<std::string, HealthCheckResponse::ServingStatus> cases[] = {
+        {"rat_agent_test", HealthCheckResponse::SERVING}, {"other", HealthCheckResponse::SERVICE_UNKNOWN}};
+    for (const auto &[service, status] : cases) {
+        raw_call watch(channel, "/grpc.health.v1.Health/Watch");
+        watch.write(health_request(service));
+        watch.writes_done();
+        std::string answer;
+        ASSERT_TRUE(watch.read(&answer));
+        HealthCheckResponse response;
+        ASSERT_TRUE(response.ParseFromString(answer));
+        EXPECT_EQ(response.status(), status);
+        if (service == "rat_agent_test")
+            continue;
+        node.deactivate();
+        EXPECT_FALSE(watch.read(&answer));
+        EXPECT_FALSE(watch.finish().ok());
+    }
+}
+
+TEST_F(Calls, ReflectionListsTheServicesAndGivesTheirContracts)
+{
+    serve();
+    raw_call call(channel, "/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo");
+    ServerReflectionResponse response;
+    const auto exchange = [&](const ServerReflectionRequest &request) {
+        std::string answer;
+        return call.write(request.SerializeAsString()) && call.read(&answer) &&
+               response.ParseFromString(answer);
+    };
+    ServerReflectionRequest request;
+    request.set_list_services("");
+    ASSERT_TRUE(exchange(request));
+    ASSERT_EQ(response.list_services_response().service_size(), 3);
+    const auto listed = response.list_services_response();
+    for (const auto &service : listed.service()) {
+        request.set_file_containing_symbol(service.name());
+        ASSERT_TRUE(exchange(request)) << service.name();
+        EXPECT_EQ(response.file_descriptor_response().file_descriptor_proto_size(), 1) << service.name();
+    }
+    request.set_file_containing_symbol("remote_attestation_api.RemoteAttestationApi");
+    ASSERT_TRUE(exchange(request));
+    google::protobuf::FileDescriptorProto file;
+    ASSERT_TRUE(file.ParseFromString(response.file_descriptor_response().file_descriptor_proto(0)));
+    EXPECT_EQ(file.service(0).method_size(), 6);
+    request.set_file_by_filename(file.name());
+    ASSERT_TRUE(exchange(request));
+    EXPECT_TRUE(response.has_file_descriptor_response());
+    request.set_file_containing_symbol("no.such.thing");
+    ASSERT_TRUE(exchange(request));
+    EXPECT_EQ(response.error_response().error_code(), grpc::StatusCode::NOT_FOUND);
+    call.writes_done();
+    EXPECT_TRUE(call.finish().ok());
+}
+
+} // namespace

@@ -1,0 +1,311 @@
+// Flow control, and clients that stop reading, cancel, or vanish.
+#include <fstream>
+#include <grpcpp/grpcpp.h>
+#include <gtest/gtest.h>
+
+#include "api/remote_attestation_api.grpc.pb.h"
+#include "platform/owners.h"
+#include "platform/status.h"
+#include "tests/rpc/server_harness.h"
+
+namespace {
+
+namespace api = remote_attestation_api;
+
+constexpr std::size_t MESSAGE = 400'000; // about 1000 events
+constexpr std::uint64_t MIB = std::uint64_t{1} << 20;
+
+std::uint64_t resident_bytes()
+{
+    std::uint64_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages >> pages;
+    return pages * 4096;
+}
+
+// What a client has of a stream.
+struct client_stream {
+    client_stream() { context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(90)); }
+    grpc::ClientContext context;
+    std::unique_ptr<grpc::ClientReader<api::NodeIMAData>> reader;
+};
+
+class Flow : public testing::Test {
+protected:
+    server_harness node;
+    std::shared_ptr<grpc::Channel> channel;
+    std::unique_ptr<api::RemoteAttestationApi::Stub> stub;
+    // The agent's one stream: sends `next` to `end`, stops when it is refused, goes on when it is told to.
+    remote_attestation_api_client client = 0;
+    std::uint32_t request_id = 0;
+    std::uint64_t next = 0, end = 10'000;
+    bool takes_up = true; // on a resume
+
+    void serve()
+    {
+        node.on_stream = [this](auto who, const auto &, auto id) {
+            client = who;
+            request_id = id;
+            send_until_refused();
+        };
+        node.on_resume = [this](auto who) {
+            EXPECT_EQ(who, client);
+            if (takes_up)
+                send_until_refused();
+        };
+        ASSERT_EQ(node.start(), 0u);
+        connect();
+    }
+    void connect()
+    {
+        grpc::ChannelArguments arguments;
+        arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+        arguments.SetInt(GRPC_ARG_HTTP2_BDP_PROBE, 0); // the client's window stays at 64 KiB
+        channel = grpc::CreateCustomChannel(node.target(), grpc::InsecureChannelCredentials(), arguments);
+        stub = api::RemoteAttestationApi::NewStub(channel);
+    }
+    void send_until_refused()
+    {
+        for (; next < end; ++next) {
+            const auto result = send_stream(client, request_id, next, MESSAGE, next + 1 == end);
+            if (result == 0)
+                continue;
+            node.tell(result == REMOTE_ATTESTATION_API_FLOW_CLOSED ? "refused" : "failed", client,
+                      request_id);
+            return;
+        }
+        node.tell("sent", client, request_id);
+    }
+    std::unique_ptr<client_stream> open_stream()
+    {
+        auto stream = std::make_unique<client_stream>();
+        stream->reader = stub->StreamPlatformImaEventLogs(&stream->context, {});
+        return stream;
+    }
+    std::unique_ptr<client_stream> open_refused_stream()
+    {
+        auto stream = open_stream();
+        EXPECT_TRUE(node.wait_count("refused", 1));
+        return stream;
+    }
+    std::int32_t send_late()
+    {
+        return node.on_loop([this] { return send_stream(client, request_id, next, 10, false); });
+    }
+    grpc::StatusCode ask_boot_log()
+    {
+        grpc::ClientContext context;
+        api::get_platform_boot_integrity_event_logs_response response;
+        return stub->GetPlatformBootIntegrityEventLogs(&context, {}, &response).error_code();
+    }
+};
+
+TEST_F(Flow, AClientThatStopsReadingIsRefusedAndMemoryStaysBounded)
+{
+    serve();
+    const stream_message warm(0, 0);
+    const std::uint64_t before = resident_bytes();
+    const auto stream = open_refused_stream();
+    const std::uint64_t accepted = node.on_loop([this] { return next * MESSAGE; });
+    // The queue, and what the sockets and the client's library hold; far from the 4 GB on offer.
+    EXPECT_GT(accepted, 7 * MIB);
+    EXPECT_LT(accepted, 32 * MIB);
+    EXPECT_LT(resident_bytes(), before + 64 * MIB);
+    EXPECT_EQ(send_late(), 0); // a small one fits still
+    stream->context.TryCancel();
+    EXPECT_TRUE(node.wait_count("error", 1));
+}
+
+TEST_F(Flow, AReaderGetsEverythingInOrderAndAPauseEndsWithOneResume)
+{
+    end = 500; // 200 MB
+    serve();
+    auto stream = open_refused_stream();
+    EXPECT_EQ(node.count("resume"), 0u);
+    api::NodeIMAData message;
+    std::uint64_t read = 0;
+    for (; stream->reader->Read(&message); ++read)
+        ASSERT_EQ(message.uptime(), read);
+    EXPECT_TRUE(stream->reader->Finish().ok());
+    EXPECT_EQ(read, end);
+    const std::size_t pauses = node.count("refused");
+    EXPECT_EQ(node.count("resume"), pauses);
+    EXPECT_LT(pauses, 500u / 10); // few, not one a message
+    EXPECT_EQ(node.count("error"), 0u);
+}
+
+TEST_F(Flow, AMessageLargerThanTheMarksGoesOutAloneAndRefusesOnesBehindItUntilItIsTaken)
+{
+    node.on_stream = [this](auto who, const auto &, auto id) {
+        client = who;
+        request_id = id;
+        EXPECT_EQ(send_stream(client, id, 0, 100'000, false), 0);
+        // The first may be on its way already, or not.
+        if (send_stream(client, id, 1, 30 * MIB, false) == 0)
+            next = 2;
+        else
+            next = 1;
+        EXPECT_EQ(send_stream(client, id, next, 30 * MIB, false), REMOTE_ATTESTATION_API_FLOW_CLOSED);
+    };
+    node.on_resume = [this](auto) {
+        for (; next < 3; ++next) {
+            if (send_stream(client, request_id, next, 30 * MIB, next == 2) != 0)
+                return;
+        }
+    };
+    ASSERT_EQ(node.start(), 0u);
+    grpc::ChannelArguments arguments;
+    arguments.SetMaxReceiveMessageSize(-1);
+    channel = grpc::CreateCustomChannel(node.target(), grpc::InsecureChannelCredentials(), arguments);
+    stub = api::RemoteAttestationApi::NewStub(channel);
+    const auto stream = open_stream();
+    api::NodeIMAData message;
+    for (std::uint64_t i = 0; i < 3; ++i) {
+        ASSERT_TRUE(stream->reader->Read(&message));
+        EXPECT_EQ(message.uptime(), i);
+    }
+    EXPECT_FALSE(stream->reader->Read(&message));
+    EXPECT_TRUE(stream->reader->Finish().ok());
+}
+
+TEST_F(Flow, AClientThatVanishesWhilePausedIsAnErrorThenADisconnect)
+{
+    serve();
+    node.on_error = [this](auto who) {
+        EXPECT_EQ(who, client);
+        EXPECT_EQ(send_stream(client, request_id, next, 10, true), REMOTE_ATTESTATION_API_NO_CLIENT);
+    };
+    auto stream = open_refused_stream();
+    stream->context.TryCancel();
+    stub.reset();
+    channel.reset();
+    stream.reset();
+    ASSERT_TRUE(node.wait_count("disconnect", 1));
+    EXPECT_EQ(node.order(), "connect stream refused error disconnect");
+    EXPECT_EQ(send_late(), REMOTE_ATTESTATION_API_NO_CLIENT);
+}
+
+TEST_F(Flow, ACancelledStreamIsAnErrorAndTheConnectionStays)
+{
+    serve();
+    node.on_boot_log = [](auto who, const auto &, auto id) {
+        const get_platform_boot_integrity_event_logs_response response{};
+        remote_attestation_api_get_platform_boot_integrity_event_logs_Resp(who, &response, 1, 0, id);
+    };
+    const auto stream = open_refused_stream();
+    stream->context.TryCancel();
+    ASSERT_TRUE(node.wait_count("error", 1));
+    EXPECT_EQ(send_late(), REMOTE_ATTESTATION_API_NO_CLIENT);
+    EXPECT_EQ(ask_boot_log(), grpc::StatusCode::OK);
+    EXPECT_EQ(node.order(), "connect stream refused error boot_log");
+}
+
+TEST_F(Flow, ADeadlineWhilePausedIsAnError)
+{
+    serve();
+    auto stream = std::make_unique<client_stream>();
+    stream->context.set_deadline(std::chrono::system_clock::now() + std::chrono::milliseconds(700));
+    stream->reader = stub->StreamPlatformImaEventLogs(&stream->context, {});
+    EXPECT_TRUE(node.wait_count("error", 1));
+    EXPECT_EQ(node.count("disconnect") + node.count("resume"), 0u);
+}
+
+TEST_F(Flow, AStalledClientIsAnErrorThenADisconnect)
+{
+    node.limits.stall_ms = 500;
+    node.limits.sweep_ms = 50;
+    serve();
+    const auto stream = open_refused_stream();
+    ASSERT_TRUE(node.wait_count("disconnect", 1));
+    EXPECT_EQ(node.order(), "connect stream refused error disconnect");
+    EXPECT_EQ(node.last("error").number, platform_status_from_errno(ETIMEDOUT));
+}
+
+TEST_F(Flow, AClientThatReadsSlowlyIsNotStalled)
+{
+    node.limits.stall_ms = 1500;
+    node.limits.sweep_ms = 50;
+    end = 40;
+    serve();
+    const auto stream = open_refused_stream();
+    api::NodeIMAData message;
+    std::uint64_t read = 0;
+    for (; stream->reader->Read(&message); ++read) {
+        if (read < 20)
+            std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    }
+    EXPECT_EQ(read, end);
+    EXPECT_EQ(node.count("error"), 0u);
+}
+
+TEST_F(Flow, SmallAnswersPassAFullQueueAndLargeOnesAreRefusedWithAStatus)
+{
+    serve();
+    std::size_t size = 1000;
+    node.on_ima = [&](auto who, const auto &, auto id) {
+        const stream_message record(1, size);
+        NodeIMAData data = record.data;
+        const get_platform_ima_event_logs_response response{1, {&data, 1}, {}, 0};
+        remote_attestation_api_get_platform_ima_event_logs_Resp(who, &response, 1, 0, id);
+    };
+    const auto stream = open_refused_stream();
+    for (const auto &[bytes, code] :
+         {std::pair{std::size_t{1000}, grpc::StatusCode::OK},
+          std::pair{std::size_t{3'000'000}, grpc::StatusCode::RESOURCE_EXHAUSTED}}) {
+        node.on_loop([&, bytes = bytes] { size = bytes; });
+        grpc::ClientContext context;
+        api::get_platform_ima_event_logs_response response;
+        EXPECT_EQ(stub->GetPlatformImaEventLogs(&context, {}, &response).error_code(), code);
+    }
+    EXPECT_EQ(node.count("error"), 0u);
+    stream->context.TryCancel();
+    EXPECT_TRUE(node.wait_count("error", 1));
+}
+
+TEST_F(Flow, ACancelledCallDoesNotDropAnotherOnesPause)
+{
+    end = 100;
+    serve();
+    const auto stream = open_refused_stream();
+    grpc::ClientContext context; // the harness does not answer this call
+    context.set_deadline(std::chrono::system_clock::now() + std::chrono::milliseconds(200));
+    api::get_platform_ima_event_logs_response response;
+    EXPECT_EQ(stub->GetPlatformImaEventLogs(&context, {}, &response).error_code(),
+              grpc::StatusCode::DEADLINE_EXCEEDED);
+    const told call = node.last("ima");
+    EXPECT_TRUE(node.wait([&] {
+        return node.on_loop([&] { return send_stream(call.client, call.number, 0, 1, false); }) != 0;
+    }));
+    api::NodeIMAData message;
+    while (stream->reader->Read(&message)) {
+    }
+    EXPECT_TRUE(stream->reader->Finish().ok());
+    EXPECT_EQ(node.count("error"), 0u);
+}
+
+TEST_F(Flow, AStreamThatIsNotTakenUpAgainEndsWithAStatus)
+{
+    takes_up = false;
+    serve();
+    const auto stream = open_refused_stream();
+    api::NodeIMAData message;
+    while (stream->reader->Read(&message)) {
+    }
+    EXPECT_EQ(stream->reader->Finish().error_code(), grpc::StatusCode::ABORTED);
+    EXPECT_EQ(node.count("resume"), 1u);
+    EXPECT_EQ(send_late(), REMOTE_ATTESTATION_API_NO_CLIENT);
+}
+
+TEST_F(Flow, DeactivationDoesNotWaitForAStalledClient)
+{
+    serve();
+    auto stream = open_refused_stream();
+    node.deactivate();
+    EXPECT_EQ(node.order(), "connect stream refused error disconnect");
+    EXPECT_EQ(send_late(), REMOTE_ATTESTATION_API_NO_CLIENT);
+    api::NodeIMAData message;
+    while (stream->reader->Read(&message)) {
+    }
+    EXPECT_FALSE(stream->reader->Finish().ok());
+}
+
+} // namespace

@@ -1,0 +1,171 @@
+// Logins and what they cost, secrets, capabilities, arguments.
+#include <gmock/gmock.h>
+
+#include "tests/tpm/client_fixture.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class session_test : public provisioned_fixture {};
+
+kov_status capability(const session_owner &session, std::uint32_t number, std::uint32_t &present)
+{
+    kov_capability *result = nullptr;
+    const kov_status status = kovc_device_capability(session.get(), number, &result);
+    const malloc_ptr<kov_capability> owned(result);
+    EXPECT_EQ(result != nullptr, status == KOV_SUCCESS);
+    if (result != nullptr) {
+        EXPECT_EQ(result->capability, number);
+        present = result->present;
+    }
+    return status;
+}
+
+TEST_F(session_test, ALoginCostsOneCommandAndAKeyIsResolvedOnce)
+{
+    ASSERT_EQ(login().login_status, KOV_SUCCESS);
+    const session_owner first = login();
+    ASSERT_EQ(first.quote("RSA_AIK_KEY", 2, 1, {}).quote.status, KOV_SUCCESS);
+    traffic.commands.clear();
+    {
+        const session_owner session = login();
+        ASSERT_EQ(session.pcr(2, 0).status, KOV_SUCCESS);
+        ASSERT_EQ(session.quote("RSA_AIK_KEY", 2, 1, {}).quote.status, KOV_SUCCESS);
+        ASSERT_EQ(session.object("RSA_AIK_CRT").status, KOV_SUCCESS);
+    }
+    EXPECT_THAT(traffic.commands, ElementsAre(TPM2_CC_ReadClock, TPM2_CC_PCR_Read, TPM2_CC_Quote));
+}
+
+TEST_F(session_test, LogoutLeavesNothingInTheTpm)
+{
+    for (const char *secret : {KOV_LOGIN_SECRET, "wrong"}) {
+        session_owner session = login(secret);
+        kovc_signing *unfinished = nullptr;
+        EXPECT_EQ(kovc_sign_init(session.get(), KOV_LOGIN_USER, "RSA_VOXAKEY", 2, &unfinished), KOV_SUCCESS);
+        session.sign("RSA_VOXAKEY", {1, 2, 3});
+        session.quote("RSA_AIK_KEY", 2, 0x81, {1});
+        EXPECT_EQ(session.logout(), KOV_SUCCESS);
+    }
+    release();
+    const auto tpm = connect_to(tpm_);
+    EXPECT_THAT(tpm_handles(*tpm, TPM2_TRANSIENT_FIRST), IsEmpty());
+    EXPECT_THAT(tpm_handles(*tpm, TPM2_LOADED_SESSION_FIRST), IsEmpty());
+    EXPECT_THAT(tpm_handles(*tpm, TPM2_ACTIVE_SESSION_FIRST), IsEmpty());
+}
+
+TEST_F(session_test, AWrongSecretIsAStatusAndNeverLocksTheTpm)
+{
+    const session_owner wrong = login("Pobrekd308");
+    ASSERT_EQ(wrong.login_status, KOV_SUCCESS);
+    for (int i = 0; i < 40; ++i) {
+        EXPECT_THAT(kov_status_string(wrong.sign("RSA_VOXAKEY", {1}).status), HasSubstr("auth"));
+        EXPECT_NE(wrong.quote("RSA_AIK_KEY", 2, 1, {}).quote.status, KOV_SUCCESS);
+    }
+    EXPECT_EQ(login().sign("RSA_VOXAKEY", {1}).status, KOV_SUCCESS);
+    EXPECT_NE(wrong.sign("RSA_VOXAKEY", {1}).status, KOV_SUCCESS) << "the other session's secret was used";
+    release();
+    EXPECT_EQ(tpm_property(*connect_to(tpm_), TPM2_PT_LOCKOUT_COUNTER), 0u);
+}
+
+TEST_F(session_test, LoginContextsThatCannotBeRightAreRefused)
+{
+    kov_login_context good{KOV_LOGIN_KIND_SECRET, "Init", "Pobrekd307"};
+    kov_login_context kind = good;
+    kind.kind = 1;
+    kov_login_context user = good;
+    user.user_name[0] = 'i';
+    kov_login_context endless = good; // no NUL in either field
+    std::fill(std::begin(endless.user_name), std::end(endless.user_name), 'I');
+    std::fill(std::begin(endless.secret), std::end(endless.secret), 'x');
+    for (const kov_login_context &login : {kind, user, endless}) {
+        kovc_session *session = nullptr;
+        EXPECT_EQ(kovc_app_login(context_, 1, &login, &session), KOV_ERR_LOGIN);
+        EXPECT_EQ(session, nullptr);
+    }
+    kovc_session *session = nullptr;
+    EXPECT_EQ(kovc_app_login(context_, 2, &good, &session), KOV_ERR_INVALID_PARAM) << "no such device";
+    EXPECT_EQ(kovc_app_login(nullptr, 1, &good, &session), KOV_ERR_INVALID_PARAM);
+    EXPECT_EQ(kovc_app_logout(&session), KOV_ERR_INVALID_PARAM);
+}
+
+TEST_F(session_test, CapabilitiesSayWhatTheTpmCanDo)
+{
+    const session_owner session = login();
+    std::uint32_t present = 2;
+    EXPECT_EQ(capability(session, KOV_CAPABILITY_PCR_READ, present), KOV_SUCCESS);
+    EXPECT_EQ(present, 1u);
+    present = 2;
+    EXPECT_EQ(capability(session, KOV_CAPABILITY_PCR_QUOTE, present), KOV_SUCCESS);
+    EXPECT_EQ(present, 1u);
+    EXPECT_EQ(capability(session, 0xC02, present), KOV_ERR_CAPABILITY);
+    EXPECT_EQ(traffic.allocations, 2u);
+}
+
+TEST_F(session_test, ABankThatIsNotAllocatedIsAStatus)
+{
+    release();
+    {
+        const auto tpm = connect_to(tpm_);
+        TPML_PCR_SELECTION only_sha1{};
+        for (const tpm_algorithm &algorithm : tpm_algorithms)
+            only_sha1.pcrSelections[only_sha1.count++] =
+                pcr_selection(algorithm, algorithm.number == KOV_ALG_SHA1 ? 0xFFFFFF : 0);
+        TPMI_YES_NO done = TPM2_NO;
+        UINT32 ignored = 0;
+        ASSERT_EQ(Esys_PCR_Allocate(tpm->esys, ESYS_TR_RH_PLATFORM, ESYS_TR_PASSWORD, ESYS_TR_NONE,
+                                    ESYS_TR_NONE, &only_sha1, &done, &ignored, &ignored, &ignored),
+                  TSS2_RC_SUCCESS);
+    }
+    tpm_.kill();
+    tpm_.start();
+    use(tpm_);
+    const session_owner session = login();
+    std::uint32_t present = 2;
+    EXPECT_EQ(capability(session, KOV_CAPABILITY_PCR_READ, present), KOV_SUCCESS);
+    EXPECT_EQ(present, 0u);
+    EXPECT_EQ(session.pcr(2, 0).status, KOV_ERR_PCR_BANK);
+    EXPECT_EQ(session.quote("RSA_AIK_KEY", 2, 1, {}).quote.status, KOV_ERR_PCR_BANK);
+    EXPECT_EQ(session.pcr(1, 0).length, 20u);
+}
+
+TEST_F(session_test, ANodeThatIsNotProvisionedHasPcrsAndNothingElse)
+{
+    setenv("ATTEST_TRUST_ANCHOR", (tpm_.directory() + "/nowhere/trust_anchor.json").c_str(), 1);
+    const session_owner session = login();
+    ASSERT_EQ(session.login_status, KOV_SUCCESS);
+    EXPECT_EQ(session.pcr(2, 0).status, KOV_SUCCESS);
+    EXPECT_EQ(session.sign("RSA_VOXAKEY", {1}).status, KOV_ERR_NOT_PROVISIONED);
+    EXPECT_EQ(session.quote("RSA_AIK_KEY", 2, 1, {}).quote.status, KOV_ERR_NOT_PROVISIONED);
+    EXPECT_EQ(session.object("RSA_AIK_CRT").status, KOV_ERR_NOT_PROVISIONED);
+    EXPECT_EQ(session.uids(KOV_UID_REFERENCE, 2).digests.status, KOV_ERR_NOT_PROVISIONED);
+    EXPECT_EQ(session.uids(KOV_UID_BOARD, 2).digests.status, KOV_SUCCESS);
+    setenv("ATTEST_TRUST_ANCHOR", tpm_.manifest().c_str(), 1);
+    EXPECT_EQ(login().sign("RSA_VOXAKEY", {1}).status, KOV_SUCCESS) << "provisioned while the client lives";
+}
+
+TEST_F(session_test, AKeyThatIsGoneIsAStatus)
+{
+    const software_tpm empty;
+    use(empty.address(), tpm_.manifest());
+    const session_owner session = login();
+    EXPECT_THAT(kov_status_string(session.sign("RSA_VOXAKEY", {1}).status), HasSubstr("handle"));
+    EXPECT_THAT(kov_status_string(session.quote("RSA_AIK_KEY", 2, 1, {}).quote.status), HasSubstr("handle"));
+    EXPECT_EQ(session.pcr(2, 0).status, KOV_SUCCESS);
+}
+
+TEST(status_test, EveryStatusHasWords)
+{
+    for (std::uint32_t i = 1; i <= 19; ++i)
+        EXPECT_THAT(kov_status_string(KOV_ERR_BASE + i), testing::Not(HasSubstr("unknown trust-anchor")));
+    EXPECT_STREQ(kov_status_string(KOV_SUCCESS), "success");
+    EXPECT_STREQ(kov_status_string(KOV_ERR_ERRNO | ENOENT), "No such file or directory");
+    EXPECT_THAT(kov_status_string(TPM2_RC_LOCKOUT), HasSubstr("lockout"));
+    for (const kov_status odd :
+         {0u, KOV_ERR_BASE, KOV_ERR_BASE + 20, KOV_ERR_ERRNO | 0xFFFFu, ~0u, 0x00FF0001u})
+        EXPECT_NE(kov_status_string(odd), nullptr);
+}
+
+} // namespace
