@@ -117,8 +117,9 @@ malloc_ptr<char> allocate_source_name()
         std::_Exit(1); // other threads run: no destructor of theirs may be pulled from under them
     }
     malloc_ptr<char> source_name(static_cast<char *>(std::calloc(1, NODE_NAME_SIZE)));
-    if (source_name != nullptr)
-        static_cast<void>(std::snprintf(source_name.get(), NODE_NAME_SIZE, "%s_zuvari", node_name));
+    // A long node name cuts the label: its length is fixed.
+    if (source_name != nullptr && std::snprintf(source_name.get(), NODE_NAME_SIZE, "%s_zuvari", node_name) < 0)
+        source_name.reset();
     return source_name;
 }
 

@@ -1,6 +1,7 @@
 #include "tests/tpm/client_fixture.h"
 
 #include <cstdlib>
+#include <cstdio>
 #include <cstring>
 
 client_traffic traffic;
@@ -71,8 +72,8 @@ void client_fixture::use(const software_tpm &tpm)
 session_owner client_fixture::login(const char *secret)
 {
     kov_login_context login{KOV_LOGIN_KIND_SECRET, {}, {}};
-    std::strcpy(login.user_name, KOV_LOGIN_USER);
-    std::strncpy(login.secret, secret, sizeof login.secret);
+    std::snprintf(login.user_name, sizeof login.user_name, "%s", KOV_LOGIN_USER);
+    std::snprintf(login.secret, sizeof login.secret, "%s", secret);
     kovc_session *session = nullptr;
     const kov_status status = kovc_app_login(context_, 1, &login, &session);
     EXPECT_EQ(session != nullptr, status == KOV_SUCCESS);
