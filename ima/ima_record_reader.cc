@@ -107,6 +107,13 @@ std::int32_t parse_field(const ima_field &field, bool is_ima, byte_cursor &curso
     return result;
 }
 
+void trace_unsupported(std::string_view id)
+{
+    char text[IMA_TEMPLATE_NAME_MAX + 1] = {};
+    id.copy(text, IMA_TEMPLATE_NAME_MAX);
+    attest_trace_as("parse_template_data", "Field '%s' not supported\n", text);
+}
+
 // The template's name is its field list.
 std::int32_t parse_listed_fields(std::string_view list, byte_cursor &cursor, std::span<const std::byte> data,
                                  IMA_EVENT *event)
@@ -115,8 +122,7 @@ std::int32_t parse_listed_fields(std::string_view list, byte_cursor &cursor, std
         std::string_view id = take_id(list, more);
         const ima_field *field = find_field(id);
         if (field == nullptr) {
-            attest_trace_as("parse_template_data", "Field '%.*s' not supported\n",
-                            static_cast<int>(id.size()), id.data());
+            trace_unsupported(id);
             return -1;
         }
         if (std::int32_t result = parse_field(*field, false, cursor, data, event))
