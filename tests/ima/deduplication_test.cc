@@ -86,7 +86,7 @@ TEST_F(Deduplication, MarksEventsWithoutNameOrDigest)
 
 TEST_F(Deduplication, ForgetsOverARestart)
 {
-    parsed_list list(ima_list(2000, 31));
+    parsed_list list(ima_list(2000, IMA_KIND_ALL));
     std::string first = marks(list);
     EXPECT_NE(first.find('1'), std::string::npos);
     EXPECT_EQ(first[0], '0');
@@ -98,7 +98,7 @@ TEST_F(Deduplication, ForgetsOverARestart)
 
 TEST_F(Deduplication, SeesAnotherListBesideAnotherProcess)
 {
-    parsed_list list(ima_list(2000, 31));
+    parsed_list list(ima_list(2000, IMA_KIND_ALL));
     std::string alone;
     {
         table_of_test own(3000);

@@ -1,4 +1,5 @@
 // Records at the edges of what is allowed: what becomes of the event, of the list, of the trace.
+#include <bit>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <thread>
@@ -209,6 +210,22 @@ TEST_F(RecordReader, AllocatesForALengthThatItRefuses)
     trace_capture_switch_off(false);
 }
 
+TEST_F(RecordReader, AllocatesMoreThanTheCopies)
+{
+    list_file file(ima_list(600, IMA_KIND_ALL));
+    trace_capture_switch_off(true);
+    ima_log log;
+    ASSERT_EQ(ima_log_open(log, file.path().c_str()), 0);
+    std::uint32_t status = 0;
+    for (int i = 0; i < 600; ++i) {
+        owned_message<IMA_EVENT> event;
+        long before = heap.allocations;
+        ASSERT_EQ(at_read_ima_record(log, 0, event.get(), &status), ima_record_outcome::read);
+        EXPECT_EQ(heap.allocations - before, std::popcount(event->present & ~IMA_EVENT::has_pcr)) << i;
+    }
+    trace_capture_switch_off(false);
+}
+
 // A list cut at every byte: what was whole before stays, and nothing else is said than the cut.
 TEST_F(RecordReader, ReadsPastACut)
 {
@@ -234,7 +251,8 @@ TEST_F(RecordReader, ReadsPastACut)
 // Every allocation fails once, and from then on: the list is still read, or refused with a status.
 TEST_F(RecordReader, CannotDoWithoutMemory)
 {
-    list_file file(ima_list(5, 31) + ima_record(10, "sig", ima_field_bytes(std::string(400000, 's'))) + GOOD);
+    list_file file(ima_list(6, IMA_KIND_ALL) +
+                   ima_record(10, "sig", ima_field_bytes(std::string(400000, 's'))) + GOOD);
     for (long count : {1L, 1000000L}) {
         bool refused = true;
         for (long n = 1; refused; ++n) {
@@ -267,7 +285,7 @@ TEST_F(RecordReader, CannotDoWithoutMemory)
 // As the kernel hands the list out, only worse: some bytes at a time.
 TEST_F(RecordReader, NeedsWholeReads)
 {
-    std::string bytes = ima_list(200, 31);
+    std::string bytes = ima_list(200, IMA_KIND_ALL);
     parsed_list whole(bytes);
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
@@ -291,7 +309,7 @@ TEST_F(RecordReader, NeedsWholeReads)
 TEST_F(RecordReader, LosesItsPlaceInTheFile)
 {
     std::string big = ima_record(10, "sig", ima_field_bytes(std::string(700000, 's')));
-    std::string bytes = ima_list(3000, 31) + big + ima_list(3000, 31, 2);
+    std::string bytes = ima_list(3000, IMA_KIND_ALL) + big + ima_list(3000, IMA_KIND_ALL, 2);
     list_file file(bytes);
     parsed_list whole(file);
     ASSERT_EQ(whole.events.size(), 6001);

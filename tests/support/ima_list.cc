@@ -44,21 +44,47 @@ std::string file_name(std::size_t file)
     return folders[file % std::size(folders)] + std::string("file-") + std::to_string(file);
 }
 
+// Lengths as far as evmctl goes too: it takes no old name of 256 bytes.
+std::string edge_record(std::size_t file, const std::string &digest, const std::string &name)
+{
+    std::string usual = ima_digest_field("sha256", digest);
+    switch (file % 4) {
+    case 0:
+        return ima_record(10, "ima-ng",
+                          ima_digest_field(std::string(64, 'a'), digest) + ima_name_field(name));
+    case 1:
+        return ima_record(10, "ima-ng", usual + ima_name_field(""));
+    case 2:
+        return ima_record(10, "ima-ng", usual + ima_name_field(name + std::string(4096, 'n')));
+    default:
+        return ima_record(10, "ima-sig",
+                          usual + ima_name_field(name) + ima_field_bytes(std::string(5000, 's')));
+    }
+}
+
 std::string one_record(std::mt19937 &random, unsigned kind, std::size_t file)
 {
     std::string name = file_name(file);
+    bool is_longest = file % 16 == 0;
     bool violation = random() % 200 == 0;
     // The digest belongs to the file, so that a repeated file is a repeated measurement.
     std::mt19937 content(static_cast<std::uint32_t>(file));
-    if (kind == IMA_KIND_OLD)
+    if (kind == IMA_KIND_OLD) {
+        name.resize(is_longest ? 255 : name.size(), 'n');
         return ima_old_record(10, violation ? std::string(20, '\0') : random_bytes(content, 20), name,
                               violation);
+    }
     std::string digest = violation ? std::string(32, '\0') : random_bytes(content, 32);
     std::string data = ima_digest_field("sha256", digest) + ima_name_field(name);
     if (kind == IMA_KIND_NG)
         return ima_record(10, "ima-ng", data, violation);
-    if (kind == IMA_KIND_UNKNOWN)
-        return ima_record(10, "d-ng|n-ng|modsig", data + ima_field_bytes("?"), violation);
+    if (kind == IMA_KIND_EDGE)
+        return edge_record(file, digest, name);
+    if (kind == IMA_KIND_UNKNOWN) {
+        std::string fields = "d-ng|n-ng|modsig";
+        fields.resize(is_longest ? 255 : fields.size(), 'x');
+        return ima_record(10, fields, data + ima_field_bytes("?"), violation);
+    }
     bool is_signed = !violation && random() % 3 == 0;
     data += ima_field_bytes(is_signed ? "\x03\x02\x04" + random_bytes(random, 262) : std::string());
     return ima_record(10, kind == IMA_KIND_SIG ? "ima-sig" : "d-ng|n-ng|sig", data, violation);
@@ -101,9 +127,9 @@ std::string ima_list(std::size_t count, unsigned kinds, std::uint32_t seed)
     std::mt19937 random(seed);
     std::string list;
     for (std::size_t i = 0; i < count; ++i) {
-        unsigned kind = 1u << i % 5;
+        unsigned kind = 1u << i % 6;
         while ((kind & kinds) == 0)
-            kind = kind == IMA_KIND_UNKNOWN ? 1 : kind << 1;
+            kind = kind == IMA_KIND_EDGE ? 1 : kind << 1;
         std::size_t file = random() % 8 == 0 ? random() % (i + 1) : i;
         list += one_record(random, kind, file);
     }

@@ -21,13 +21,16 @@ std::string ima_old_record(std::uint32_t pcr, std::string_view digest, std::stri
                            bool violation = false);
 
 // `count` records of PCR 10 of the given kinds by turns, with names of a file tree, repeated files,
-// signatures and violations; the same for the same seed.
+// signatures, violations and, of the kinds OLD and UNKNOWN, the longest names now and then; the same for the
+// same seed.
 enum ima_kinds : unsigned {
     IMA_KIND_OLD = 1,
     IMA_KIND_NG = 2,
     IMA_KIND_SIG = 4,
-    IMA_KIND_LISTED = 8,  // a template named by its field list
-    IMA_KIND_UNKNOWN = 16 // a template with a field that the agent does not know
+    IMA_KIND_LISTED = 8,   // a template named by its field list
+    IMA_KIND_UNKNOWN = 16, // a template with a field that the agent does not know
+    IMA_KIND_EDGE = 32,    // a known template with fields as long, or as short, as they may be
+    IMA_KIND_ALL = 63
 };
 std::string ima_list(std::size_t count, unsigned kinds, std::uint32_t seed = 1);
 
