@@ -1,11 +1,14 @@
 // The measurement list: reading it, the table behind the de-duplication, and both together. Times are of one
-// pass over the list, or of the operations that a job's name counts. Behind the table of ratios: the mean of
-// all repetitions per record and per operation, and what the full table costs in time and memory as it fills.
+// pass over the list, or of the part of it or the operations that a job's name says. Behind the table of
+// ratios: the mean of all repetitions per record and per operation, and what the full table costs in time and
+// memory as it fills.
 #include "bench/ratio.h"
 
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
+#include <memory>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <vector>
 
 #include "agent/agent_state.h"
@@ -74,7 +77,7 @@ template <class Search>
 void search_keys(benchmark::State &state, const char *what, Search search)
 {
     const std::vector<std::string> &keys = the_list().keys;
-    std::size_t next = 0;
+    static std::size_t next; // each search's own: it goes through all keys before it meets one again
     for ([[maybe_unused]] auto _ : state) {
         counted(what, OPERATIONS, [&] {
             for (std::size_t i = 0; i < OPERATIONS; ++i, next = (next + 1) % keys.size())
@@ -138,34 +141,44 @@ void lmdb_search(benchmark::State &state)
 RATIO_BENCHMARK("search 50,000", 1.3, search, calls_and_unlocked_search);
 RATIO_BENCHMARK("search 50,000, LMDB beside", 1.0, search, lmdb_search);
 
-// ---- insert: new keys into a table that has been created but never used ----
+// ---- insert: the whole list into a table that has been created but never used, a part a time ----
 
 template <class Table, class Insert>
 void insert_keys(benchmark::State &state, const char *what, Insert insert)
 {
+    static std::unique_ptr<Table> table;
+    static std::size_t next;
     const std::vector<std::string> &keys = the_list().keys;
     for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
-        {
-            Table table;
-            state.ResumeTiming();
-            std::size_t count = std::min(OPERATIONS, keys.size());
-            counted(what, count, [&] {
-                for (std::size_t i = 0; i < count; ++i)
-                    insert(table, keys[i], i);
-            });
-            state.PauseTiming();
-        }
+        if (!table)
+            table = std::make_unique<Table>();
+        std::size_t begin = next;
+        std::size_t end = std::min(begin + keys.size() / PARTS + 1, keys.size());
+        state.ResumeTiming();
+        counted(what, end - begin, [&] {
+            for (std::size_t i = begin; i < end; ++i)
+                insert(*table, keys[i], i);
+        });
+        state.PauseTiming();
+        next = end % keys.size();
+        if (next == 0)
+            table.reset();
         state.ResumeTiming();
     }
 }
 
+// Two jobs, each with a table of its own, so that either goes through all parts.
+template <int job>
+struct job_table : bench_table {
+};
+template <int job>
 void insert(benchmark::State &state)
 {
-    insert_keys<bench_table>(state, "insert",
-                             [](bench_table &table, const std::string &key, std::uint64_t value) {
-                                 at_shmht_insert(table.handle.get(), key.data(), key.size(), value);
-                             });
+    insert_keys<job_table<job>>(state, "insert",
+                                [](bench_table &table, const std::string &key, std::uint64_t value) {
+                                    at_shmht_insert(table.handle.get(), key.data(), key.size(), value);
+                                });
 }
 struct full_unlocked_table : unlocked_table {
     full_unlocked_table() : unlocked_table(1572869) {}
@@ -186,61 +199,87 @@ void lmdb_insert(benchmark::State &state)
         state, "insert, LMDB",
         [](lmdb_store &store, const std::string &key, std::uint64_t value) { store.insert(key, value); });
 }
-RATIO_BENCHMARK("insert 50,000", 1.3, insert, calls_and_unlocked_insert);
-RATIO_BENCHMARK("insert 50,000, LMDB beside", 1.0, insert, lmdb_insert);
+RATIO_BENCHMARK("insert a part of the list", 1.3, insert<1>, calls_and_unlocked_insert);
+RATIO_BENCHMARK("insert a part of the list, LMDB beside", 1.0, insert<2>, lmdb_insert);
 
 // ---- parsing and de-duplicating ----
 
-void deduplicate(shmht_handle *table)
+void deduplicate(list_reading &reading, shmht_handle *table, const char *what)
 {
     at_agent_state.at_ima_ht = table;
-    parse_list([](IMA_EVENT &event) { mark_duplicate(&event, 0); });
+    counted(what, the_list().parts[reading.next_part].records,
+            [&] { parse_part(reading, [](IMA_EVENT &event) { mark_duplicate(&event, 0); }); });
     at_agent_state.at_ima_ht = nullptr;
+}
+void parse_a_part(list_reading &reading)
+{
+    parse_part(reading, [](IMA_EVENT &event) { benchmark::DoNotOptimize(event); });
 }
 
 // The first reading after a boot: every new measurement is searched and inserted.
 void first_reading(benchmark::State &state)
 {
+    static list_reading reading;
+    static std::unique_ptr<bench_table> table;
     for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
-        {
-            bench_table table;
-            state.ResumeTiming();
-            counted("first reading, a record", the_list().records, [&] { deduplicate(table.handle.get()); });
-            state.PauseTiming();
+        if (reading.next_part == 0) {
+            table.reset();
+            table = std::make_unique<bench_table>();
         }
         state.ResumeTiming();
+        deduplicate(reading, table->handle.get(), "first reading, a record");
     }
 }
 void calls_and_parse(benchmark::State &state)
 {
+    static list_reading reading;
     semaphore_calls calls;
     for ([[maybe_unused]] auto _ : state) {
-        for (std::size_t i = 0; i < the_list().checked; ++i)
+        const list_part &part = the_list().parts[reading.next_part];
+        for (std::size_t i = 0; i < part.records; ++i)
             calls.of_a_search();
-        for (std::size_t i = 0; i < the_list().keys.size(); ++i)
+        for (std::size_t i = 0; i < part.first_seen; ++i)
             calls.of_an_insert();
-        parse_list([](IMA_EVENT &event) { benchmark::DoNotOptimize(event); });
+        parse_a_part(reading);
     }
 }
-RATIO_BENCHMARK("de-duplicate the list, first reading", 1.3, first_reading, calls_and_parse);
+RATIO_BENCHMARK("de-duplicate a part, first reading", 1.3, first_reading, calls_and_parse);
 
 // Any later reading: everything is found.
 void later_reading(benchmark::State &state)
 {
+    static list_reading reading;
     for ([[maybe_unused]] auto _ : state)
-        counted("later reading, a record", the_list().records, [] { deduplicate(filled_table()); });
+        deduplicate(reading, filled_table(), "later reading, a record");
 }
 void search_calls_and_parse(benchmark::State &state)
 {
+    static list_reading reading;
     semaphore_calls calls;
     for ([[maybe_unused]] auto _ : state) {
-        for (std::size_t i = 0; i < the_list().checked; ++i)
+        for (std::size_t i = 0; i < the_list().parts[reading.next_part].records; ++i)
             calls.of_a_search();
-        parse_list([](IMA_EVENT &event) { benchmark::DoNotOptimize(event); });
+        parse_a_part(reading);
     }
 }
-RATIO_BENCHMARK("de-duplicate the list, later readings", 1.3, later_reading, search_calls_and_parse);
+RATIO_BENCHMARK("de-duplicate a part, later readings", 1.3, later_reading, search_calls_and_parse);
+
+// ---- what no operation can go below here ----
+
+void count_calls()
+{
+    semaphore_calls calls;
+    auto repeat = [](const char *what, auto call) {
+        counted(what, OPERATIONS, [&] {
+            for (std::size_t i = 0; i < OPERATIONS; ++i)
+                call();
+        });
+    };
+    repeat("a system call that does nothing", [] { syscall(SYS_getppid); });
+    repeat("a search's semaphore calls", [&] { calls.of_a_search(); });
+    repeat("an insert's semaphore calls", [&] { calls.of_an_insert(); });
+}
 
 // ---- the full table's cost ----
 
@@ -271,6 +310,7 @@ int main(int argc, char **argv)
     attest_dbg_flag_agent = &off;
     std::printf("%zu records, %zu distinct measurements\n", the_list().records, the_list().keys.size());
     int result = ratio_main(argc, argv);
+    count_calls();
     for (const cost &known : costs())
         std::printf("%-40s %8.0f ns\n", known.what, known.ns / static_cast<double>(known.count));
     report_growth();

@@ -55,26 +55,39 @@ void note_blocks(const IMA_EVENT &event, std::vector<std::uint32_t> &blocks)
     blocks.push_back(0);
 }
 
-void parse_file(const std::string &path, const std::function<void(IMA_EVENT &)> &each)
+std::size_t records_of_part(std::size_t records, std::size_t part)
 {
-    ima_log log;
-    require(ima_log_open(log, path.c_str()) == 0, "the list cannot be opened");
-    std::vector<IMA_EVENT> events(CHUNK);
-    std::uint64_t number = 0;
-    std::uint32_t status = 0;
-    ima_record_outcome outcome = ima_record_outcome::read;
-    while (outcome == ima_record_outcome::read) {
-        std::size_t held = 0;
-        for (; held < CHUNK && outcome == ima_record_outcome::read; ++held) {
-            outcome = at_read_ima_record(log, held, &events[held], &status);
-            events[held].event_num = ++number;
-            if (outcome == ima_record_outcome::read)
-                each(events[held]);
-        }
-        for (IMA_EVENT &event : std::span(events).first(held))
-            message_release(event);
+    std::size_t whole = records / PARTS / CHUNK * CHUNK;
+    return part + 1 < PARTS ? whole : records - whole * (PARTS - 1);
+}
+
+// At most `limit` events.
+void parse_chunk(list_reading &reading, std::size_t limit, const std::function<void(IMA_EVENT &)> &each)
+{
+    std::span<IMA_EVENT> events = std::span(reading.events).first(limit);
+    for (std::size_t index = 0; IMA_EVENT & event : events) {
+        std::uint32_t status = 0;
+        require(at_read_ima_record(reading.log, index++, &event, &status) == ima_record_outcome::read,
+                "the list cannot be read");
+        event.event_num = ++reading.event_number;
+        each(event);
     }
-    require(outcome == ima_record_outcome::end_of_log, "the list cannot be read");
+    for (IMA_EVENT &event : events)
+        message_release(event);
+}
+
+void parse_records(list_reading &reading, std::size_t records, const std::function<void(IMA_EVENT &)> &each)
+{
+    for (std::size_t limit = 0; records != 0; records -= limit) {
+        limit = std::min(CHUNK, records);
+        parse_chunk(reading, limit, each);
+    }
+}
+
+void begin(list_reading &reading, const std::string &path)
+{
+    require(ima_log_open(reading.log, path.c_str()) == 0, "the list cannot be opened");
+    reading.event_number = 0;
 }
 
 } // namespace
@@ -84,14 +97,20 @@ const measured_list &the_list()
     static const measured_list list = [] {
         const char *said = std::getenv("ATTEST_BENCH_RECORDS");
         std::size_t records = said != nullptr ? std::strtoul(said, nullptr, 10) : 1'000'000;
-        measured_list made{records, list_in_memory(records), {}, {}, 0};
+        measured_list made{records, list_in_memory(records), {}, {}, {}};
         std::set<std::string> keys;
-        parse_file(made.path, [&](const IMA_EVENT &event) {
-            note_blocks(event, made.blocks);
-            ++made.checked;
-            keys.insert(event.event_name +
-                        std::string(reinterpret_cast<const char *>(event.digest.data), event.digest.length));
-        });
+        list_reading reading;
+        begin(reading, made.path);
+        for (std::size_t part = 0; part < PARTS; ++part) {
+            std::size_t known = keys.size();
+            made.parts[part].records = records_of_part(records, part);
+            parse_records(reading, made.parts[part].records, [&](const IMA_EVENT &event) {
+                note_blocks(event, made.blocks);
+                keys.insert(event.event_name + std::string(reinterpret_cast<const char *>(event.digest.data),
+                                                           event.digest.length));
+            });
+            made.parts[part].first_seen = keys.size() - known;
+        }
         made.keys.assign(keys.begin(), keys.end());
         std::shuffle(made.keys.begin(), made.keys.end(), std::mt19937(1));
         return made;
@@ -99,9 +118,20 @@ const measured_list &the_list()
     return list;
 }
 
+void parse_part(list_reading &reading, const std::function<void(IMA_EVENT &)> &each)
+{
+    std::size_t part = reading.next_part;
+    if (part == 0)
+        begin(reading, the_list().path);
+    parse_records(reading, the_list().parts[part].records, each);
+    reading.next_part = (part + 1) % PARTS;
+}
+
 void parse_list(const std::function<void(IMA_EVENT &)> &each)
 {
-    parse_file(the_list().path, each);
+    list_reading reading;
+    for (std::size_t part = 0; part < PARTS; ++part)
+        parse_part(reading, each);
 }
 
 void heap_and_read()
