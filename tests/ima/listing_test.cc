@@ -49,9 +49,9 @@ judgement ask_evmctl(const list_file &list, const std::array<std::uint8_t, 20> &
         text.append(buffer, got);
     said.exit_status = pclose(output);
     std::istringstream lines(text);
-    std::regex measurement("[0-9]+ [0-9a-f]{40} .*");
+    std::regex beginning("[0-9]+ [0-9a-f]{40} ");
     for (std::string line; std::getline(lines, line);) {
-        if (std::regex_match(line, measurement))
+        if (std::regex_search(line, beginning, std::regex_constants::match_continuous))
             said.listing += line + "\n";
     }
     return said;

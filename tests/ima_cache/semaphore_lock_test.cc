@@ -64,21 +64,6 @@ protected:
     std::vector<pid_t> children;
 };
 
-TEST_F(Lock, LetsReadersShareAndLeavesNothingBehind)
-{
-    ASSERT_EQ(at_sem_rdlock(semid), 0);
-    ASSERT_EQ(at_sem_rdlock(semid), 0);
-    EXPECT_EQ(value(SEM_HOLDERS), 2);
-    EXPECT_EQ(at_sem_rdunlock(semid), 0);
-    EXPECT_EQ(at_sem_rdunlock(semid), 0);
-    ASSERT_EQ(at_sem_wrlock(semid), 0);
-    EXPECT_EQ(value(SEM_HOLDERS), 1);
-    EXPECT_EQ(value(SEM_WRITER_GATE), 1);
-    EXPECT_EQ(at_sem_wrunlock(semid), 0);
-    EXPECT_EQ(value(SEM_HOLDERS), 0);
-    EXPECT_EQ(value(SEM_WRITER_GATE), 0);
-}
-
 TEST_F(Lock, LetsAReaderPassAWaitingWriter)
 {
     pid_t reader = holder(at_sem_rdlock);
