@@ -23,6 +23,7 @@ struct at_agent_state_block {
     std::uint32_t capability_pcr_read;
     std::uint32_t capability_pcr_quote;
     at_paused_stream_slot at_paused_stream;
+    struct shmht_handle *at_ima_ht; // the table of measurements; null until it could be created
 };
 
 extern at_agent_state_block at_agent_state;

@@ -1,0 +1,89 @@
+#include "ima_cache/semaphore_lock.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+
+#include "agent/debug_trace.h"
+
+namespace {
+
+// One atomic call: all of the operations or none.
+template <std::size_t count>
+int operate(int semid, std::array<sembuf, count> operations)
+{
+    int result = 0;
+    do {
+        result = semop(semid, operations.data(), operations.size());
+    } while (result < 0 && errno == EINTR);
+    if (result < 0)
+        std::perror("semop: ");
+    return result;
+}
+
+constexpr sembuf add(unsigned short semaphore, short amount)
+{
+    return {semaphore, amount, SEM_UNDO};
+}
+
+constexpr sembuf wait_until_zero(unsigned short semaphore)
+{
+    return {semaphore, 0, SEM_UNDO};
+}
+
+int create_set(const char *operation, key_t key)
+{
+    int semid = semget(key, SEM_COUNT, IPC_CREAT | SEM_MODE);
+    if (semid < 0) {
+        attest_trace_as(operation, "semget: could not create semaphore\n");
+        return -1;
+    }
+    attest_trace_as(operation, "create_shmht: Init the semaphores to 0 (unlocked)\n");
+    for (unsigned short semaphore : {SEM_HOLDERS, SEM_WRITER_GATE}) {
+        if (semctl(semid, semaphore, SETVAL, 0) < 0) {
+            attest_trace_as(operation, "semctl failed");
+            return -1;
+        }
+    }
+    return semid;
+}
+
+} // namespace
+
+int at_sem_rdlock(int semid)
+{
+    return operate<2>(semid, {add(SEM_HOLDERS, 1), wait_until_zero(SEM_WRITER_GATE)});
+}
+
+int at_sem_rdunlock(int semid)
+{
+    return operate<1>(semid, {add(SEM_HOLDERS, -1)});
+}
+
+int at_sem_wrlock(int semid)
+{
+    if (operate<1>(semid, {add(SEM_WRITER_GATE, 1)}) < 0)
+        return -1;
+    if (operate<2>(semid, {wait_until_zero(SEM_HOLDERS), add(SEM_HOLDERS, 1)}) < 0) {
+        operate<1>(semid, {add(SEM_WRITER_GATE, -1)});
+        return -1;
+    }
+    return 0;
+}
+
+int at_sem_wrunlock(int semid)
+{
+    return operate<2>(semid, {add(SEM_HOLDERS, -1), add(SEM_WRITER_GATE, -1)});
+}
+
+int at_sem_get(const char *operation, key_t key)
+{
+    int semid = semget(key, SEM_COUNT, SEM_MODE);
+    if (semid < 0)
+        semid = create_set(operation, key);
+    if (semid >= 0)
+        attest_trace_as(operation, "create_shmht: The id of the semaphore is: %d\n", semid);
+    return semid;
+}

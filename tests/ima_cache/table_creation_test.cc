@@ -1,0 +1,237 @@
+// Which table is set up, which is kept, which object is none.
+#include <algorithm>
+#include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <random>
+#include <sys/mman.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/ima_cache/table_of_test.h"
+#include "tests/support/trace_capture.h"
+
+namespace {
+
+struct stat object_of(const table_of_test &table)
+{
+    struct stat object {};
+    stat(table.path.c_str(), &object);
+    return object;
+}
+
+TEST(Creation, ChoosesAnotherSizeThanTheNextPrime)
+{
+    for (auto [requested, buckets] : std::initializer_list<std::pair<std::uint64_t, std::uint64_t>>{
+             {0, 53}, {52, 53}, {53, 97}, {96, 97}, {97, 193}, {12288, 12289}, {12289, 24593}}) {
+        table_of_test table(requested);
+        ASSERT_TRUE(table.handle) << requested;
+        EXPECT_EQ(table->header->bucket_count, buckets) << requested;
+        EXPECT_EQ(shmht_sizes[table->header->size_index], buckets);
+        EXPECT_EQ(object_of(table).st_size, buckets * 1104 + 40);
+    }
+    EXPECT_FALSE(table_of_test(0x40000001).handle);
+}
+
+// The whole table at its shipped size: it must cost what is used of it.
+TEST(Creation, TakesMemoryForWhatNobodyUses)
+{
+    table_of_test table(0x100000);
+    if (table.handle && table->bucket_count != 1572869)
+        GTEST_SKIP() << "less than 7 GB free in /dev/shm";
+    ASSERT_TRUE(table.handle);
+    EXPECT_EQ(object_of(table).st_size, 1736447416);
+    EXPECT_LE(object_of(table).st_blocks * 512, 4096);
+    table.insert("key", 1);
+    EXPECT_LE(object_of(table).st_blocks * 512, 5 * 4096);
+}
+
+TEST(Creation, DoesNotSayWhatItDoes)
+{
+    trace_captured.clear();
+    table_of_test table;
+    std::string fd = std::to_string(table->header->shm_fd);
+    std::vector<std::string> expected = {
+        "shm_open failed \n",
+        "Set number of IMA hash table entries to 53\n",
+        "create_shmht: The shmem id is: " + fd + "\n The size is 58552 \n",
+        "create_shmht: set to zero\n",
+        "SEM Key created " + std::to_string(ftok(table.path.c_str(), 1)) + " \n",
+        "create_shmht: Init the semaphores to 0 (unlocked)\n",
+        "create_shmht: The id of the semaphore is: " + std::to_string(table->header->semid) + "\n"};
+    std::vector<std::string> said;
+    said.reserve(trace_captured.size());
+    for (const std::string &line : trace_captured)
+        said.push_back(line.substr(line.find("(): ") + 4));
+    // The semaphore set is new unless an object that had this inode has left its set behind.
+    if (said.size() + 1 == expected.size())
+        expected.erase(expected.end() - 2);
+    EXPECT_EQ(said, expected);
+}
+
+TEST(Reopening, LosesEntriesWhenAnotherSizeIsAskedFor)
+{
+    table_of_test table;
+    std::vector<std::string> keys = keys_of_bucket(1, 4);
+    for (std::size_t i = 0; i < keys.size(); ++i)
+        table.insert(keys[i], i);
+    table->header->shm_fd = 77;
+    auto later = table.open_again(100000);
+    ASSERT_TRUE(later);
+    EXPECT_EQ(later->bucket_count, 53);
+    EXPECT_EQ(later->header->shm_fd, 77);
+    for (std::size_t i = 0; i < keys.size(); ++i)
+        EXPECT_EQ(search_key(later.get(), keys[i]), i);
+    EXPECT_EQ(insert_key(later.get(), "new", 9), 1);
+    EXPECT_EQ(table.search("new"), 9);
+}
+
+// What may lie under the table's name that is no whole table.
+struct object {
+    const char *what;
+    void (*make)(std::vector<std::byte> &bytes, shmht_header &header);
+};
+class ForeignObject : public testing::TestWithParam<object> {};
+
+TEST_P(ForeignObject, IsTakenForATable)
+{
+    table_of_test table;
+    for (const std::string &key : keys_of_bucket(3, 5))
+        table.insert(key, 1);
+    std::vector<std::byte> bytes(object_of(table).st_size);
+    std::memcpy(bytes.data(), table->header, bytes.size());
+    table.handle.reset(); // a cut object must not be looked at
+    GetParam().make(bytes, *reinterpret_cast<shmht_header *>(bytes.data()));
+    table.overwrite(bytes);
+
+    auto later = table.open_again(60);
+    ASSERT_TRUE(later);
+    EXPECT_EQ(later->bucket_count, 97);
+    EXPECT_EQ(later->header->entry_count, 0);
+    EXPECT_EQ(later->header->collision_count, 0);
+    EXPECT_EQ(count_entries(*later), 0);
+    EXPECT_EQ(insert_key(later.get(), "key", 3), 1);
+    EXPECT_EQ(search_key(later.get(), "key"), 3);
+    EXPECT_EQ(object_of(table).st_size, 97 * 1104 + 40);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Creation, ForeignObject,
+    testing::Values(object{"Empty", [](auto &bytes, auto &) { bytes.clear(); }},
+                    object{"CutHeader", [](auto &bytes, auto &) { bytes.resize(39); }},
+                    object{"CutArea", [](auto &bytes, auto &) { bytes.resize(bytes.size() - 1); }},
+                    object{"Larger", [](auto &bytes, auto &) { bytes.resize(300000); }},
+                    object{"SizedOnly", [](auto &bytes, auto &) { std::ranges::fill(bytes, std::byte{0}); }},
+                    object{"NoBucketCount", [](auto &, auto &header) { header.bucket_count = 0; }},
+                    object{"AnotherBucketCount", [](auto &, auto &header) { header.bucket_count = 54; }},
+                    object{"AnotherSize", [](auto &, auto &header) { header.size_index = 1; }},
+                    object{"SizeOutsideTheList",
+                           [](auto &, auto &header) { header.size_index = 1ull << 40; }},
+                    object{"ConsistentForAnotherSize",
+                           [](auto &, auto &header) {
+                               header.size_index = 3;
+                               header.bucket_count = 389;
+                           }},
+                    object{"TooManyEntries", [](auto &, auto &header) { header.entry_count = 54; }},
+                    object{"TooManyCollisions", [](auto &, auto &header) { header.collision_count = 6; }},
+                    object{"Noise",
+                           [](auto &bytes, auto &) {
+                               std::mt19937 random(1);
+                               std::ranges::generate(bytes, [&] { return std::byte(random() & 0xFF); });
+                           }}),
+    [](const auto &parameter) { return std::string(parameter.param.what); });
+
+void expect_space_rule(std::size_t size)
+{
+    int fd = shm_open("ima", O_RDWR | O_CREAT, 0600);
+    struct statvfs space {};
+    ASSERT_EQ(statvfs("/dev/shm/ima", &space), 0);
+    shm_unlink("ima");
+    close(fd);
+    std::uint64_t quarter = space.f_bavail * space.f_bsize / 4;
+    auto handle = std::unique_ptr<shmht_handle>(at_create_shmht("ima", "/dev/shm/ima", 0x100000));
+    std::uint64_t buckets = 0;
+    for (std::uint64_t prime : shmht_sizes) {
+        if (prime * 1104 < quarter && prime <= 1572869)
+            buckets = prime;
+    }
+    if (buckets == 0) {
+        EXPECT_FALSE(handle) << size;
+        EXPECT_TRUE(trace_has_part("no room for a hash table"));
+    } else {
+        ASSERT_TRUE(handle) << size;
+        EXPECT_EQ(handle->bucket_count, buckets) << size;
+    }
+}
+
+TEST(Space, IsTakenBeyondAQuarterOfWhatIsFree)
+{
+    for (std::size_t size : {200'000, 245'760, 600'000, 5'000'000, 60'000'000}) {
+        int result = in_own_shm(size, [size] { expect_space_rule(size); });
+        if (result < 0)
+            GTEST_SKIP() << "no user namespaces here";
+        EXPECT_EQ(result, 0) << size;
+    }
+}
+
+// Others have filled the file system since the table was created.
+TEST(Space, KillsTheProcessWhenItIsGone)
+{
+    int result = in_own_shm(8 << 20, [] {
+        auto handle = std::unique_ptr<shmht_handle>(at_create_shmht("ima", "/dev/shm/ima", 1500));
+        ASSERT_TRUE(handle);
+        ASSERT_EQ(insert_key(handle.get(), "early", 1), 1);
+        int fd = open("/dev/shm/filler", O_RDWR | O_CREAT, 0600);
+        for (std::vector<char> page(4096); write(fd, page.data(), page.size()) > 0;) {
+        }
+        int refused = 0;
+        for (int i = 0; i < 200; ++i) {
+            std::string key = "late " + std::to_string(i);
+            EXPECT_EQ(search_key(handle.get(), key), -1);
+            if (insert_key(handle.get(), key, i) == -1)
+                ++refused;
+            else
+                EXPECT_EQ(search_key(handle.get(), key), i);
+        }
+        EXPECT_GT(refused, 100);
+        EXPECT_EQ(search_key(handle.get(), "early"), 1);
+        ASSERT_EQ(ftruncate(fd, 0), 0);
+        EXPECT_EQ(handle->header->entry_count, count_entries(*handle));
+        EXPECT_EQ(insert_key(handle.get(), "later still", 7), 1);
+    });
+    if (result < 0)
+        GTEST_SKIP() << "no user namespaces here";
+    EXPECT_EQ(result, 0);
+}
+
+// Many processes that open the same table for the first time must end up with one table and one lock.
+TEST(Creation, RacesWithItself)
+{
+    for (int round = 0; round < 20; ++round) {
+        table_of_test table;
+        table.remove();
+        std::vector<pid_t> children;
+        for (int i = 0; i < 6; ++i) {
+            pid_t child = fork();
+            if (child == 0) {
+                auto handle = table.open_again();
+                _exit(handle && insert_key(handle.get(), std::to_string(i), i) == 1 ? 0 : 1);
+            }
+            children.push_back(child);
+        }
+        for (pid_t child : children) {
+            int status = 1;
+            waitpid(child, &status, 0);
+            EXPECT_EQ(status, 0);
+        }
+        auto handle = table.open_again();
+        ASSERT_TRUE(handle);
+        for (int i = 0; i < 6; ++i)
+            EXPECT_EQ(search_key(handle.get(), std::to_string(i)), i) << "lost in round " << round;
+    }
+}
+
+} // namespace
