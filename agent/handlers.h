@@ -7,9 +7,6 @@
 
 #include "platform/remote_attestation_api.h"
 
-// A client's user context while its stream is paused; 0 otherwise.
-inline constexpr std::uint64_t STREAM_PAUSED_MARK = 0xabcdabcd;
-
 void connect_cb(remote_attestation_api_client client, void *, std::uint32_t status);
 void disconnect_cb(remote_attestation_api_client client, std::uint32_t status);
 // Drops the client's paused stream.

@@ -5,6 +5,9 @@
 
 #include "platform/remote_attestation_api.h"
 
+// The user context of a client whose stream is paused.
+inline constexpr std::uint64_t STREAM_PAUSED_MARK = 0xabcdabcd;
+
 // Records a stream of `client` that goes on at `start_event` with `event_count` events (0: no limit). 1; or 0
 // when a stream is recorded already, which stays.
 std::int32_t at_ima_stream_pause(remote_attestation_api_client client, std::uint32_t request_id,
