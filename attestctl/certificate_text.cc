@@ -1,44 +1,30 @@
 #include "attestctl/certificate_text.h"
 
 #include <array>
-#include <memory>
 
-#include <openssl/bio.h>
 #include <openssl/err.h>
-#include <openssl/evp.h>
-#include <openssl/x509.h>
 
 #include "attestctl/text.h"
 
 namespace {
 
-template <auto Free>
-struct freer {
-    template <typename T>
-    void operator()(T *object) const
-    {
-        Free(object);
-    }
-};
-using x509_owner = std::unique_ptr<X509, freer<X509_free>>;
-using bio_owner = std::unique_ptr<BIO, freer<BIO_free>>;
-
 // What `print` writes into a memory BIO.
 template <typename Print>
-std::string printed(Print print)
+std::string printed(Print print, std::size_t max_bytes = MAX_TEXT_BYTES)
 {
     const bio_owner bio(BIO_new(BIO_s_mem()));
     if (!bio || print(bio.get()) <= 0)
         return "(unreadable)";
     char *data = nullptr;
     const long length = BIO_get_mem_data(bio.get(), &data);
-    return printable({data, static_cast<std::size_t>(length)}, MAX_TEXT_BYTES, backslash::single);
+    return printable({data, static_cast<std::size_t>(length)}, max_bytes, backslash::single);
 }
 
-std::string name_text(const X509_NAME *name)
+std::string name_text(const X509_NAME *name, std::size_t max_bytes = MAX_TEXT_BYTES)
 {
     constexpr unsigned long UTF8_ONE_LINE = (XN_FLAG_RFC2253 | XN_FLAG_SEP_CPLUS_SPC) & ~ASN1_STRFLGS_ESC_MSB;
-    return printed([name](BIO *out) { return X509_NAME_print_ex(out, name, 0, UTF8_ONE_LINE) < 0 ? 0 : 1; });
+    return printed([name](BIO *out) { return X509_NAME_print_ex(out, name, 0, UTF8_ONE_LINE) < 0 ? 0 : 1; },
+                   max_bytes);
 }
 
 std::string time_text(const ASN1_TIME *time)
@@ -57,15 +43,44 @@ std::string fingerprint(std::string_view der)
 
 } // namespace
 
+x509_owner read_certificate(std::string_view der, std::string &error)
+{
+    const auto *const begin = reinterpret_cast<const unsigned char *>(der.data());
+    const auto *at = begin;
+    x509_owner certificate(d2i_X509(nullptr, &at, static_cast<long>(der.size())));
+    ERR_clear_error();
+    if (!certificate) {
+        error = "no DER certificate";
+        return nullptr;
+    }
+    const auto taken = static_cast<std::size_t>(at - begin);
+    if (taken != der.size()) {
+        error = counted(der.size() - taken, "byte") + " after the certificate";
+        return nullptr;
+    }
+    unsigned char *again = nullptr;
+    const int length = i2d_X509(certificate.get(), &again);
+    const bool same = length >= 0 && der == std::string_view(reinterpret_cast<char *>(again),
+                                                             static_cast<std::size_t>(length));
+    OPENSSL_free(again);
+    if (same)
+        return certificate;
+    error = "a certificate in another encoding than DER";
+    return nullptr;
+}
+
+std::string subject_text(const X509 &certificate)
+{
+    constexpr std::size_t MOST_BYTES = 160; // several stand on a line
+    return '"' + name_text(X509_get_subject_name(&certificate), MOST_BYTES) + '"';
+}
+
 std::vector<std::string> certificate_lines(std::string_view der)
 {
-    const auto *at = reinterpret_cast<const unsigned char *>(der.data());
-    const auto *const end = at + der.size();
-    const x509_owner certificate(d2i_X509(nullptr, &at, static_cast<long>(der.size())));
-    if (!certificate || at != end) {
-        ERR_clear_error();
-        return {"no DER certificate: " + hex_preview(der)};
-    }
+    std::string error;
+    const x509_owner certificate = read_certificate(der, error);
+    if (!certificate)
+        return {error + ": " + hex_preview(der)};
     return {
         "subject  " + name_text(X509_get_subject_name(certificate.get())),
         "issuer   " + name_text(X509_get_issuer_name(certificate.get())),

@@ -4,6 +4,26 @@
 
 #include "attestctl/text.h"
 
+finding passed(std::string reason)
+{
+    return {check_outcome::passed, std::move(reason)};
+}
+
+finding failed(std::string reason)
+{
+    return {check_outcome::failed, std::move(reason)};
+}
+
+finding not_made(std::string reason)
+{
+    return {check_outcome::not_made, std::move(reason)};
+}
+
+void add(check_list &list, std::string name, finding what)
+{
+    list.rows.push_back({std::move(name), what.outcome, std::move(what.reason), list.source});
+}
+
 const char *outcome_text(check_outcome outcome)
 {
     switch (outcome) {
@@ -23,10 +43,10 @@ bool all_passed(std::span<const check> checks)
                                           [](const check &c) { return c.outcome == check_outcome::passed; });
 }
 
-std::string verdict_line(std::span<const check> checks)
+std::string verdict_line(std::span<const check> checks, bool roots_pinned)
 {
     if (all_passed(checks))
-        return "VERIFIED";
+        return roots_pinned ? "VERIFIED" : "VERIFIED, but against roots that are not pinned (see --root)";
     const auto number_of = [checks](check_outcome outcome) {
         return static_cast<std::size_t>(std::count_if(
             checks.begin(), checks.end(), [outcome](const check &c) { return c.outcome == outcome; }));

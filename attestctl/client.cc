@@ -15,6 +15,7 @@
 #include <grpcpp/support/proto_buffer_reader.h>
 
 #include "api/remote_attestation_api.grpc.pb.h"
+#include "attestctl/small_file.h"
 #include "attestctl/text.h"
 
 using std::chrono::milliseconds;
@@ -44,20 +45,11 @@ constexpr milliseconds GLANCE{100};
 // while the reader is the slow side, and memory with it.
 constexpr int LOOKAHEAD_BYTES = 4 << 20;
 
-constexpr std::size_t LONGEST_PEM = 1 << 20;
-
 bool read_pem(const std::string &path, std::string &text, std::string &error)
 {
-    const std::unique_ptr<FILE, int (*)(FILE *)> file(std::fopen(path.c_str(), "re"), std::fclose);
-    if (!file) {
-        error = "cannot read " + printable(path) + ": " + std::strerror(errno);
+    if (!read_small_file(path, text, error))
         return false;
-    }
-    text.resize(LONGEST_PEM + 1);
-    text.resize(std::fread(text.data(), 1, text.size(), file.get()));
-    if (std::ferror(file.get()) != 0)
-        error = "cannot read " + printable(path) + ": " + std::strerror(errno);
-    else if (text.size() > LONGEST_PEM || text.find("-----BEGIN ") == std::string::npos)
+    if (text.find("-----BEGIN ") == std::string::npos)
         error = printable(path) + " is no PEM file";
     return error.empty();
 }

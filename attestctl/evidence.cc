@@ -1,13 +1,16 @@
 #include "attestctl/evidence.h"
 
 #include <array>
+#include <span>
 
+#include "attestctl/certificate_names.h"
 #include "attestctl/nonce.h"
 #include "attestctl/text.h"
 
 namespace {
 
 constexpr std::uint32_t PCR_COUNT = 24;
+constexpr const char *NO_NONCE = "no random bytes for a nonce";
 
 template <typename List>
 std::size_t length_of(const List &list)
@@ -93,34 +96,65 @@ ask_result fetch_ima_log(client &c, const message_taker &take, evidence &into)
     return result;
 }
 
+ask_result fetch_certificates(client &c, const char *kind, const char *name,
+                              api::get_certificate_request &request, api::get_certificate_response &answer,
+                              evidence &into)
+{
+    request.set_cert_name(name);
+    if (!fresh_nonce(*request.mutable_nonce()))
+        return {ask_status::failed, NO_NONCE};
+    return fetch(c, kind, request, answer, into);
+}
+
+ask_result fetch_identity(client &c, evidence &into)
+{
+    return fetch_certificates(c, "identity certificates", IDENTITY_NAME, into.identity_request, into.identity,
+                              into);
+}
+
+ask_result fetch_attestation_key(client &c, evidence &into)
+{
+    return fetch_certificates(c, "attestation key certificates", ATTESTATION_KEY_NAME,
+                              into.attestation_key_request, into.attestation_key, into);
+}
+
+// Takes the steps until one says that asking on makes no sense.
+ask_result take_steps(std::span<const std::function<ask_result()>> steps)
+{
+    for (const auto &step : steps)
+        if (ask_result result = step(); !goes_on(result))
+            return result;
+    return {};
+}
+
 } // namespace
 
 ask_result fetch_evidence(client &c, const message_taker &take_ima, evidence &into)
 {
-    into.identity_request.set_cert_name("Kestrin VOXA");
-    into.attestation_key_request.set_cert_name("Kestrin AIK");
     for (std::uint32_t i = 0; i < PCR_COUNT; ++i)
         into.pcrs_request.add_pcr_indices(i);
-    for (std::string *nonce :
-         {into.identity_request.mutable_nonce(), into.attestation_key_request.mutable_nonce(),
-          into.pcrs_request.mutable_nonce(), into.hw_integrity_request.mutable_nonce()})
+    for (std::string *nonce : {into.pcrs_request.mutable_nonce(), into.hw_integrity_request.mutable_nonce()})
         if (!fresh_nonce(*nonce))
-            return {ask_status::failed, "no random bytes for a nonce"};
+            return {ask_status::failed, NO_NONCE};
     const api::get_platform_boot_integrity_event_logs_request no_choice;
 
     const std::array<std::function<ask_result()>, 6> steps = {
-        [&] { return fetch(c, "identity certificates", into.identity_request, into.identity, into); },
-        [&] {
-            return fetch(c, "attestation key certificates", into.attestation_key_request,
-                         into.attestation_key, into);
-        },
+        [&] { return fetch_identity(c, into); },
+        [&] { return fetch_attestation_key(c, into); },
         [&] { return fetch(c, "pcrs", into.pcrs_request, into.pcrs, into); },
         [&] { return fetch(c, "boot-log", no_choice, into.boot_log, into); },
         [&] { return fetch_ima_log(c, take_ima, into); },
         [&] { return fetch(c, "hw-integrity", into.hw_integrity_request, into.hw_integrity, into); },
     };
-    for (const auto &step : steps)
-        if (ask_result result = step(); !goes_on(result))
-            return result;
-    return {};
+    return take_steps(steps);
+}
+
+ask_result fetch_signers(client &c, bool attestation_key_too, evidence &into)
+{
+    std::vector<std::function<ask_result()>> steps;
+    if (!into.identity_request.has_nonce())
+        steps.emplace_back([&] { return fetch_identity(c, into); });
+    if (attestation_key_too && !into.attestation_key_request.has_nonce())
+        steps.emplace_back([&] { return fetch_attestation_key(c, into); });
+    return take_steps(steps);
 }

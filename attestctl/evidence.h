@@ -31,3 +31,8 @@ struct evidence {
 // grown since the quote, never the other way round. A kind that fails is an arrival that says so; a node that
 // cannot be reached or stops answering ends it, with the result of that call.
 ask_result fetch_evidence(client &c, const message_taker &take_ima, evidence &into);
+
+// Asks for the certificates of the keys that sign, each with a fresh nonce: the device identity's and, if
+// wanted, the attestation key's; those whose request has a nonce have been asked for. Ends as
+// `fetch_evidence` does.
+ask_result fetch_signers(client &c, bool attestation_key_too, evidence &into);

@@ -93,6 +93,8 @@ constexpr unsigned of(command_id id)
 }
 
 constexpr unsigned EVERY = ~0U;
+constexpr unsigned CERTIFICATES = of(command_id::certificate) | of(command_id::pcrs) |
+                                  of(command_id::hw_integrity) | of(command_id::attest);
 
 struct option_row {
     std::string_view name;
@@ -120,6 +122,8 @@ constexpr auto OPTIONS = std::to_array<option_row>({
      "must be a number of seconds from 0.001 to 86400"},
     {"--json", "", EVERY, take_flag<&settings::json>, "one JSON object a line", ""},
 
+    {"--root", "FILE", CERTIFICATES, take_text<&settings::root_file>,
+     "the root certificates that are trusted: one in DER, or several in PEM", NEEDS_TEXT},
     {"--name", "NAME", of(command_id::certificate), take_text<&settings::cert_name>,
      "\"Kestrin VOXA\" or \"Kestrin AIK\" (default: the node's choice, the latter)", NEEDS_TEXT},
     {"--nonce", "HEX", of(command_id::certificate) | of(command_id::pcrs) | of(command_id::hw_integrity),
@@ -152,10 +156,53 @@ constexpr auto COMMANDS = std::to_array<command_row>({
     {command_id::attest, "attest", "ask for everything and judge it"},
 });
 
+// What a command checks, by the rows of its output.
+struct checks_row {
+    unsigned commands;
+    std::string_view text;
+};
+constexpr auto CHECKS = std::to_array<checks_row>({
+    {CERTIFICATES,
+     "of the certificates of \"identity\" and \"attestation key\":\n"
+     "  certificates     root, CA and the certificate that was asked for, each in DER and nothing after it\n"
+     "  chain            the path from the certificate over the CA to the root: signatures, dates, CA "
+     "flags,\n"
+     "                   key usage, keys and digests of at least 112 bits of strength\n"
+     "  root             with --root: is one of the file's. Without it nothing but the answer vouches for "
+     "the\n"
+     "                   root, and chain and verdict say so\n"
+     "  nonce            is the one that was sent\n"
+     "  signature        over nonce, algorithm and certificates, by the device identity's key\n"},
+    {of(command_id::pcrs) | of(command_id::hw_integrity) | of(command_id::attest),
+     "of the quote:\n"
+     "  quote values     a value for each PCR that was asked for, in that order\n"
+     "  quote form       a whole TPMS_ATTEST, made by a TPM, of type quote\n"
+     "  quote nonce      is the one that was sent\n"
+     "  quote selection  the bank and exactly the PCRs that were asked for\n"
+     "  quote digest     that of the values in the answer\n"
+     "  quote signature  by the attestation key, whose certificates are checked as above\n"},
+    {of(command_id::attest), "  boot log events  whole, and numbered without a gap\n"
+                             "  boot log replay  gives the quoted SHA-256 values of the PCRs that it "
+                             "extends, and of PCRs 0 to 9 and 14 in\n"
+                             "                   any case; says what it leaves unjudged. That digests belong "
+                             "to the data beside them is\n"
+                             "                   not checked\n"},
+    {of(command_id::hw_integrity) | of(command_id::attest),
+     "  hardware identifiers  what the board shows now is what was recorded, entry by entry\n"
+     "  hardware binding      PCR 15 is the extension by the recorded list\n"
+     "  hardware quote ...    as for the quote, over PCR 15 in the bank of --hash-algo\n"},
+    {of(command_id::attest),
+     "  IMA list         that it came; it is not checked further, which is no pass\n"},
+});
+
 constexpr std::string_view NOTES =
     "\nIn JSON, bytes are hexadecimal; event_name, template_name and digest_algo are text, in which \\\\ "
     "stands for\n"
-    "a backslash and \\xNN for a byte that is not UTF-8.\n"
+    "a backslash and \\xNN for a byte that is not UTF-8. The commands that check something add an object "
+    "with\n"
+    "\"checks\" (a list of \"source\", \"name\", \"outcome\", \"reason\"), \"roots_pinned\", \"verified\" "
+    "and "
+    "\"verdict\".\n"
     "\nExit status: 0 done; 1 evidence that is missing or does not verify; 2 usage or connection;\n"
     "130 a stream was interrupted.\n";
 
@@ -171,10 +218,20 @@ void append_options(std::string &out, unsigned commands)
     }
 }
 
+void append_checks(std::string &out, unsigned command)
+{
+    if ((CERTIFICATES & command) == 0)
+        return;
+    out += "\nChecks, a row each and for each source of the node; VERIFIED when all of them pass:\n";
+    for (const checks_row &row : CHECKS)
+        if ((row.commands & command) != 0)
+            out += row.text;
+}
+
 std::string program_help()
 {
     std::string out = "Usage: attestctl [OPTION]... COMMAND [OPTION]...\n"
-                      "Ask a node for remote-attestation evidence.\n\nCommands:\n";
+                      "Ask a node for remote-attestation evidence, and verify it.\n\nCommands:\n";
     for (const command_row &row : COMMANDS)
         out += format("  %-20s %s\n", std::string(row.name).c_str(), std::string(row.help).c_str());
     out += "\nOptions, before or after the command:\n";
@@ -193,6 +250,7 @@ std::string command_help(const command_row &command)
     if (command.id == command_id::attest)
         out = "Usage: attestctl [OPTION]... attest\n"
               "Ask for every kind of evidence with fresh nonces, check it, say VERIFIED or NOT VERIFIED.\n";
+    append_checks(out, of(command.id));
     if (!own.empty())
         out += "\nOptions of this command:\n" + own;
     out += "\nGeneral options:\n";

@@ -22,6 +22,7 @@ struct settings {
     std::chrono::milliseconds timeout{30000};
 
     bool json = false;
+    std::string root_file; // of certificates that evidence is verified against; empty: any root will do
 
     // Of the commands. Nonces are bytes here; absent: a fresh one.
     std::optional<std::string> cert_name;

@@ -1,10 +1,10 @@
 // The trust-anchor client library: what the agent may ask of the node's TPM 2.0.
 //
 // Every operation returns a status: KOV_SUCCESS (1), else a failure that kov_status_string puts into words,
-// and then every output is null or 0. 0 is never returned. A null argument, or a signing handle that is not the
-// session's, is a failure like any other. No call waits longer than the transport's bound for each command to
-// the TPM (kov_linux_ipc_*: 30 s); after a transport failure the remaining calls of the session fail at once
-// and the next login connects anew.
+// and then every output is null or 0. 0 is never returned. A null argument, or a signing handle that is not
+// the session's, is a failure like any other. No call waits longer than the transport's bound for each
+// command to the TPM (kov_linux_ipc_*: 30 s); after a transport failure the remaining calls of the session
+// fail at once and the next login connects anew.
 //
 // Memory that an operation hands out comes from the registered alloc callback and is the caller's. With
 // kov_linux_mem_alloc that is malloc: free it with the ordinary free.
@@ -130,7 +130,8 @@ void kovc_release_context(kovc_context **context);
 // A node without a manifest can log in and read PCRs.
 kov_status kovc_app_login(kovc_context *context, std::uint64_t device_handle, const kov_login_context *login,
                           kovc_session **session);
-// Ends the session and releases what it holds, whatever happened in it; clears *session.
+// Ends the session and releases what it holds, whatever happened in it; clears *session. The status tells of
+// a transport that failed on the way: everything is released all the same.
 kov_status kovc_app_logout(kovc_session **session);
 
 struct kov_capability {

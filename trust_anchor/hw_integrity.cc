@@ -118,7 +118,8 @@ malloc_ptr<char> allocate_source_name()
     }
     malloc_ptr<char> source_name(static_cast<char *>(std::calloc(1, NODE_NAME_SIZE)));
     // A long node name cuts the label: its length is fixed.
-    if (source_name != nullptr && std::snprintf(source_name.get(), NODE_NAME_SIZE, "%s_zuvari", node_name) < 0)
+    if (source_name != nullptr &&
+        std::snprintf(source_name.get(), NODE_NAME_SIZE, "%s_zuvari", node_name) < 0)
         source_name.reset();
     return source_name;
 }

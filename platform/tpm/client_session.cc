@@ -214,9 +214,11 @@ kov_status kovc_app_logout(kovc_session **session)
 {
     if (session == nullptr || *session == nullptr)
         return KOV_ERR_INVALID_PARAM;
-    delete *session;
+    const std::unique_ptr<kovc_session> ending(*session);
     *session = nullptr;
-    return KOV_SUCCESS;
+    tpm_connection *connection = nullptr;
+    const kov_status status = session_connection(*ending, &connection);
+    return status == KOV_SUCCESS ? connection->tcti.failure : status;
 }
 
 kov_status session_connection(const kovc_session &session, tpm_connection **connection)

@@ -27,6 +27,22 @@ bool blames_response(TSS2_RC code)
            base != TSS2_BASE_RC_BAD_REFERENCE && base != TSS2_BASE_RC_BAD_TR;
 }
 
+// A TPM that serves one connection at a time holds, at its begin, only what a process that died has left:
+// keys that take up its few slots. Through a resource manager there is nothing to see.
+TSS2_RC flush_leftovers(tpm_connection &connection)
+{
+    std::vector<std::uint32_t> loaded;
+    TSS2_RC code = tpm_connection_handles(connection, TPM2_TRANSIENT_FIRST, loaded);
+    for (std::size_t i = 0; i < loaded.size() && code == TSS2_RC_SUCCESS; ++i) {
+        ESYS_TR object = ESYS_TR_NONE;
+        code = Esys_TR_FromTPMPublic(connection.esys, loaded[i], ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE,
+                                     &object);
+        if (code == TSS2_RC_SUCCESS)
+            code = Esys_FlushContext(connection.esys, object);
+    }
+    return code;
+}
+
 } // namespace
 
 tpm_connection::~tpm_connection()
@@ -89,10 +105,28 @@ kov_status tpm_connection_open(const kov_ipc_callbacks &ipc, std::uint64_t devic
     if (code != TSS2_RC_SUCCESS)
         return tpm_connection_result(*opened, code);
     bool was_reset = false;
-    const kov_status answers = tpm_connection_check(*opened, &was_reset);
+    kov_status answers = tpm_connection_check(*opened, &was_reset);
+    if (answers == KOV_SUCCESS)
+        answers = tpm_connection_result(*opened, flush_leftovers(*opened));
     if (answers == KOV_SUCCESS)
         connection = std::move(opened);
     return answers;
+}
+
+TSS2_RC tpm_connection_handles(tpm_connection &connection, std::uint32_t first,
+                               std::vector<std::uint32_t> &handles)
+{
+    handles.clear();
+    TPMI_YES_NO more = TPM2_NO;
+    TPMS_CAPABILITY_DATA *answer = nullptr;
+    const TSS2_RC code = Esys_GetCapability(connection.esys, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE,
+                                            TPM2_CAP_HANDLES, first, TPM2_MAX_CAP_HANDLES, &more, &answer);
+    const esys_ptr<TPMS_CAPABILITY_DATA> owned(answer);
+    if (code == TSS2_RC_SUCCESS) {
+        const TPML_HANDLE &list = owned->data.handles;
+        handles.assign(list.handle, list.handle + std::min<std::size_t>(list.count, TPM2_MAX_CAP_HANDLES));
+    }
+    return code;
 }
 
 TPMS_PCR_SELECTION pcr_selection(const tpm_algorithm &algorithm, std::uint32_t mask)

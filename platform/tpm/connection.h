@@ -30,7 +30,8 @@ struct tpm_connection {
     ~tpm_connection();
 };
 
-// Opens a channel to the device and sees that a TPM answers; a TPM that waits for TPM2_Startup gets it.
+// Opens a channel to the device and sees that a TPM answers; a TPM that waits for TPM2_Startup gets it. Keys
+// that an earlier process left loaded are flushed.
 kov_status tpm_connection_open(const kov_ipc_callbacks &ipc, std::uint64_t device,
                                std::unique_ptr<tpm_connection> &connection);
 
@@ -48,6 +49,10 @@ bool tpm_connection_whole(const tpm_connection &connection);
 // A selection of the PCRs in `mask` in one bank.
 TPMS_PCR_SELECTION pcr_selection(const tpm_algorithm &algorithm, std::uint32_t mask);
 inline constexpr std::uint32_t tpm_pcr_count = 24; // PC client platforms
+
+// The handles of the kind of `first` that the TPM has, from `first` on, as many as one answer holds.
+TSS2_RC tpm_connection_handles(tpm_connection &connection, std::uint32_t first,
+                               std::vector<std::uint32_t> &handles);
 
 // The banks with all 24 PCRs among the four algorithms, in their order.
 kov_status tpm_allocated_banks(tpm_connection &connection, std::vector<const tpm_algorithm *> &banks);

@@ -268,12 +268,14 @@ TEST(text, hostile_text_is_shown_and_not_obeyed)
 TEST(check, only_passes_verify)
 {
     using enum check_outcome;
-    const check good{"a", passed, ""}, bad{"b", failed, ""}, open{"c", not_made, ""};
-    EXPECT_EQ(verdict_line(std::vector{good, good}), "VERIFIED");
-    EXPECT_EQ(verdict_line({}), "NOT VERIFIED: no check was made");
-    EXPECT_EQ(verdict_line(std::vector{open}), "NOT VERIFIED: no check was made");
-    EXPECT_EQ(verdict_line(std::vector{good, open}), "NOT VERIFIED: 0 checks failed, 1 not made");
-    EXPECT_EQ(verdict_line(std::vector{good, bad}), "NOT VERIFIED: 1 check failed");
+    const check good{"a", passed, "", ""}, bad{"b", failed, "", ""}, open{"c", not_made, "", ""};
+    EXPECT_EQ(verdict_line(std::vector{good, good}, true), "VERIFIED");
+    EXPECT_EQ(verdict_line(std::vector{good}, false),
+              "VERIFIED, but against roots that are not pinned (see --root)");
+    EXPECT_EQ(verdict_line({}, true), "NOT VERIFIED: no check was made");
+    EXPECT_EQ(verdict_line(std::vector{open}, true), "NOT VERIFIED: no check was made");
+    EXPECT_EQ(verdict_line(std::vector{good, open}, true), "NOT VERIFIED: 0 checks failed, 1 not made");
+    EXPECT_EQ(verdict_line(std::vector{good, bad}, true), "NOT VERIFIED: 1 check failed");
     EXPECT_FALSE(all_passed({}));
     EXPECT_FALSE(all_passed(std::vector{good, open}));
 }

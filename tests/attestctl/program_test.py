@@ -33,6 +33,7 @@ METHODS = {
     "GetPlatformImaEventLogs": (api.get_platform_ima_event_logs_request, api.get_platform_ima_event_logs_response),
 }
 STREAM = "StreamPlatformImaEventLogs"
+VERIFYING = ("GetCertificate", "AttestPcrs", "GetPlatformHwIntegrity")  # whose commands judge what came
 COMMANDS = {
     "GetCertificate": ["certificate"],
     "AttestPcrs": ["pcrs", "--pcr", "0,7"],
@@ -103,9 +104,9 @@ def run(target, *arguments, **more):
     return subprocess.run(command, capture_output=True, timeout=60, check=False, **more)
 
 
-def boot_events():
+def boot_events(recorded="recorded-a"):
     """The recorded boot log in the terms of the contract: one SHA-1 record, then records with two digests."""
-    with open(f"{DATA}/recorded-a-boot.bin", "rb") as file:
+    with open(f"{DATA}/{recorded}-boot.bin", "rb") as file:
         log = file.read()
     algorithms = {0x04: (0, 20), 0x0B: (1, 32)}
     at = 0
@@ -252,10 +253,15 @@ class Answers(Program):
         with FakeNode(as_functions(answers)) as node:
             for method, command in COMMANDS.items():
                 done = run(node.target, "--json", *command)
-                self.expect(done, 0)
+                judged = method in VERIFYING
+                self.expect(done, 1 if judged else 0)
                 lines = done.stdout.decode().split("\n")
-                self.assertEqual((len(lines), lines[-1]), (2, ""), method)
+                self.assertEqual((len(lines), lines[-1]), (3 if judged else 2, ""), method)
                 self.assertIsNone(STEERING.search(lines[0]), method)
+                if judged:
+                    verdict = json.loads(lines[1])
+                    self.assertEqual((verdict["verified"], verdict["roots_pinned"]), (False, False))
+                    self.assertEqual({row["outcome"] for row in verdict["checks"]}, {"FAIL", "not made"})
                 answer = answers[method]
                 self.assertEqual(from_json(json.loads(lines[0]), type(answer)()), answer)
 
@@ -303,16 +309,51 @@ class Answers(Program):
 
 
 class Attest(Program):
-    def test_without_checks_nothing_is_verified(self):
+    def test_hostile_evidence_is_not_verified(self):
         with FakeNode(as_functions(hostile_answers())) as node:
             done = run(node.target, "attest")
             machine = json.loads(run(node.target, "attest", "--json").stdout)
         self.expect(done, 1)
-        self.assertEqual(done.stdout.decode().split("\n")[-2], "NOT VERIFIED: no check was made")
+        self.assertRegex(done.stdout.decode().split("\n")[-2], r"\ANOT VERIFIED: \d+ checks failed, \d+ not made\Z")
         self.assertEqual(len(re.findall(r"  came ", done.stdout.decode())), 6)
         self.assertEqual((machine["verified"], len(machine["evidence"])), (False, 6))
+        self.assertNotIn("pass", {row["outcome"] for row in machine["checks"]})
         nonces = [r.nonce for r in node.requests[:6] if "nonce" in r.DESCRIPTOR.fields_by_name]
         self.assertEqual(len(set(nonces)), 4)
+
+    def test_replay_gives_what_the_machine_and_another_reader_have(self):
+        for recorded in ("recorded-a", "recorded-b"):
+            with open(f"{DATA}/{recorded}-pcrs.json", "rb") as file:
+                machine = {int(pcr): value for pcr, value in json.load(file)["sha256"].items()}
+            listing = subprocess.run(
+                ["tpm2_eventlog", f"{DATA}/{recorded}-boot.bin"], capture_output=True, check=True
+            ).stdout.decode()
+            other = {int(pcr): value for pcr, value in
+                     re.findall(r"^    (\d+) *: 0x([0-9a-f]{64})$", listing, re.MULTILINE)}
+            self.assertEqual(other, {pcr: machine[pcr] for pcr in (*range(8), 9)})
+            events = boot_events(recorded)
+            for wrong in (None, 0, 7, 9, 14):
+                values = [api.PCR_DUMP(index=i, value=bytes.fromhex(machine[i])) for i in range(24)]
+                if wrong is not None:
+                    values[wrong].value = bytes(31) + b"\1"
+                answers = {
+                    "GetPlatformBootIntegrityEventLogs": boot_log(events),
+                    "AttestPcrs": api.attest_pcr_response(node_data=[api.NodePCRData(node_name="rack1", pcrs=values)]),
+                }
+                with FakeNode(as_functions(answers)) as node:
+                    checks = json.loads(run(node.target, "attest", "--json").stdout)["checks"]
+                outcome = [(row["outcome"], row["reason"]) for row in checks if row["name"] == "boot log replay"]
+                expected = ("pass", "gives the quoted values of PCRs 0-7, 9 (SHA-256 of SHA-1, SHA-256); ")
+                if wrong is not None:
+                    expected = ("FAIL", f"does not give the quoted values of PCR {wrong}")
+                self.assertEqual([(what, why[: len(expected[1])]) for what, why in outcome], [expected])
+
+    def test_roots_that_cannot_be_read_ask_nothing(self):
+        with FakeNode({}) as node:
+            for command in (["certificate"], ["pcrs", "--pcr", "0"], ["hw-integrity"], ["attest"]):
+                self.expect(run(node.target, *command, "--root", "/absent"), 2, "cannot read /absent: No such file .*")
+                self.expect(run(node.target, *command, "--root", "/dev/null"), 2, "/dev/null: no DER certificate", "")
+        self.assertEqual(node.requests, [])
 
     def test_what_is_missing_is_said_and_the_rest_still_asked(self):
         def refuse(_, context):
@@ -417,7 +458,7 @@ class Failures(Program):
             (["ima-log", "--start", "18446744073709551616"], "--start must be .*"),
             (["ima-log", "--count", "1x"], "--count must be .*"),
             (["hw-integrity", "--hash-algo", "-1"], "--hash-algo must be .*"),
-            (["attest", "--root", "x"], "unknown option --root"),
+            (["boot-log", "--root", "x"], "--root is no option of boot-log"),
             (["--ca", "x", "boot-log"], "--ca, --cert and --key are given together.*"),
             (["--server-name", "x", "boot-log"], "--server-name needs .*"),
             (["boot\nlog\x1b"], r'unknown command "boot\\x0alog\\x1b"'),
@@ -604,7 +645,7 @@ class Tls(Program):
         answer = api.get_certificate_response(node_data=[record])
         with FakeNode({"GetCertificate": lambda r, c: answer}) as node:
             done = run(node.target, "certificate")
-        self.expect(done, 0)
+        self.expect(done, 1)
         fingerprint = hashlib.sha256(entry.data).hexdigest()
         self.assertRegex(done.stdout.decode(), r"subject  CN=caf\u00e9\\1B\[2J\n")
         self.assertIn(f"sha256   {fingerprint}\n  no signature\n", done.stdout.decode())
@@ -613,7 +654,7 @@ class Tls(Program):
         self.expect(self.ask("127.0.0.1:1", ca="absent"), 2, "cannot read absent: No such file or directory")
         self.expect(self.ask("127.0.0.1:1", key="."), 2, r"cannot read \.: Is a directory")
         self.expect(self.ask("127.0.0.1:1", cert="/dev/null"), 2, "/dev/null is no PEM file")
-        self.expect(self.ask("127.0.0.1:1", cert="/dev/zero"), 2, "/dev/zero is no PEM file")
+        self.expect(self.ask("127.0.0.1:1", cert="/dev/zero"), 2, "/dev/zero is larger than 1 MiB")
 
 
 if __name__ == "__main__":

@@ -7,7 +7,7 @@
 
 #include "agent/debug_trace.h"
 #include "boot_log/trace_dump.h"
-#include "tests/boot_log/allocation_faults.h"
+#include "tests/support/allocation_faults.h"
 #include "tests/support/trace_capture.h"
 
 temporary_file::temporary_file(const std::string &content) : path_(testing::TempDir() + "boot_log_XXXXXX")

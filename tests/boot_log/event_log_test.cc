@@ -8,8 +8,8 @@
 #include "boot_log/event_log_dump.h"
 #include "boot_log/event_log_framing.h"
 #include "boot_log/trace_dump.h"
-#include "tests/boot_log/allocation_faults.h"
 #include "tests/boot_log/boot_log_fixture.h"
+#include "tests/support/allocation_faults.h"
 #include "tests/support/trace_capture.h"
 
 namespace {

@@ -9,8 +9,8 @@
 #include "boot_log/file_utilities.h"
 #include "boot_log/trace_dump.h"
 #include "boot_log/uptime.h"
-#include "tests/boot_log/allocation_faults.h"
 #include "tests/boot_log/boot_log_fixture.h"
+#include "tests/support/allocation_faults.h"
 #include "tests/support/trace_capture.h"
 
 namespace {

@@ -52,9 +52,9 @@ def attestctl(*arguments, timeout=60):
 
 
 def ask(*arguments):
-    """The one response message that attestctl gets, as a dictionary."""
+    """The one response message that attestctl gets, as a dictionary; the verdict on it is another line."""
     done = attestctl("--json", *arguments)
-    return json.loads(done.stdout)
+    return json.loads(done.stdout.splitlines()[0])
 
 
 def trace(run_dir=None):

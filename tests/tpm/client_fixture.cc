@@ -1,7 +1,7 @@
 #include "tests/tpm/client_fixture.h"
 
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 client_traffic traffic;

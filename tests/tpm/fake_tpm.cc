@@ -16,7 +16,7 @@ bool readable(int fd)
 
 } // namespace
 
-fake_tpm::fake_tpm(std::string path, std::function<fake_answer(int)> answer)
+fake_tpm::fake_tpm(std::string path, answerer answer)
     : answer_(std::move(answer)), listening_(socket(AF_UNIX, SOCK_STREAM, 0))
 {
     sockaddr_un address{};
@@ -45,10 +45,11 @@ void fake_tpm::serve(int connection) const
     for (int number = 0; !stopping_;) {
         if (!readable(connection))
             continue;
-        char command[4096];
-        if (recv(connection, command, sizeof command, 0) <= 0)
+        std::uint8_t command[4096];
+        const ssize_t length = recv(connection, command, sizeof command, 0);
+        if (length <= 0)
             return;
-        const fake_answer answer = answer_(number++);
+        const fake_answer answer = answer_(number++, {command, static_cast<std::size_t>(length)});
         const std::size_t step = answer.drip.count() > 0 ? 1 : answer.bytes.size();
         for (std::size_t sent = 0; sent < answer.bytes.size() && !stopping_; sent += step) {
             if (send(connection, answer.bytes.data() + sent, step, MSG_NOSIGNAL) < 0)

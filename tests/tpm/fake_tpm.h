@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,7 +20,8 @@ struct fake_answer {
 class fake_tpm {
 public:
     // `answer` is asked once a command, with its number on the connection, from 0; on the server's thread.
-    fake_tpm(std::string path, std::function<fake_answer(int)> answer);
+    using answerer = std::function<fake_answer(int number, std::span<const std::uint8_t> command)>;
+    fake_tpm(std::string path, answerer answer);
     fake_tpm(const fake_tpm &) = delete;
     fake_tpm &operator=(const fake_tpm &) = delete;
     ~fake_tpm();
@@ -27,7 +29,7 @@ public:
 private:
     void serve(int connection) const;
 
-    std::function<fake_answer(int)> answer_;
+    answerer answer_;
     std::atomic<bool> stopping_{false};
     unique_fd listening_;
     std::thread thread_;

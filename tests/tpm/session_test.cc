@@ -7,7 +7,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 class session_test : public provisioned_fixture {};
 
@@ -50,15 +49,15 @@ TEST_F(session_test, LogoutLeavesNothingInTheTpm)
         EXPECT_EQ(session.logout(), KOV_SUCCESS);
     }
     release();
-    const auto tpm = connect_to(tpm_);
-    EXPECT_THAT(tpm_handles(*tpm, TPM2_TRANSIENT_FIRST), IsEmpty());
-    EXPECT_THAT(tpm_handles(*tpm, TPM2_LOADED_SESSION_FIRST), IsEmpty());
-    EXPECT_THAT(tpm_handles(*tpm, TPM2_ACTIVE_SESSION_FIRST), IsEmpty());
+    // Not by a connection of our own, which would begin with flushing.
+    for (const char *kind : {"handles-transient", "handles-loaded-session", "handles-saved-session"})
+        EXPECT_EQ(run_program(std::string("tpm2_getcap -T ") + tpm_.address() + " " + kind).output, "")
+            << kind;
 }
 
 TEST_F(session_test, AWrongSecretIsAStatusAndNeverLocksTheTpm)
 {
-    const session_owner wrong = login("Pobrekd308");
+    session_owner wrong = login("Pobrekd308");
     ASSERT_EQ(wrong.login_status, KOV_SUCCESS);
     for (int i = 0; i < 40; ++i) {
         EXPECT_THAT(kov_status_string(wrong.sign("RSA_VOXAKEY", {1}).status), HasSubstr("auth"));
@@ -66,6 +65,7 @@ TEST_F(session_test, AWrongSecretIsAStatusAndNeverLocksTheTpm)
     }
     EXPECT_EQ(login().sign("RSA_VOXAKEY", {1}).status, KOV_SUCCESS);
     EXPECT_NE(wrong.sign("RSA_VOXAKEY", {1}).status, KOV_SUCCESS) << "the other session's secret was used";
+    wrong.logout();
     release();
     EXPECT_EQ(tpm_property(*connect_to(tpm_), TPM2_PT_LOCKOUT_COUNTER), 0u);
 }

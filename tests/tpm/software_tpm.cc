@@ -171,15 +171,9 @@ std::uint32_t tpm_property(tpm_connection &tpm, std::uint32_t property)
 
 std::vector<std::uint32_t> tpm_handles(tpm_connection &tpm, std::uint32_t first)
 {
-    TPMI_YES_NO more = TPM2_NO;
-    TPMS_CAPABILITY_DATA *answer = nullptr;
-    EXPECT_EQ(Esys_GetCapability(tpm.esys, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, TPM2_CAP_HANDLES, first,
-                                 64, &more, &answer),
-              TSS2_RC_SUCCESS);
-    const esys_ptr<TPMS_CAPABILITY_DATA> owned(answer);
-    if (!owned)
-        return {0};
-    return {owned->data.handles.handle, owned->data.handles.handle + owned->data.handles.count};
+    std::vector<std::uint32_t> handles;
+    EXPECT_EQ(tpm_connection_handles(tpm, first, handles), TSS2_RC_SUCCESS);
+    return handles;
 }
 
 std::string file_text(const std::string &path)

@@ -215,7 +215,6 @@ bool prepare(run &now, int *status)
                              : authority_load(now.options.ca_certificate, now.options.ca_key, now.ca);
     if (!have_ca || !tpm_connect(now.tpm))
         return false;
-    tpm_flush_leftovers(*now.tpm);
     now.held = inventory_read(now.directory);
     return clear_unreferenced(now, now.old) && name_folder(now);
 }

@@ -103,22 +103,6 @@ bool name_of(tpm_connection &connection, ESYS_TR object, std::string &tpm_name)
     return code == TSS2_RC_SUCCESS;
 }
 
-// The handles of a kind that the TPM has, from `first` on (one answer's worth; the ranges asked for are
-// smaller).
-TSS2_RC handles_from(tpm_connection &connection, std::uint32_t first, std::vector<std::uint32_t> &handles)
-{
-    TPMI_YES_NO more = TPM2_NO;
-    TPMS_CAPABILITY_DATA *answer = nullptr;
-    const TSS2_RC code = Esys_GetCapability(connection.esys, none, none, none, TPM2_CAP_HANDLES, first,
-                                            TPM2_MAX_CAP_HANDLES, &more, &answer);
-    const esys_ptr<TPMS_CAPABILITY_DATA> owned(answer);
-    if (code == TSS2_RC_SUCCESS) {
-        const TPML_HANDLE &list = owned->data.handles;
-        handles.assign(list.handle, list.handle + std::min<std::size_t>(list.count, TPM2_MAX_CAP_HANDLES));
-    }
-    return code;
-}
-
 // Each of the TPM's storage-root slots that an object holds is given back, also when the program fails.
 TSS2_RC create_loaded(tpm_connection &connection, const transient_object &root, bool restricted,
                       transient_object &loaded)
@@ -164,21 +148,6 @@ bool tpm_connect(std::unique_ptr<tpm_connection> &connection)
     return status == KOV_SUCCESS || complain_of_status("no TPM", status);
 }
 
-void tpm_flush_leftovers(tpm_connection &connection)
-{
-    std::uint64_t device = 0;
-    std::uint64_t info = 0;
-    std::vector<std::uint32_t> loaded;
-    if (platform_get_kov_device_info(&device, &info) != 0 || info != KOV_DEVICE_INFO_SWTPM ||
-        handles_from(connection, TPM2_TRANSIENT_FIRST, loaded) != TSS2_RC_SUCCESS)
-        return;
-    for (const std::uint32_t handle : loaded) {
-        ESYS_TR object = ESYS_TR_NONE;
-        if (Esys_TR_FromTPMPublic(connection.esys, handle, none, none, none, &object) == TSS2_RC_SUCCESS)
-            Esys_FlushContext(connection.esys, object);
-    }
-}
-
 bool tpm_make_storage_root(tpm_connection &connection, transient_object &root)
 {
     TPM2B_SENSITIVE_CREATE sensitive{};
@@ -212,7 +181,7 @@ bool tpm_free_handles(tpm_connection &connection, std::size_t count, std::vector
     handles.clear();
     std::vector<std::uint32_t> taken;
     if (!said(connection, "cannot list the persistent keys",
-              handles_from(connection, key_handle_first, taken)))
+              tpm_connection_handles(connection, key_handle_first, taken)))
         return false;
     for (std::uint32_t handle = key_handle_first; handle <= key_handle_last && handles.size() < count;
          ++handle) {

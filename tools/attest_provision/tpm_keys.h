@@ -35,11 +35,6 @@ struct made_key {
 
 bool tpm_connect(std::unique_ptr<tpm_connection> &connection);
 
-// Flushes what an interrupted run left loaded in a software TPM. A TPM device behind the kernel's resource
-// manager has forgotten it by itself; a software TPM serves one connection at a time, so nobody else's is in
-// it now.
-void tpm_flush_leftovers(tpm_connection &connection);
-
 bool tpm_make_storage_root(tpm_connection &connection, transient_object &root);
 
 // Makes an RSA-2048 signing key (RSASSA, SHA-256) under the root with the login secret as its authorisation

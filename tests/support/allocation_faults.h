@@ -1,5 +1,6 @@
 // The allocations of the code under test, made to fail at will. The program is linked with malloc, calloc,
-// realloc, free and fopen wrapped, so what the C and C++ libraries allocate for themselves does not count.
+// realloc, free, strdup, fopen and getenv wrapped, so what the C and C++ libraries allocate for themselves
+// does not count.
 #pragma once
 
 #include <cstddef>
@@ -21,3 +22,10 @@ public:
 
 // What fopen opens for "/proc/uptime"; null: the real file.
 extern const char *uptime_file;
+
+// The environment variable that getenv finds empty after `readings` more readings. A null name: none.
+struct lost_variable {
+    const char *name;
+    int readings;
+};
+extern lost_variable losing_variable;

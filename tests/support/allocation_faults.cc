@@ -1,4 +1,4 @@
-#include "tests/boot_log/allocation_faults.h"
+#include "tests/support/allocation_faults.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -6,6 +6,7 @@
 #include <string_view>
 
 const char *uptime_file;
+lost_variable losing_variable;
 
 namespace {
 
@@ -64,6 +65,8 @@ void *__real_malloc(std::size_t size);
 void *__real_calloc(std::size_t items, std::size_t size);
 void *__real_realloc(void *block, std::size_t size);
 void __real_free(void *block);
+char *__real_strdup(const char *text);
+char *__real_getenv(const char *name);
 FILE *__real_fopen(const char *path, const char *mode);
 
 void *__wrap_malloc(std::size_t size)
@@ -88,6 +91,18 @@ void __wrap_free(void *block)
 {
     blocks.erase(block);
     __real_free(block);
+}
+
+char *__wrap_strdup(const char *text)
+{
+    return next_fails() ? nullptr : static_cast<char *>(note(__real_strdup(text)));
+}
+
+char *__wrap_getenv(const char *name)
+{
+    static char empty[] = "";
+    bool lost = losing_variable.name != nullptr && std::string_view(name) == losing_variable.name;
+    return lost && losing_variable.readings-- <= 0 ? empty : __real_getenv(name);
 }
 
 FILE *__wrap_fopen(const char *path, const char *mode)

@@ -1,0 +1,38 @@
+#include "attestctl/verdict.h"
+
+#include <algorithm>
+
+#include "attestctl/output.h"
+#include "attestctl/report.h"
+
+bool read_chosen_roots(const settings &chosen, trusted_roots &roots)
+{
+    std::string error;
+    if (chosen.root_file.empty() || read_roots(chosen.root_file, roots, error))
+        return true;
+    complain(error);
+    return false;
+}
+
+int conclude(const settings &chosen, client &c, evidence &got, std::span<const subject> subjects,
+             const trusted_roots &roots)
+{
+    const bool needs_attestation_key =
+        std::find(subjects.begin(), subjects.end(), subject::attestation_key) != subjects.end();
+    const ask_result result = fetch_signers(c, needs_attestation_key, got);
+    if (result.status != ask_status::answered)
+        complain(result.text);
+    const std::vector<check> checks = judge(got, subjects, roots);
+    std::string out;
+    if (chosen.json) {
+        out += '{';
+        append_json_checks(out, checks, roots.pinned());
+        out += "}\n";
+    } else {
+        append_checks(out, checks, roots.pinned());
+    }
+    write_data(out);
+    if (!flush_data() || result.status != ask_status::answered)
+        return EXIT_USAGE;
+    return all_passed(checks) ? EXIT_DONE : EXIT_NO_EVIDENCE;
+}

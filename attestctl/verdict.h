@@ -1,0 +1,17 @@
+// What the commands for one kind of evidence do with an answer once it has been shown.
+#pragma once
+
+#include <span>
+
+#include "attestctl/client.h"
+#include "attestctl/evidence.h"
+#include "attestctl/options.h"
+#include "attestctl/verify/judge.h"
+
+// The roots that the user trusts; false, and a complaint, when their file cannot be read.
+bool read_chosen_roots(const settings &chosen, trusted_roots &roots);
+
+// Asks for the certificates that are still needed, judges the subjects, shows checks and verdict, and gives
+// the exit status. With --json that is one object on a line of its own.
+int conclude(const settings &chosen, client &c, evidence &got, std::span<const subject> subjects,
+             const trusted_roots &roots);

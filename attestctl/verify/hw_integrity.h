@@ -1,0 +1,14 @@
+// The board's chips: what was recorded when the node was provisioned, and what is there now.
+#pragma once
+
+#include "api/remote_attestation_api.pb.h"
+#include "attestctl/check.h"
+#include "attestctl/verify/hashes.h"
+
+inline constexpr std::uint32_t REFERENCE_PCR = 15;
+
+// Adds the rows "hardware identifiers" (both lists are the same) and "hardware binding" (PCR 15 is what the
+// extension by the recorded list gives: H(zeros || H(all recorded digests))). `bank` is the one that was
+// asked for.
+void check_hw_integrity(check_list &list, const remote_attestation_api::tpm_hw_integrity &record,
+                        const hash_algorithm &bank);

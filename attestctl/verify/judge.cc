@@ -1,0 +1,180 @@
+#include "attestctl/verify/judge.h"
+
+#include <algorithm>
+
+#include "attestctl/certificate_names.h"
+#include "attestctl/text.h"
+#include "attestctl/verify/boot_log.h"
+#include "attestctl/verify/certificates.h"
+#include "attestctl/verify/hw_integrity.h"
+#include "attestctl/verify/quote.h"
+
+namespace {
+
+// A node and its management controller are two; more than this is none.
+constexpr std::size_t MOST_SOURCES = 16;
+
+// The records of one source; none of a kind: nullptr.
+struct source {
+    std::string name;
+    const api::SystemCertificates *identity = nullptr, *attestation_key = nullptr;
+    const api::NodePCRData *pcrs = nullptr;
+    const api::NodeBootIntegrityLog *boot_log = nullptr;
+    const api::tpm_hw_integrity *hw_integrity = nullptr;
+};
+
+// False: there are too many.
+template <typename Answer, typename Record>
+bool sort_in(std::vector<source> &sources, const Answer &answer, const Record *source::*kind)
+{
+    if (static_cast<std::size_t>(answer.node_data().size()) > MOST_SOURCES)
+        return false;
+    for (const Record &record : answer.node_data()) {
+        const auto waits_for_it = [&](const source &one) {
+            return one.name == record.node_name() && one.*kind == nullptr;
+        };
+        auto place = std::find_if(sources.begin(), sources.end(), waits_for_it);
+        if (place == sources.end())
+            place = sources.insert(place, source{record.node_name()});
+        (*place).*kind = &record;
+    }
+    return true;
+}
+
+bool sort_by_source(const evidence &got, std::vector<source> &sources)
+{
+    return sort_in(sources, got.identity, &source::identity) &&
+           sort_in(sources, got.attestation_key, &source::attestation_key) &&
+           sort_in(sources, got.pcrs, &source::pcrs) && sort_in(sources, got.boot_log, &source::boot_log) &&
+           sort_in(sources, got.hw_integrity, &source::hw_integrity);
+}
+
+// Names, fit for a terminal and different where the sources are.
+std::string source_name(const std::vector<source> &sources, const source &one)
+{
+    const auto before =
+        std::count_if(sources.data(), &one, [&one](const source &other) { return other.name == one.name; });
+    return (one.name.empty() ? "(without a name)" : printable(one.name, 64)) +
+           (before == 0 ? "" : format(" (%d)", static_cast<int>(before) + 1));
+}
+
+// One source while it is judged.
+struct judgement {
+    const evidence &got;
+    const source &from;
+    const trusted_roots &roots;
+    certificate_set identity, attestation_key;
+    check_list list;
+};
+
+void add_missing(judgement &j, const char *what)
+{
+    add(j.list, what, failed("no record came from this source"));
+}
+
+void judge_identity(judgement &j)
+{
+    if (j.from.identity == nullptr)
+        return add_missing(j, "identity certificates");
+    check_certificates(j.list, "identity", *j.from.identity, j.identity, j.got.identity_request.nonce(),
+                       j.identity.device.get(), j.roots);
+}
+
+void judge_attestation_key(judgement &j)
+{
+    if (j.from.attestation_key == nullptr)
+        return add_missing(j, "attestation key certificates");
+    check_certificates(j.list, "attestation key", *j.from.attestation_key, j.attestation_key,
+                       j.got.attestation_key_request.nonce(), j.identity.device.get(), j.roots);
+}
+
+void judge_quote(judgement &j)
+{
+    if (j.from.pcrs == nullptr)
+        return add_missing(j, "quote values");
+    const auto &indices = j.got.pcrs_request.pcr_indices();
+    const quote_request asked{{indices.begin(), indices.end()}, &quoted_bank(), j.got.pcrs_request.nonce()};
+    check_quote(j.list, "quote", asked, quote_of(*j.from.pcrs), j.attestation_key.device.get());
+}
+
+void judge_boot_log(judgement &j)
+{
+    if (j.from.boot_log == nullptr)
+        return add_missing(j, "boot log events");
+    check_boot_log(j.list, *j.from.boot_log, j.from.pcrs != nullptr ? &j.from.pcrs->pcrs() : nullptr);
+}
+
+void judge_hardware(judgement &j)
+{
+    const api::tpm_hw_integrity *record = j.from.hw_integrity;
+    if (record == nullptr)
+        return add_missing(j, "hardware identifiers");
+    const auto &request = j.got.hw_integrity_request;
+    const hash_algorithm *bank = request.has_hash_algo() ? hash_by_number(request.hash_algo()) : nullptr;
+    if (bank == nullptr)
+        bank = &quoted_bank(); // what a node takes for a number that there is not
+    check_hw_integrity(j.list, *record, *bank);
+    const bool other_key = record->has_key_cert_name() && record->key_cert_name() != ATTESTATION_KEY_NAME;
+    check_quote(j.list, "hardware quote", {{REFERENCE_PCR}, bank, request.nonce()}, quote_of(*record),
+                other_key ? nullptr : j.attestation_key.device.get());
+}
+
+// The list is passed on as it comes and not kept: only that it came is known here.
+void judge_ima_list(const evidence &got, std::vector<check> &rows)
+{
+    const auto arrived = std::find_if(got.arrivals.begin(), got.arrivals.end(),
+                                      [](const arrival &row) { return row.kind == "ima-log"; });
+    check_list list;
+    if (arrived == got.arrivals.end() || !arrived->came)
+        add(list, "IMA list", failed("no list came"));
+    else
+        add(list, "IMA list", not_made("this version of attestctl does not check it"));
+    std::move(list.rows.begin(), list.rows.end(), std::back_inserter(rows));
+}
+
+void judge_subject(judgement &j, subject what)
+{
+    switch (what) {
+    case subject::identity:
+        return judge_identity(j);
+    case subject::attestation_key:
+        return judge_attestation_key(j);
+    case subject::quote:
+        return judge_quote(j);
+    case subject::boot_log:
+        return judge_boot_log(j);
+    case subject::hardware:
+        return judge_hardware(j);
+    case subject::ima_list:
+        break; // of the node as a whole
+    }
+}
+
+} // namespace
+
+std::vector<check> judge(const evidence &got, std::span<const subject> subjects, const trusted_roots &roots)
+{
+    std::vector<check> rows;
+    std::vector<source> sources;
+    check_list whole;
+    if (!sort_by_source(got, sources))
+        add(whole, "sources", failed("more of them than a node can have"));
+    else if (sources.empty())
+        add(whole, "sources", failed("none has evidence"));
+    if (!whole.rows.empty())
+        return whole.rows;
+    for (const source &one : sources) {
+        judgement j{got, one, roots, {}, {}, {source_name(sources, one), {}}};
+        if (one.identity != nullptr)
+            j.identity = read_certificates(*one.identity, got.identity_request.cert_name());
+        if (one.attestation_key != nullptr)
+            j.attestation_key =
+                read_certificates(*one.attestation_key, got.attestation_key_request.cert_name());
+        for (const subject what : subjects)
+            judge_subject(j, what);
+        std::move(j.list.rows.begin(), j.list.rows.end(), std::back_inserter(rows));
+    }
+    if (std::find(subjects.begin(), subjects.end(), subject::ima_list) != subjects.end())
+        judge_ima_list(got, rows);
+    return rows;
+}

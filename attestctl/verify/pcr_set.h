@@ -1,0 +1,12 @@
+// Sets of PCRs, and how they are written.
+#pragma once
+
+#include <bitset>
+#include <cstdint>
+#include <string>
+
+// As many as a selection of the TPM's can name.
+using pcr_set = std::bitset<32>;
+
+// "PCR 0", "PCRs 0-7, 9", "no PCR"
+std::string pcr_text(const pcr_set &pcrs);

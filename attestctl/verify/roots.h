@@ -1,0 +1,20 @@
+// The root certificates that the user trusts.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct trusted_roots {
+    std::string file; // as the user named it, fit for a terminal; empty: none was named, roots are not pinned
+    std::vector<std::string> certificates; // DER
+
+    bool pinned() const { return !file.empty(); }
+};
+
+// Reads the file of --root: one certificate in DER, or any number of them in PEM. False, and `error` has one
+// line, when it cannot be read or there is none in it.
+bool read_roots(const std::string &path, trusted_roots &into, std::string &error);
+
+// Whether it is byte for byte one of them.
+bool is_trusted(const trusted_roots &roots, std::string_view der);

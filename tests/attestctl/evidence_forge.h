@@ -1,0 +1,68 @@
+// Evidence as a good node would send it, and the means to make it wrong in one point and sign it again: keys
+// and certificates by OpenSSL, structures of the TPM by tss2-mu.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include <tss2/tss2_tpm2_types.h>
+
+#include "attestctl/evidence.h"
+#include "attestctl/openssl_owners.h"
+#include "attestctl/verify/roots.h"
+
+struct pkey_deleter {
+    void operator()(EVP_PKEY *key) const { EVP_PKEY_free(key); }
+};
+using pkey_owner = std::unique_ptr<EVP_PKEY, pkey_deleter>;
+
+// Made once; identity and rsa are RSA-2048, the others P-256.
+struct forge_keys {
+    pkey_owner identity, rsa, root, ca, attestation, stranger;
+};
+const forge_keys &keys();
+
+struct certificate_plan {
+    const char *subject;
+    EVP_PKEY *key;
+    const char *issuer;
+    EVP_PKEY *issuer_key;
+    const char *constraints = "critical,CA:FALSE";
+    const char *usage = "critical,digitalSignature";
+    long from_s = -3600, to_s = 3600; // relative to now
+};
+std::string make_certificate(const certificate_plan &plan); // DER
+
+// The plans of a good chain.
+certificate_plan root_plan(const char *name);
+certificate_plan ca_plan(const char *root_name);
+certificate_plan device_plan(EVP_PKEY *key);
+
+enum class signature_scheme : std::uint16_t {
+    rsassa = TPM2_ALG_RSASSA,
+    rsapss = TPM2_ALG_RSAPSS,
+    ecdsa = TPM2_ALG_ECDSA,
+};
+
+struct forged {
+    evidence got;
+    trusted_roots roots; // both of them: identity and attestation key have their own
+    EVP_PKEY *identity_key, *attestation_key;
+    signature_scheme scheme = signature_scheme::ecdsa;
+};
+
+// One source of this name, everything good; all 24 PCRs asked for, hardware by the bank of this number.
+forged good_evidence(const std::string &node_name = "rack1", std::uint32_t hash_algo = 1);
+
+// Signs both certificate records again.
+void sign_certificates(forged &f);
+
+// Makes the quote of the PCR values in the record (of hardware: PCR 15), lets `edit` change it, and signs it
+// by `key` with `hash`.
+using quote_edit = std::function<void(TPMS_ATTEST &)>;
+void quote_pcrs(forged &f, const quote_edit &edit = {}, std::uint16_t hash = TPM2_ALG_SHA256);
+void quote_hardware(forged &f, const quote_edit &edit = {});
+// The signature of any bytes, as a TPMT_SIGNATURE.
+std::string tpm_signature(const forged &f, const std::string &bytes, std::uint16_t hash = TPM2_ALG_SHA256);
+
+std::string digest(const EVP_MD *algorithm, const std::string &data);

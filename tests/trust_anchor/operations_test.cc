@@ -1,0 +1,399 @@
+// The operations on a real client library and a software TPM, made to fail at each point at which they can.
+#include <filesystem>
+#include <functional>
+
+#include <gmock/gmock.h>
+
+#include "agent/agent_state.h"
+#include "agent/status.h"
+#include "platform/tpm/manifest.h"
+#include "tests/support/allocation_faults.h"
+#include "tests/support/trace_capture.h"
+#include "tests/trust_anchor/tpm_relay.h"
+#include "trust_anchor/certificate_chain.h"
+#include "trust_anchor/hw_integrity.h"
+#include "trust_anchor/local_init.h"
+#include "trust_anchor/pcr_quote.h"
+
+namespace {
+
+const fake_answer gone{{}, true};
+const fake_answer refused{tpm_response(TPM2_RC_FAILURE)};
+
+// A request of each kind, with what a record of its kind has to hold when it is whole.
+struct evidence {
+    std::uint32_t status = 0;
+    bool empty = true;
+    bool quoted = false; // or signed
+};
+
+std::uint8_t nonce_bytes[65];
+
+evidence ask_certificates(const char *name, std::size_t nonce_length = 20)
+{
+    get_certificate_request request{};
+    std::string text = name;
+    request.cert_name = text.data();
+    request.nonce = {nonce_bytes, nonce_length};
+    request.present = request.has_cert_name | request.has_nonce;
+    owned_message<SystemCertificates> record;
+    evidence got;
+    got.status = attestation_get_certchain(&request, record.get());
+    got.empty = record->present == 0 && record->node_name == nullptr && record->certs.items == nullptr;
+    got.quoted = (record->present & record->has_signature) != 0;
+    if (got.status == ATTEST_OK) {
+        EXPECT_EQ(record->certs.count, 3u);
+        EXPECT_STREQ(record->certs.items[0].name, (text + " Root").c_str());
+        EXPECT_STREQ(record->certs.items[1].name, (text + " CA").c_str());
+        EXPECT_STREQ(record->certs.items[2].name, name);
+    }
+    return got;
+}
+
+evidence ask_pcrs(std::vector<std::uint32_t> indices, std::size_t nonce_length = 20)
+{
+    attest_pcr_request request{};
+    request.pcr_indices = {indices.data(), static_cast<std::uint32_t>(indices.size())};
+    request.nonce = {nonce_bytes, nonce_length};
+    request.present = request.has_pcr_indices | request.has_nonce;
+    owned_message<NodePCRData> record;
+    evidence got;
+    got.status = attestation_attest_pcrs(&request, record.get());
+    got.empty = record->present == 0 && record->node_name == nullptr && record->pcrs.items == nullptr;
+    got.quoted = (record->present & record->has_quote) != 0;
+    EXPECT_EQ(got.quoted, (record->present & record->has_quote_signature) != 0);
+    if (got.status == ATTEST_OK) {
+        EXPECT_EQ(record->pcrs.count, indices.size() % 256);
+        for (std::uint32_t i = 0; i < record->pcrs.count; ++i)
+            EXPECT_EQ(record->pcrs.items[i].index, indices[i]);
+        EXPECT_NE(record->present & record->has_uptime, 0u);
+    }
+    return got;
+}
+
+evidence ask_hw_integrity(std::size_t nonce_length = 20, std::uint32_t hash_algo = 1)
+{
+    get_platform_hw_integrity_request request{};
+    request.hash_algo = hash_algo;
+    request.nonce = {nonce_bytes, nonce_length};
+    request.present = request.has_hash_algo | request.has_nonce;
+    tpm_hw_integrity record{};
+    evidence got;
+    got.status = get_platform_hw_integrity_local(&request, &record);
+    got.empty = record.present == 0 && record.node_name == nullptr && record.pcrs.items == nullptr;
+    got.quoted = (record.present & record.has_quote) != 0;
+    if (!got.empty) {
+        EXPECT_STREQ(record.key_cert_name, "Kestrin AIK");
+        EXPECT_STREQ(record.source_name, (std::string(record.node_name) + "_zuvari").c_str());
+        EXPECT_EQ(record.pcrs.count, 1u);
+        EXPECT_EQ(record.pcrs.items[0].index, 15u);
+        for (const message_list<UID_DIGEST> *list : {&record.uid_digests_db0, &record.uid_digests_db1})
+            for (std::uint32_t i = 0; i < list->count; ++i)
+                EXPECT_EQ(list->items[i].index, i);
+    }
+    message_release(record);
+    return got;
+}
+
+class operations_test : public ::testing::Test {
+protected:
+    operations_test() { restore(); }
+    ~operations_test() override
+    {
+        kovc_release_context(&at_agent_state.client_context);
+        losing_variable = {};
+    }
+
+    // A provisioned node as it was at first, and the agent started on it.
+    void restore()
+    {
+        kovc_release_context(&at_agent_state.client_context);
+        relay_.heal();
+        losing_variable = {};
+        std::filesystem::copy(provisioned_tpm() + "/node", tpm_.node(),
+                              std::filesystem::copy_options::recursive |
+                                  std::filesystem::copy_options::overwrite_existing);
+        setenv("ATTEST_TPM", relay_.address().c_str(), 1);
+        setenv("ATTEST_TRUST_ANCHOR", tpm_.manifest().c_str(), 1);
+        setenv("ATTEST_NODE_NAME", "card7", 1);
+        trace_captured.clear();
+        ASSERT_EQ(attestation_local_init(), ATTEST_OK);
+        ASSERT_EQ(at_agent_state.capability_pcr_read, 1u);
+        ASSERT_EQ(at_agent_state.capability_pcr_quote, 1u);
+        ASSERT_THAT(trace_captured, testing::IsEmpty());
+    }
+    // What the agent does when it is started on a node as it is now.
+    std::uint32_t start()
+    {
+        kovc_release_context(&at_agent_state.client_context);
+        trace_captured.clear();
+        return attestation_local_init();
+    }
+
+    manifest node()
+    {
+        manifest read;
+        EXPECT_EQ(manifest_load(tpm_.manifest(), read), KOV_SUCCESS);
+        return read;
+    }
+    std::string object_path(const char *name)
+    {
+        return tpm_.node() + "/" + manifest_find_object(node(), name)->file;
+    }
+    void without_key(const char *name)
+    {
+        manifest changed = node();
+        std::erase_if(changed.keys, [&](const manifest_key &key) { return key.name == name; });
+        write_file(tpm_.manifest(), manifest_text(changed));
+    }
+    // The TPM keeps a SHA-1 bank alone from its next start on.
+    void deallocate_banks()
+    {
+        kovc_release_context(&at_agent_state.client_context);
+        relay_.disconnect();
+        {
+            const auto tpm = connect_to(tpm_);
+            TPML_PCR_SELECTION only_sha1{};
+            for (const tpm_algorithm &algorithm : tpm_algorithms)
+                only_sha1.pcrSelections[only_sha1.count++] =
+                    pcr_selection(algorithm, algorithm.number == KOV_ALG_SHA1 ? 0xFFFFFF : 0);
+            TPMI_YES_NO done = TPM2_NO;
+            UINT32 ignored = 0;
+            EXPECT_EQ(Esys_PCR_Allocate(tpm->esys, ESYS_TR_RH_PLATFORM, ESYS_TR_PASSWORD, ESYS_TR_NONE,
+                                        ESYS_TR_NONE, &only_sha1, &done, &ignored, &ignored, &ignored),
+                      TSS2_RC_SUCCESS);
+        }
+        tpm_.kill();
+        tpm_.start();
+        setenv("ATTEST_TPM", relay_.address().c_str(), 1);
+    }
+
+    software_tpm tpm_{provisioned_tpm()};
+    tpm_relay relay_{tpm_};
+};
+
+TEST_F(operations_test, StartingFailsAtTheStepThatFails)
+{
+    const struct {
+        const char *what;
+        std::function<void()> damage;
+        std::uint32_t status;
+        std::uint32_t can_read;
+        std::uint32_t can_quote;
+        const char *line;
+    } cases[] = {
+        {"a setting that is none", [] { setenv("ATTEST_TPM", "serial:/dev/ttyS0", 1); }, ATTEST_ERR_KOV_INIT,
+         0, 0, "Failed to initilize platform_get_kov_device_info "},
+        {"no TPM", [] { setenv("ATTEST_TPM", "swtpm:path=/nowhere", 1); }, ATTEST_ERR_KOV_INIT, 0, 0,
+         "Failed to login to kov No such file or directory"},
+        {"a TPM that hangs up", [&] { relay_.fail(TPM2_CC_ReadClock, 0, gone); }, ATTEST_ERR_KOV_INIT, 0, 0,
+         "Failed to login to kov the TPM closed the connection"},
+        // Connecting asks for leftover handles, binding the reference list for the banks.
+        {"the first capability refused", [&] { relay_.fail(TPM2_CC_GetCapability, 2, refused); }, ATTEST_OK,
+         0, 0, "Unable to fetch device capablity tpm:"},
+        {"the second capability refused", [&] { relay_.fail(TPM2_CC_GetCapability, 3, refused); }, ATTEST_OK,
+         1, 0, "Unable to fetch device capablity tpm:"},
+        {"gone before logout", [&] { relay_.fail(TPM2_CC_GetCapability, 3, gone); }, ATTEST_OK, 1, 0,
+         "Failed to kovc app logout the TPM closed the connection"},
+    };
+    for (const auto &row : cases) {
+        restore();
+        row.damage();
+        EXPECT_EQ(start(), row.status) << row.what;
+        EXPECT_EQ(at_agent_state.capability_pcr_read, row.can_read) << row.what;
+        EXPECT_EQ(at_agent_state.capability_pcr_quote, row.can_quote) << row.what;
+        EXPECT_TRUE(trace_has_part(std::string("attestation_local_init(): ") + row.line)) << row.what;
+        EXPECT_TRUE(row.can_quote == 1 || ask_pcrs({0}).status == ATTEST_ERR_NOT_SUPPORTED) << row.what;
+        EXPECT_TRUE(row.status == ATTEST_OK || ask_certificates("Kestrin AIK").status == ATTEST_ERR_KOV_COMM)
+            << row.what;
+    }
+}
+
+TEST_F(operations_test, EachFailureIsItsCodeAndItsLineAndTheNextRequestWorks)
+{
+    const auto certificates = [] { return ask_certificates("Kestrin AIK"); };
+    const auto pcrs = [] { return ask_pcrs({0, 7, 10}); };
+    const auto hw_integrity = [] { return ask_hw_integrity(); };
+    const auto wrong_secret = [] { at_agent_state.login_context.secret[0] ^= 1; };
+    const auto no_name = [] { setenv("ATTEST_NODE_NAME", "", 1); };
+    const auto object = [this](const char *name, const std::function<void(std::string &)> &edit) {
+        return [this, name, edit] {
+            std::string content = file_text(object_path(name));
+            edit(content);
+            write_file(object_path(name), content);
+        };
+    };
+    const auto fails = [this](std::uint32_t command, int after, const fake_answer &answer) {
+        return [this, command, after, answer] { relay_.fail(command, after, answer); };
+    };
+    const std::uint32_t no_memory = ATTEST_ERR_NO_MEMORY;
+    const std::uint32_t no_comm = ATTEST_ERR_KOV_COMM;
+
+    const struct {
+        const char *what;
+        std::function<evidence()> ask;
+        std::function<void()> damage;
+        std::uint32_t status;
+        const char *line;
+    } cases[] = {
+        {"gone at login", certificates, fails(TPM2_CC_ReadClock, 0, gone), no_comm,
+         "Failed to login to kov "},
+        {"no node name", certificates, no_name, no_memory, "Failed to allocate node location"},
+        {"no such object", certificates, [&] { std::filesystem::remove(object_path("RSA_AIK_CRT")); },
+         no_comm, "Failed to kovc_so_read  kov no such object"},
+        {"customer's", [] { return ask_certificates("Customer AIK"); }, [] {}, no_comm,
+         "Failed to kovc_so_read  kov no such object"},
+        {"empty certificate", certificates, object("RSA_AIK_CRT", [](auto &text) { text.clear(); }), no_comm,
+         "Failed to read AIK cert chain"},
+        {"empty chain", certificates, object("RSA_AIK_CHAIN", [](auto &text) { text.clear(); }), no_comm,
+         "Failed to read AIK cert chain"},
+        {"chain short by a byte", certificates, object("RSA_AIK_CHAIN", [](auto &text) { text.pop_back(); }),
+         no_comm, "Failed to read AIK cert chain"},
+        {"chain that ends in a header", certificates,
+         object("RSA_AIK_CHAIN", [](auto &text) { text.resize(3); }), no_comm,
+         "Failed to read AIK cert chain"},
+        {"chain of something else", certificates, object("RSA_AIK_CHAIN", [](auto &text) { text[0] = 0x31; }),
+         no_comm, "Failed to read AIK cert chain"},
+        {"no signing key", certificates, [&] { without_key("RSA_VOXAKEY"); }, no_comm,
+         "Failed to kovc_sign_init  no such key"},
+        {"key not in the TPM", certificates, fails(TPM2_CC_ReadPublic, 0, refused), no_comm,
+         "Failed to kovc_sign_init  tpm:"},
+        {"wrong secret", certificates, wrong_secret, no_comm, "Failed to kovc_sign_final  tpm:"},
+        {"gone at the signature", certificates, fails(TPM2_CC_Sign, 0, gone), no_comm,
+         "Failed to kovc_sign_final  the TPM closed the connection"},
+        {"gone at the signature, logging out", certificates, fails(TPM2_CC_Sign, 0, gone), no_comm,
+         "Failed to kovc app logout the TPM closed the connection"},
+
+        {"gone at login", pcrs, fails(TPM2_CC_ReadClock, 0, gone), no_comm, "Failed to login to kov "},
+        {"no such PCR",
+         [] {
+             return ask_pcrs({0, 24});
+         },
+         [] {}, no_comm, "Failed to fetch PCR value 24  no such PCR"},
+        {"gone at the second PCR", pcrs, fails(TPM2_CC_PCR_Read, 1, gone), no_comm,
+         "Failed to fetch PCR value 7  the TPM closed the connection"},
+        {"no quoting key", pcrs, [&] { without_key("RSA_AIK_KEY"); }, ATTEST_OK,
+         "Failed to fetch PCR quote  no such key"},
+        {"wrong secret", pcrs, wrong_secret, ATTEST_OK, "Failed to fetch PCR quote  tpm:"},
+        {"nonce too long", [] { return ask_pcrs({0}, 65); }, [] {}, ATTEST_OK,
+         "Failed to fetch PCR quote  nonce too long for a quote"},
+        {"gone at the quote", pcrs, fails(TPM2_CC_Quote, 0, gone), ATTEST_OK,
+         "Failed to fetch PCR quote  the TPM closed the connection"},
+        {"no node name", pcrs, no_name, no_memory, "Failed to allocate node location"},
+
+        {"gone at login", hw_integrity, fails(TPM2_CC_ReadClock, 0, gone), no_comm,
+         "Failed to login to kov "},
+        {"PCR refused", hw_integrity, fails(TPM2_CC_PCR_Read, 0, refused), no_comm,
+         "Failed to fetch PCR value 15  tpm:"},
+        {"no quoting key", hw_integrity, [&] { without_key("RSA_AIK_KEY"); }, ATTEST_OK,
+         "Failed to fetch PCR quote  no such key"},
+        {"nonce too long", [] { return ask_hw_integrity(65); }, [] {}, ATTEST_OK,
+         "Failed to fetch PCR quote  nonce too long for a quote"},
+        {"no node name", hw_integrity, no_name, no_memory, "Failed to allocate node location"},
+    };
+    for (const auto &row : cases) {
+        SCOPED_TRACE(row.line);
+        restore();
+        row.damage();
+        const evidence got = row.ask();
+        EXPECT_EQ(got.status, row.status) << row.what;
+        EXPECT_EQ(got.empty, row.status != ATTEST_OK) << row.what;
+        EXPECT_FALSE(got.quoted) << row.what;
+        EXPECT_TRUE(trace_has_part(row.line)) << row.what << ": " << testing::PrintToString(trace_captured);
+        restore();
+        EXPECT_TRUE(certificates().quoted && pcrs().quoted && hw_integrity().quoted) << "after " << row.what;
+    }
+}
+
+TEST_F(operations_test, ATpmThatComesBackServesTheNextRequest)
+{
+    tpm_.kill();
+    EXPECT_EQ(ask_pcrs({0}).status, ATTEST_ERR_KOV_COMM);
+    EXPECT_EQ(ask_certificates("Kestrin VOXA").status, ATTEST_ERR_KOV_COMM);
+    tpm_.start();
+    EXPECT_TRUE(ask_pcrs({0}).quoted);
+    EXPECT_TRUE(ask_certificates("Kestrin VOXA").quoted);
+    EXPECT_TRUE(ask_hw_integrity().quoted);
+}
+
+TEST_F(operations_test, MissingRequestsRecordsAndFieldsAreInvalidParameters)
+{
+    EXPECT_EQ(attestation_get_certchain(nullptr, nullptr), ATTEST_ERR_INVALID_PARAM);
+    EXPECT_TRUE(trace_has("attestation_get_certchain(): attestation_get_certchain invalid parameters "));
+    attest_pcr_request no_indices{};
+    NodePCRData record{};
+    EXPECT_EQ(attestation_attest_pcrs(&no_indices, &record), ATTEST_ERR_INVALID_PARAM);
+    EXPECT_TRUE(trace_has("attestation_attest_pcrs(): attestation_attest_pcrs invalid parameters "));
+    EXPECT_EQ(get_platform_hw_integrity_local(nullptr, nullptr), ATTEST_ERR_INVALID_PARAM);
+    EXPECT_TRUE(
+        trace_has("get_platform_hw_integrity_local(): get_platform_hw_integrity_local invalid parameters "));
+}
+
+TEST_F(operations_test, WithoutANonceThereIsAQuoteAndNoSignature)
+{
+    EXPECT_FALSE(ask_certificates("Kestrin VOXA", 0).quoted);
+    EXPECT_TRUE(ask_pcrs({7, 7, 0}, 0).quoted);
+    EXPECT_TRUE(ask_hw_integrity(0).quoted);
+    EXPECT_TRUE(ask_pcrs(std::vector<std::uint32_t>(256, 0)).empty == false) << "the count is one of 8 bits";
+}
+
+TEST_F(operations_test, ABankThatIsNotAllocatedIsAFailedRead)
+{
+    deallocate_banks();
+    EXPECT_EQ(start(), ATTEST_OK);
+    EXPECT_EQ(at_agent_state.capability_pcr_read, 0u);
+    EXPECT_EQ(ask_pcrs({0}).status, ATTEST_ERR_NOT_SUPPORTED);
+    EXPECT_TRUE(
+        trace_has("attestation_attest_pcrs(): attestation_attest_pcrs PCR read / quote not supported "));
+    at_agent_state.capability_pcr_read = 1; // the bank was there when the agent started
+    EXPECT_EQ(ask_pcrs({3}).status, ATTEST_ERR_KOV_COMM);
+    EXPECT_TRUE(trace_has_part("Failed to fetch PCR value 3  PCR bank is not allocated"));
+    EXPECT_EQ(ask_hw_integrity().status, ATTEST_ERR_KOV_COMM);
+    EXPECT_TRUE(trace_has_part("Failed to fetch PCR value 15  PCR bank is not allocated"));
+    EXPECT_TRUE(ask_hw_integrity(20, 0).quoted) << "SHA-1";
+}
+
+TEST_F(operations_test, DigestsThatAreMissingFailTheReportButNotTheRest)
+{
+    setenv("ATTEST_TRUST_ANCHOR", "/nowhere/trust_anchor.json", 1);
+    const evidence got = ask_hw_integrity();
+    EXPECT_EQ(got.status, ATTEST_ERR_KOV_COMM);
+    EXPECT_FALSE(got.empty);
+    EXPECT_TRUE(trace_has_part("get_platform_hw_integrity_local(): Failed to fetch  the trust anchor is not "
+                               "provisioned for 0 type db uids"));
+    EXPECT_FALSE(trace_has_part("for 1 type db uids"));
+}
+
+TEST_F(operations_test, AReportWithoutItsNodesNameEndsTheProcess)
+{
+    losing_variable = {"ATTEST_NODE_NAME", 1};
+    EXPECT_EXIT(ask_hw_integrity(), testing::ExitedWithCode(1), "Unable to get platform node info");
+}
+
+TEST_F(operations_test, WhateverAllocationFailsNothingLeaksAndTheNextRequestWorks)
+{
+    const std::function<evidence()> operations[] = {[] { return ask_certificates("Kestrin VOXA"); },
+                                                    [] {
+                                                        return ask_pcrs({0, 7, 10});
+                                                    },
+                                                    [] { return ask_hw_integrity(); }};
+    for (const auto &ask : operations) {
+        ASSERT_TRUE(ask().quoted);
+        for (std::size_t n = 0, asked = 1; n < asked; ++n) {
+            evidence got;
+            {
+                const allocation_faults faults(n);
+                got = ask();
+                asked = allocation_faults::asked();
+                EXPECT_EQ(allocation_faults::live(), 0u) << n;
+            }
+            if (n >= asked)
+                break;
+            // A dump for the trace may fail without a word, a quote with a line; the record says which.
+            EXPECT_EQ(got.status == ATTEST_OK, !got.empty && got.status != ATTEST_ERR_KOV_COMM) << n;
+            EXPECT_TRUE(ask().quoted) << "after " << n;
+        }
+    }
+}
+
+} // namespace
