@@ -2,7 +2,7 @@
 #pragma once
 
 #include <cstdint>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <string>
 #include <vector>
 
