@@ -22,6 +22,7 @@ struct at_agent_state_block {
     kovc_context *client_context; // null until the trust anchor is initialised; lives as long as the process
     std::uint32_t capability_pcr_read;
     std::uint32_t capability_pcr_quote;
+    std::uint32_t ima_cache_ready; // 1 when at_ima_cache_init succeeded
     at_paused_stream_slot at_paused_stream;
     struct shmht_handle *at_ima_ht; // the table of measurements; null until it could be created
 };

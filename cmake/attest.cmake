@@ -19,9 +19,10 @@ function(attest_program name)
 endfunction()
 
 # attest_test(NAME SOURCES... [LINK ...]): a GoogleTest program, one test of CTest; it finds tests/data through
-# ATTEST_TEST_DATA and the shared fixtures, where the checkout has them beside it, through ATTEST_FIXTURES.
+# ATTEST_TEST_DATA and the shared fixtures, where the checkout has them beside it, through ATTEST_FIXTURES. With
+# OWN_MACHINE it runs on a disk and a shared memory of its own.
 function(attest_test name)
-  cmake_parse_arguments(ARG "" "TIMEOUT" "LINK" ${ARGN})
+  cmake_parse_arguments(ARG "OWN_MACHINE" "TIMEOUT" "LINK" ${ARGN})
   add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE attest_flags ${ARG_LINK} GTest::gmock GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE ATTEST_TEST_DATA="${CMAKE_SOURCE_DIR}/tests/data"
@@ -29,7 +30,10 @@ function(attest_test name)
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
-  add_test(NAME ${name} COMMAND ${name})
+  if(ARG_OWN_MACHINE)
+    set(own_machine ${CMAKE_SOURCE_DIR}/tests/support/own_machine)
+  endif()
+  add_test(NAME ${name} COMMAND ${own_machine} $<TARGET_FILE:${name}>)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
 endfunction()
 

@@ -6,6 +6,7 @@
 #include "agent/agent_state.h"
 #include "agent/debug_trace.h"
 #include "agent/status.h"
+#include "ima_cache/ima_cache.h"
 #include "platform/owners.h"
 #include "trust_anchor/session.h"
 
@@ -80,5 +81,11 @@ std::uint32_t attestation_local_init()
         return ATTEST_ERR_KOV_INIT;
     }
     fill_login_context(at_agent_state.login_context);
-    return query_capabilities() ? ATTEST_OK : ATTEST_ERR_KOV_INIT;
+    if (!query_capabilities())
+        return ATTEST_ERR_KOV_INIT;
+    if (at_ima_cache_init() == 1) {
+        attest_trace("IMA cache initialized");
+        at_agent_state.ima_cache_ready = 1;
+    }
+    return ATTEST_OK;
 }

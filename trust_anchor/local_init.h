@@ -1,4 +1,4 @@
-// Prepares what the node's own evidence needs from the trust anchor.
+// Prepares what the node's own evidence needs: the trust anchor, then the cache of the kernel's list.
 #pragma once
 
 #include <cstdint>

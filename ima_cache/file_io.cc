@@ -1,0 +1,66 @@
+#include "ima_cache/file_io.h"
+
+#include <algorithm>
+#include <array>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+unique_fd open_file(const char *path, int flags, mode_t mode)
+{
+    unique_fd file(uninterrupted([=] { return open(path, flags | O_CLOEXEC, mode); }));
+    if (file.get() == 0)
+        file.reset(fcntl(0, F_DUPFD_CLOEXEC, 1));
+    return file;
+}
+
+int read_at(int fd, std::span<std::byte> bytes, off_t offset)
+{
+    while (!bytes.empty()) {
+        ssize_t got = uninterrupted([=] { return pread(fd, bytes.data(), bytes.size(), offset); });
+        if (got <= 0)
+            return static_cast<int>(got);
+        bytes = bytes.subspan(static_cast<std::size_t>(got));
+        offset += got;
+    }
+    return 1;
+}
+
+namespace {
+
+void blank(int fd, std::size_t length, off_t offset)
+{
+    static constexpr std::array<std::byte, 4096> zeros{};
+    while (length > 0) {
+        std::size_t piece = std::min(length, zeros.size());
+        ssize_t written = uninterrupted([=] { return pwrite(fd, zeros.data(), piece, offset); });
+        if (written <= 0)
+            return;
+        length -= static_cast<std::size_t>(written);
+        offset += written;
+    }
+}
+
+} // namespace
+
+bool write_or_blank(int fd, std::span<const std::byte> bytes, off_t offset)
+{
+    ssize_t written = uninterrupted([=] { return pwrite(fd, bytes.data(), bytes.size(), offset); });
+    if (written == static_cast<ssize_t>(bytes.size()))
+        return true;
+    if (written > 0)
+        blank(fd, static_cast<std::size_t>(written), offset);
+    return false;
+}
+
+bool is_missing(const char *path)
+{
+    struct stat state {};
+    return stat(path, &state) != 0 && errno == ENOENT;
+}
+
+bool ensure_directory(const char *path)
+{
+    struct stat state {};
+    return mkdir(path, 0700) == 0 || (stat(path, &state) == 0 && S_ISDIR(state.st_mode));
+}

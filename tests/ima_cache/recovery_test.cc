@@ -1,0 +1,321 @@
+// What a start makes of what it finds: missing, damaged, foreign and half-made things.
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sys/mman.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "ima_cache/cache_block.h"
+#include "ima_cache/semaphore_lock.h"
+#include "platform/owners.h"
+#include "tests/ima_cache/cache_of_test.h"
+#include "tests/support/trace_capture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using strings = std::vector<std::string>;
+
+constexpr std::uint64_t IN_A_BLOCK = 3000;
+
+class Recovery : public cache_of_test {
+protected:
+    // Three sealed blocks and one with two chunks.
+    void SetUp() override
+    {
+        append(3 * CHUNKS + 2);
+        four = save(4);
+        messages_raised.clear();
+    }
+    // After a start that has found block `index` missing or corrupt.
+    static void expect_cut_at(unsigned index, const std::string &what)
+    {
+        EXPECT_EQ(ima_cache_ctx.meta->cur_block, index) << what;
+        served_events served = serve_all();
+        EXPECT_EQ(served.problem, "") << what;
+        EXPECT_EQ(served.count, index * IN_A_BLOCK) << what;
+        for (unsigned i = index; i < 5; ++i)
+            EXPECT_FALSE(fs::exists(path_of(i))) << what << ", block " << i;
+    }
+    saved_cache four;
+};
+
+TEST_F(Recovery, ChangesASoundCache)
+{
+    ima_cache_meta before = *ima_cache_ctx.meta;
+    auto chain = ima_cache_ctx.block_hash_chain;
+    ASSERT_EQ(restart(), 1);
+    EXPECT_EQ(std::memcmp(&before, ima_cache_ctx.meta, sizeof before), 0);
+    EXPECT_EQ(chain, ima_cache_ctx.block_hash_chain);
+    EXPECT_EQ(messages_raised, strings{});
+    expect_events(11'000);
+    append(2);
+    expect_events(13'000);
+}
+
+TEST_F(Recovery, MistakesWhichBlocksAreMissing)
+{
+    for (unsigned missing = 1; missing < 16; ++missing) {
+        put_back(four);
+        unsigned first = 4;
+        for (unsigned i = 4; i-- > 0;) {
+            if ((missing >> i & 1) == 0)
+                continue;
+            remove_block(path_of(i).c_str());
+            first = i;
+        }
+        ASSERT_EQ(restart(), 1);
+        expect_cut_at(first, "missing " + std::to_string(missing));
+        // The current block may well not have been started.
+        EXPECT_EQ(messages_raised,
+                  first == 3 ? strings{} : strings{"IMA_DISK_LOST_BLOCK: " + path_of(first)});
+        EXPECT_TRUE(
+            trace_has("validate_all_blocks(): Block is missing, resetting current write block to this " +
+                      std::to_string(first)));
+        append(1);
+        expect_events(first * IN_A_BLOCK + 1000);
+    }
+}
+
+TEST_F(Recovery, ServesADamagedBlock)
+{
+    for (unsigned index = 0; index < 4; ++index) {
+        put_back(four);
+        std::uint32_t used_len = header_of(index).used_len;
+        std::vector<std::size_t> places;
+        for (std::size_t at = 0; at < CACHE_BLOCK_HDR_LEN; ++at)
+            places.push_back(at);
+        for (std::size_t at = CACHE_BLOCK_HDR_LEN; at < used_len; at += 4999)
+            places.push_back(at);
+        places.push_back(used_len - 1);
+        for (std::size_t at : places) {
+            put_back(four);
+            std::vector<std::uint8_t> block = four.blocks[index];
+            block[at] ^= static_cast<std::uint8_t>(1 << at % 8);
+            write_block(index, block);
+            ASSERT_EQ(restart(), 1);
+            std::string what = "byte " + std::to_string(at) + " of block " + std::to_string(index);
+            expect_cut_at(index, what);
+            EXPECT_EQ(messages_raised, strings{"IMA_DISK_CORRUPT_BLOCK: " + path_of(index)}) << what;
+        }
+    }
+    put_back(four); // what no hash covers does not matter
+    std::vector<std::uint8_t> block = four.blocks[3];
+    block.back() ^= 1;
+    write_block(3, block);
+    ASSERT_EQ(restart(), 1);
+    expect_events(11'000);
+}
+
+TEST_F(Recovery, TakesAForeignBlockForItsOwn)
+{
+    struct {
+        const char *what;
+        std::function<void(std::vector<std::uint8_t> &)> change;
+    } changes[] = {
+        {"version", [](auto &block) { block[32] = 1; }},
+        {"no chunk", [](auto &block) { block[36] = 88, block[37] = block[38] = 0; }},
+        {"used_len within the header", [](auto &block) { block[36] = 40, block[37] = block[38] = 0; }},
+        {"cut file", [](auto &block) { block.resize(block.size() - 1); }},
+    };
+    for (auto &[what, change] : changes) {
+        put_back(four);
+        std::vector<std::uint8_t> block = four.blocks[1];
+        change(block);
+        if (std::string(what) == "no chunk")
+            std::fill(block.begin(), block.begin() + 32, 0), write_block(1, block);
+        else
+            write_block_with_hash(1, block);
+        ASSERT_EQ(restart(), 1) << what;
+        expect_cut_at(1, what);
+        EXPECT_EQ(messages_raised, strings{"IMA_DISK_CORRUPT_BLOCK: " + path_of(1)}) << what;
+    }
+}
+
+TEST_F(Recovery, DeletesBlocksBehindOneThatCannotBeRead)
+{
+    std::ofstream(path_of(9)) << "unexpected";
+    write_block(1, {1, 2, 3});
+    EXPECT_EQ(restart(), -1);
+    EXPECT_TRUE(trace_has("validate_all_blocks(): Unable to determine state of the block " + path_of(1)));
+    EXPECT_EQ(trace_captured.back(), "at_ima_cache_init(): \n IMA Cache init failed ");
+    EXPECT_TRUE(trace_has("validate_all_blocks(): Found unexpected block " + path_of(9) + ", deleting"));
+    EXPECT_FALSE(fs::exists(path_of(9)));
+    EXPECT_EQ(messages_raised, strings{});
+    write_block(1, four.blocks[1]);
+    EXPECT_EQ(restart(), 1);
+    expect_events(11'000);
+}
+
+// A death between the block's update and the metadata's.
+TEST_F(Recovery, AppendsAChunkTwice)
+{
+    for (unsigned chunks : {1u, 2u}) { // the second one seals the block
+        put_back(four);
+        ASSERT_EQ(restart(), 1);
+        append(chunks - 1);
+        ima_cache_meta before = *ima_cache_ctx.meta;
+        append(1);
+        std::uint8_t cur_block = ima_cache_ctx.meta->cur_block;
+        *ima_cache_ctx.meta = before;
+        ima_cache_ctx.meta->cur_block = cur_block;
+        ASSERT_EQ(restart(), 1);
+        std::uint64_t last = 11'000 + chunks * 1000;
+        expect_events(last);
+        EXPECT_EQ(source_chunk(last - 999).add(), 0);
+        append(1);
+        expect_events(last + 1000);
+    }
+}
+
+// While the cache is used.
+TEST_F(Recovery, GoesOnWithALostOrDamagedBlock)
+{
+    for (bool damaged : {false, true}) {
+        for (unsigned index : {1u, 3u}) {
+            put_back(four);
+            ASSERT_EQ(restart(), 1);
+            std::vector<std::uint8_t> block = four.blocks[index];
+            block[100] ^= 1;
+            if (damaged)
+                write_block(index, block);
+            else
+                remove_block(path_of(index).c_str());
+            if (index == 3) {
+                EXPECT_EQ(source_chunk(11'001).add(), -1);
+            }
+            ima_cache_cursor at{};
+            owned_message<IMACacheBlock> message;
+            EXPECT_EQ(
+                at_ima_cache_read_start(index * IN_A_BLOCK + 1, message.get(), &at.block, &at.offset, &at.fd),
+                -1);
+            at_ima_cache_read_done(&at.block, &at.offset, &at.fd);
+            EXPECT_EQ(messages_raised.size(), damaged ? 2 : index == 1 ? 1 : 0);
+            expect_cut_at(index, "while running");
+            append(2);
+            expect_events(index * IN_A_BLOCK + 2000);
+        }
+    }
+}
+
+// ---- the metadata ----
+
+struct contradiction {
+    const char *what;
+    std::function<void(ima_cache_meta &)> make;
+};
+
+TEST_F(Recovery, BelievesMetadataThatContradictThemselves)
+{
+    auto directory = [](std::string name) {
+        return [name](ima_cache_meta &meta) {
+            std::memset(meta.cache_dir, 0, CACHE_DIR_SIZE);
+            std::memcpy(meta.cache_dir, name.data(), name.size());
+        };
+    };
+    contradiction contradictions[] = {
+        {"size", [](auto &meta) { meta.meta_size = 5336; }},
+        {"current block", [](auto &meta) { meta.cur_block = 200; }},
+        {"half made", directory("")},
+        {"another directory", directory("/tmp/ima_cache_0")},
+        {"the root itself", directory("/harddisk:/ima/")},
+        {"above the root", directory("/harddisk:/ima/..")},
+        {"below a directory", directory("/harddisk:/ima/../x")},
+        {"no end", [](auto &meta) { std::memset(meta.cache_dir + 15, 'x', CACHE_DIR_SIZE - 15); }},
+        {"zeros", [](auto &meta) { std::memset(&meta, 0, sizeof meta); }},
+    };
+    for (auto &[what, make] : contradictions) {
+        make(*ima_cache_ctx.meta);
+        trace_captured.clear();
+        ASSERT_EQ(restart(), 1) << what;
+        EXPECT_TRUE(trace_has_part("the cache starts anew")) << what;
+        EXPECT_EQ(ima_cache_ctx.meta->meta_size, 5337);
+        expect_events(0);
+        EXPECT_EQ(std::distance(fs::directory_iterator(IMA_CACHE_ROOT), {}), 1) << what;
+        append(1);
+        expect_events(1000);
+    }
+}
+
+TEST_F(Recovery, BelievesAnObjectOfAnotherSize)
+{
+    for (off_t size : {0, 8, 5336, 5338, 20'000}) {
+        ASSERT_EQ(truncate(IMA_CACHE_META_PATH, size), 0);
+        ASSERT_EQ(restart(), 1) << size;
+        EXPECT_EQ(fs::file_size(IMA_CACHE_META_PATH), 5337);
+        append(1);
+        expect_events(1000);
+    }
+}
+
+// ---- the first start of a boot ----
+
+TEST_F(Recovery, KeepsTheCacheOfAnEarlierBoot)
+{
+    std::string earlier = ima_cache_ctx.meta->cache_dir;
+    fs::create_directories("/harddisk:/ima/ima_cache_x/deeper");
+    std::ofstream("/harddisk:/ima/ima_cache_x/deeper/file");
+    fs::create_directory("/harddisk:/ima/kept");
+    fs::create_directory_symlink("/harddisk:/ima/kept", "/harddisk:/ima/ima_cache_link");
+    ASSERT_EQ(mkfifo("/harddisk:/ima/ima_cache_pipe", 0600), 0);
+    std::ofstream("/harddisk:/ima/kept/file");
+    fs::rename(earlier, "/harddisk:/ima/ima_cache_old"); // not the name that this second gives
+    reboot();
+    ASSERT_EQ(restart(), 1);
+    strings left;
+    for (const auto &entry : fs::recursive_directory_iterator(IMA_CACHE_ROOT))
+        left.push_back(entry.path());
+    std::ranges::sort(left);
+    EXPECT_EQ(left,
+              (strings{ima_cache_ctx.meta->cache_dir, "/harddisk:/ima/kept", "/harddisk:/ima/kept/file"}));
+    EXPECT_THAT(ima_cache_ctx.meta->cache_dir,
+                testing::MatchesRegex("/harddisk:/ima/ima_cache_[0-9]{8}_[0-9]{6}"));
+    expect_events(0);
+    fs::remove_all("/harddisk:/ima/kept");
+}
+
+TEST_F(Recovery, DoesNotSayHowItStarts)
+{
+    reboot();
+    for (const auto &entry : fs::directory_iterator(IMA_CACHE_ROOT))
+        fs::rename(entry, "/harddisk:/elsewhere");
+    fs::remove(IMA_CACHE_ROOT);
+    trace_captured.clear();
+    ASSERT_EQ(restart(), 1);
+    struct stat root {};
+    ASSERT_EQ(stat(IMA_CACHE_ROOT, &root), 0);
+    EXPECT_EQ(root.st_mode & 0777, 0700);
+    EXPECT_EQ(trace_captured[0], "load_shm_meta_block(): shm_open failed, perhaps it does not exist \n");
+    EXPECT_THAT(trace_captured[1],
+                testing::MatchesRegex(
+                    "load_shm_meta_block\\(\\): Created IMA cache block with id [0-9]+, Size 5337"));
+    EXPECT_EQ(trace_captured[2], "load_shm_meta_block(): SEM Key created \n");
+    EXPECT_EQ(trace_captured.back(), "load_shm_meta_block(): create_shmht: The id of the semaphore is: " +
+                                         std::to_string(ima_cache_ctx.semid) + "\n");
+    remove_block("/harddisk:/elsewhere");
+}
+
+TEST_F(Recovery, LeavesTracesOfAFailedFirstStart)
+{
+    reboot();
+    for (const auto &entry : fs::directory_iterator(IMA_CACHE_ROOT))
+        fs::rename(entry, "/harddisk:/elsewhere2");
+    fs::remove(IMA_CACHE_ROOT);
+    std::ofstream("/harddisk:/ima") << "in the way";
+    EXPECT_EQ(restart(), -1);
+    EXPECT_EQ(trace_captured.back(), "at_ima_cache_init(): \n IMA Cache init failed ");
+    EXPECT_EQ(ima_cache_ctx.meta, nullptr);
+    EXPECT_FALSE(fs::exists(IMA_CACHE_META_PATH));
+    std::uint64_t out = 0;
+    EXPECT_EQ(at_ima_cache_get_last_offset(&out, &out), -1);
+    EXPECT_EQ(source_chunk(1).add(), -1);
+    fs::remove("/harddisk:/ima");
+    EXPECT_EQ(restart(), 1);
+    expect_events(0);
+}
+
+} // namespace
