@@ -25,7 +25,7 @@ bool metadata_are_sound(const ima_cache_meta &meta)
 
 metadata_lock::metadata_lock(int (*take)(int), int (*release)(int))
 {
-    if (ima_cache_ctx.meta != nullptr && take(ima_cache_ctx.semid) == 0)
+    if (ima_cache_ctx.meta != nullptr && !ima_cache_ctx.lock_stuck && take(ima_cache_ctx.semid) == 0)
         release_ = release;
 }
 
@@ -41,8 +41,8 @@ metadata_lock metadata_lock::write()
 
 metadata_lock::~metadata_lock()
 {
-    if (release_ != nullptr)
-        release_(ima_cache_ctx.semid);
+    if (release_ != nullptr && release_(ima_cache_ctx.semid) != 0)
+        ima_cache_ctx.lock_stuck = release_(ima_cache_ctx.semid) != 0;
 }
 
 namespace {
@@ -51,7 +51,7 @@ cache_path in_directory(const ima_cache_meta &meta, const char *name)
 {
     cache_path path;
     // The bound holds also for a text that somebody has damaged since the start.
-    std::snprintf(path.text, sizeof path.text, "%.*s/%s", static_cast<int>(CACHE_DIR_SIZE - 1),
+    std::snprintf(path.text, sizeof path.text, "%.*s/%.30s", static_cast<int>(CACHE_DIR_SIZE - 1),
                   meta.cache_dir, name);
     return path;
 }

@@ -9,6 +9,7 @@
 struct ima_cache_context {
     ima_cache_meta *meta = nullptr; // null while the cache cannot be used
     int semid = -1;
+    bool lock_stuck = false; // it could not be given back: taking it again would block for ever
     // An operation has changed, or may have changed, a block and could not finish the metadata: they are
     // derived from the blocks before they are used again.
     bool metadata_behind = false;
@@ -42,7 +43,7 @@ private:
 
 // A file in the cache directory.
 struct cache_path {
-    char text[CACHE_DIR_SIZE + 20];
+    char text[CACHE_DIR_SIZE + 32];
 };
 
 // With the lock held.

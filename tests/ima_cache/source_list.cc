@@ -60,14 +60,15 @@ served_events serve_all()
     std::uint64_t tail_offset = 0;
     std::uint64_t last_event = 0;
     if (at_ima_cache_get_last_offset(&tail_offset, &last_event) != 1)
-        return {0, "the end is not known"};
+        return {0, "the end is not known", false};
     if (tail_offset != offset_behind(last_event))
         served.problem = "offset " + number(tail_offset) + " behind event " + number(last_event);
     ima_cache_cursor at{};
     IMACacheBlock message{};
     std::int32_t result = at_ima_cache_read_start(1, &message, &at.block, &at.offset, &at.fd);
     while (result == 1 && served.problem.empty()) {
-        if (!is_source(message, served.count + 1))
+        served.wrong = !is_source(message, served.count + 1);
+        if (served.wrong)
             served.problem = "the chunk behind event " + number(served.count) + " is another one";
         served.count += MAX_IMA_EVENTS;
         message_release(message);

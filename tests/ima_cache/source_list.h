@@ -17,7 +17,7 @@ inline constexpr std::uint64_t offset_behind(std::uint64_t event)
 // The 1000 events from `first` on.
 class source_chunk {
 public:
-    explicit source_chunk(std::uint64_t first, std::size_t name_length = 8);
+    explicit source_chunk(std::uint64_t first, std::size_t name_length = 4);
     source_chunk(const source_chunk &) = delete;
     source_chunk &operator=(const source_chunk &) = delete;
 
@@ -34,5 +34,6 @@ public:
 struct served_events {
     std::uint64_t count = 0; // from event 1 on, each as in the source
     std::string problem;     // empty: every event was as it must be, and the end is where the cache says
+    bool wrong = false;      // the problem is something that was served, not something that was not
 };
 served_events serve_all();

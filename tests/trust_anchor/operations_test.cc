@@ -120,7 +120,12 @@ protected:
         ASSERT_EQ(attestation_local_init(), ATTEST_OK);
         ASSERT_EQ(at_agent_state.capability_pcr_read, 1u);
         ASSERT_EQ(at_agent_state.capability_pcr_quote, 1u);
-        ASSERT_THAT(trace_captured, testing::IsEmpty());
+        ASSERT_EQ(at_agent_state.ima_cache_ready, 1u);
+        ASSERT_EQ(trace_captured.back(), "attestation_local_init(): IMA cache initialized");
+        trace_captured.pop_back();
+        ASSERT_THAT(trace_captured,
+                    testing::Not(testing::Contains(testing::HasSubstr("attestation_local_init"))));
+        trace_captured.clear();
     }
     // What the agent does when it is started on a node as it is now.
     std::uint32_t start()
@@ -202,11 +207,17 @@ TEST_F(operations_test, StartingFailsAtTheStepThatFails)
         EXPECT_EQ(start(), row.status) << row.what;
         EXPECT_EQ(at_agent_state.capability_pcr_read, row.can_read) << row.what;
         EXPECT_EQ(at_agent_state.capability_pcr_quote, row.can_quote) << row.what;
+        EXPECT_EQ(at_agent_state.ima_cache_ready, row.status == ATTEST_OK ? 1u : 0u) << row.what;
         EXPECT_TRUE(trace_has_part(std::string("attestation_local_init(): ") + row.line)) << row.what;
         EXPECT_TRUE(row.can_quote == 1 || ask_pcrs({0}).status == ATTEST_ERR_NOT_SUPPORTED) << row.what;
         EXPECT_TRUE(row.status == ATTEST_OK || ask_certificates("Kestrin AIK").status == ATTEST_ERR_KOV_COMM)
             << row.what;
     }
+    restore();
+    std::filesystem::rename("/harddisk:/ima", "/harddisk:/away");
+    EXPECT_EQ(start(), ATTEST_OK);
+    EXPECT_EQ(at_agent_state.ima_cache_ready, 0u) << "a cache without a place for it";
+    std::filesystem::rename("/harddisk:/away", "/harddisk:/ima");
 }
 
 TEST_F(operations_test, EachFailureIsItsCodeAndItsLineAndTheNextRequestWorks)
