@@ -12,6 +12,7 @@
 #include "ima/ima_log.h"
 #include "ima/ima_retrieval.h"
 #include "ima/ima_stream.h"
+#include "ima_cache/cache_block.h"
 #include "tests/ima/parsed_list.h"
 #include "tests/ima_cache/cache_of_test.h"
 #include "tests/support/ima_list.h"
@@ -72,8 +73,7 @@ namespace {
 
 const std::string &list_bytes()
 {
-    static const std::string bytes =
-        ima_list(LENGTH, IMA_KIND_NG | IMA_KIND_SIG | IMA_KIND_OLD | IMA_KIND_LISTED);
+    static const std::string bytes = ima_list(LENGTH, IMA_KIND_NG | IMA_KIND_SIG | IMA_KIND_LISTED);
     return bytes;
 }
 
@@ -211,8 +211,8 @@ TEST_F(retrieval_test, ACacheThatWasCutBackRemovedOrDamagedChangesNoEvent)
 {
     const std::pair<const char *, std::function<void()>> damages[] = {
         {"nothing yet", [] {}},
-        {"a block removed", [] { std::filesystem::remove(path_of(1)); }},
-        {"the first block removed", [] { std::filesystem::remove(path_of(0)); }},
+        {"a block removed", [] { remove_block(path_of(1).c_str()); }},
+        {"the first block removed", [] { remove_block(path_of(0).c_str()); }},
         {"a block damaged",
          [] {
              std::vector<std::uint8_t> block = read_block(1);
@@ -225,7 +225,12 @@ TEST_F(retrieval_test, ACacheThatWasCutBackRemovedOrDamagedChangesNoEvent)
              block[100] ^= 1;
              write_block(2, block);
          }},
-        {"the directory removed", [] { std::filesystem::remove_all(ima_cache_ctx.meta->cache_dir); }},
+        {"the directory removed",
+         [] {
+             for (unsigned block : {0u, 1u, 2u})
+                 remove_block(path_of(block).c_str());
+             remove_block(ima_cache_ctx.meta->cache_dir);
+         }},
     };
     for (const auto &[what, damage] : damages)
         for (std::uint64_t start : {0u, 1500u, 3000u, 3001u, 4500u, 6500u, 7200u})
@@ -263,7 +268,8 @@ TEST_F(retrieval_test, APausedStreamGoesOnWithTheRefusedChunk)
                     EXPECT_TRUE(std::is_sorted(got.begin(), got.end()));
                     EXPECT_EQ(std::adjacent_find(got.begin(), got.end()), got.end()) << "an event twice";
                     EXPECT_EQ(got.back() - got.front() + 1, got.size()) << "an event is missing";
-                    EXPECT_GE(got.back(), undisturbed.back());
+                    // A live chunk that was refused counts against the limit all the same.
+                    EXPECT_GE(got.back() + (count == ALL ? 0 : 1000), undisturbed.back());
                 }
             }
 }
