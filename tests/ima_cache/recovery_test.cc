@@ -172,6 +172,17 @@ TEST_F(Recovery, AppendsAChunkTwice)
     }
 }
 
+// One that could not be deleted when the cache was cut at it.
+TEST_F(Recovery, AppendsToASealedBlock)
+{
+    ima_cache_ctx.meta->cur_block = 1;
+    ima_cache_ctx.meta->last_event = IN_A_BLOCK;
+    ASSERT_EQ(restart(), 1);
+    expect_events(11'000);
+    append(2);
+    expect_events(13'000);
+}
+
 // While the cache is used.
 TEST_F(Recovery, GoesOnWithALostOrDamagedBlock)
 {
