@@ -29,7 +29,7 @@ NOT_OURS = ("exit_group", "execve")
 NOT_SURVIVED = ("brk",)  # by the C library's own allocator
 TRACE = "/tmp/trace"
 # A call that is interrupted for ever is taken up for ever: such a process is killed, like others.
-FOR_EVER_S = 0.4
+FOR_EVER_S = 0.25
 ENVIRONMENT = {**os.environ, "ASAN_OPTIONS": "detect_leaks=0"}  # which cannot work in a traced process
 
 random.seed(5)
