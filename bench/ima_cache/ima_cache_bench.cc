@@ -61,7 +61,7 @@ void print(job_rate &rate)
 
 void fill_block(benchmark::State &state)
 {
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         state.PauseTiming();
         start_cache();
         state.ResumeTiming();
@@ -76,7 +76,7 @@ void fill_block(benchmark::State &state)
 template <void (*yardstick)(bench_chunk &, const std::string &)>
 void fill_file(benchmark::State &state)
 {
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         state.PauseTiming();
         fs::remove(scratch);
         state.ResumeTiming();
@@ -128,7 +128,7 @@ template <place &at>
 void append_at(benchmark::State &state)
 {
     make_places();
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         state.PauseTiming();
         start_cache(FEW);
         *ima_cache_ctx.meta = at.meta;
@@ -169,7 +169,7 @@ void make_sealed_block()
 void read_block(benchmark::State &state)
 {
     make_sealed_block();
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         timed watch(read_rate);
         ima_cache_cursor at{};
         std::uint64_t events = 0;
@@ -189,7 +189,7 @@ void read_block(benchmark::State &state)
 void hash_and_decode(benchmark::State &state)
 {
     make_sealed_block();
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         hash_of_file(bench_block_path(0), sealed_block.size());
         for (std::size_t at = CACHE_BLOCK_HDR_LEN; at < sealed_block.size();) {
             std::uint32_t length = 0;
@@ -232,7 +232,7 @@ void start_over_blocks(benchmark::State &state)
     start_cache(FEW);
     std::strcpy(ima_cache_ctx.meta->cache_dir, "/harddisk:/ima/twenty");
     ima_cache_ctx.meta->cur_block = STARTED_OVER;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         timed watch(start_rate);
         require(at_ima_cache_init() == 1, "no start");
     }
@@ -242,7 +242,7 @@ void start_over_blocks(benchmark::State &state)
 void hash_blocks(benchmark::State &state)
 {
     make_twenty_blocks();
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         for (const auto &block : fs::directory_iterator("/harddisk:/ima/twenty"))
             hash_of_file(block.path(), fs::file_size(block));
     }
