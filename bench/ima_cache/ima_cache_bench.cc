@@ -102,12 +102,17 @@ place first_place;
 place late_place;
 std::array<sha256_digest, IMA_CACHE_MAX_BLOCKS> late_chain;
 
+void name_directory(ima_cache_meta &meta, const std::string &directory)
+{
+    std::snprintf(meta.cache_dir, sizeof meta.cache_dir, "%s", directory.c_str());
+}
+
 void copy_cache(place &to, const std::string &name)
 {
     to.directory = IMA_CACHE_ROOT + std::string("places_") + name;
     fs::copy(ima_cache_ctx.meta->cache_dir, to.directory);
     to.meta = *ima_cache_ctx.meta;
-    std::strcpy(to.meta.cache_dir, to.directory.c_str());
+    name_directory(to.meta, to.directory);
 }
 
 void make_places()
@@ -230,7 +235,7 @@ void start_over_blocks(benchmark::State &state)
 {
     make_twenty_blocks();
     start_cache(FEW);
-    std::strcpy(ima_cache_ctx.meta->cache_dir, "/harddisk:/ima/twenty");
+    name_directory(*ima_cache_ctx.meta, "/harddisk:/ima/twenty");
     ima_cache_ctx.meta->cur_block = STARTED_OVER;
     while (state.KeepRunning()) {
         timed watch(start_rate);

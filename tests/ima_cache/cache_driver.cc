@@ -88,6 +88,7 @@ int work(std::uint64_t target)
     for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
         if (at_ima_cache_init() == 1)
             return fill(target);
+        lift_limit();
     }
     return FAILED;
 }
