@@ -535,13 +535,24 @@ TEST(verify, no_source_and_too_many)
     EXPECT_THAT(not_passed(f), ElementsAre("FAIL sources"));
 }
 
-TEST(verify, ima_list_is_never_taken_on_trust)
+TEST(verify, ima_list_that_did_not_come_fails)
 {
     evidence got = good_evidence().got;
     constexpr std::array ima = {subject::ima_list};
-    EXPECT_EQ(judge(got, ima, {}).back().outcome, check_outcome::failed);
+    const auto names = [&] {
+        std::vector<std::string> failing;
+        for (const check &row : judge(got, ima, {}))
+            if (row.outcome == check_outcome::failed)
+                failing.push_back(row.name);
+        return failing;
+    };
+    EXPECT_THAT(names(), ElementsAre("IMA list numbers", "IMA list")) << "neither a list nor a stream";
     got.arrivals.push_back({"ima-log", true, 1, ""});
-    EXPECT_EQ(judge(got, ima, {}).back().outcome, check_outcome::not_made);
+    EXPECT_THAT(names(), ElementsAre("IMA list numbers")) << "a stream without a list of this source";
+    api::NodeIMAData stranger;
+    stranger.set_node_name("nobody");
+    take_ima_message(got.ima_lists, stranger, got.pcrs);
+    EXPECT_THAT(names(), ElementsAre("IMA list numbers", "IMA list")) << "and one of a source of nothing else";
 }
 
 // Nothing that is signed can be changed or cut anywhere without notice, and nothing reads past its end.
