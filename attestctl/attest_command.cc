@@ -45,7 +45,12 @@ int run_attest(const settings &chosen, client &c)
         return EXIT_USAGE;
     evidence got;
     const ask_result result = fetch_evidence(
-        c, [](const api::NodeIMAData &) { return true; }, got);
+        c,
+        [&got](const api::NodeIMAData &message) {
+            take_ima_message(got.ima_lists, message, got.pcrs);
+            return true;
+        },
+        got);
     if (result.status != ask_status::answered)
         complain(result.text);
     if (result.status == ask_status::unreachable || got.arrivals.empty())

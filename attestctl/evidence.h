@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "attestctl/client.h"
+#include "attestctl/verify/ima_list.h"
 
 // What came of one kind of evidence.
 struct arrival {
@@ -14,7 +15,7 @@ struct arrival {
     std::string text;        // what is in them, or why nothing came; one line, fit for a terminal
 };
 
-// What was asked with which nonce, and the answers. The IMA list may be of any length: it is passed on as it
+// What was asked with which nonce, and the answers. The IMA list may be of any length: it is replayed as it
 // comes and not kept.
 struct evidence {
     api::get_certificate_request identity_request, attestation_key_request;
@@ -24,6 +25,7 @@ struct evidence {
     api::get_platform_boot_integrity_event_logs_response boot_log;
     api::get_platform_hw_integrity_request hw_integrity_request;
     api::get_platform_hw_integrity_response hw_integrity;
+    std::vector<ima_list> ima_lists;
     std::vector<arrival> arrivals;
 };
 

@@ -42,15 +42,15 @@ public:
 } // namespace
 
 bool ratio_job(const char *job, double goal, void (*ours)(benchmark::State &),
-               void (*yardstick)(benchmark::State &))
+               void (*yardstick)(benchmark::State &), ratio_rounds rounds)
 {
     jobs().push_back({job, goal});
     for (auto [side, function] : {std::pair{"/ours", ours}, std::pair{"/yardstick", yardstick}}) {
         benchmark::RegisterBenchmark((std::string(job) + side).c_str(), function)
             ->Unit(benchmark::kMicrosecond)
             ->UseRealTime()
-            ->MinTime(0.2)
-            ->Repetitions(9)
+            ->MinTime(rounds.seconds)
+            ->Repetitions(rounds.count)
             ->ReportAggregatesOnly(true);
     }
     return true;

@@ -119,16 +119,29 @@ void judge_hardware(judgement &j)
                 other_key ? nullptr : j.attestation_key.device.get());
 }
 
-// The list is passed on as it comes and not kept: only that it came is known here.
-void judge_ima_list(const evidence &got, std::vector<check> &rows)
+void judge_ima_list(judgement &j)
 {
+    const auto &lists = j.got.ima_lists;
+    const auto found = std::find_if(lists.begin(), lists.end(),
+                                    [&j](const ima_list &one) { return one.source == j.from.name; });
+    if (found == lists.end())
+        return add_missing(j, "IMA list numbers");
+    check_ima_list(j.list, *found);
+}
+
+// What is wrong with the stream as a whole: one that broke off, or a list of a source that has nothing else.
+void judge_ima_stream(const evidence &got, const std::vector<source> &sources, std::vector<check> &rows)
+{
+    check_list list;
     const auto arrived = std::find_if(got.arrivals.begin(), got.arrivals.end(),
                                       [](const arrival &row) { return row.kind == "ima-log"; });
-    check_list list;
     if (arrived == got.arrivals.end() || !arrived->came)
-        add(list, "IMA list", failed("no list came"));
-    else
-        add(list, "IMA list", not_made("this version of attestctl does not check it"));
+        add(list, "IMA list", failed("did not come whole"));
+    for (const ima_list &one : got.ima_lists)
+        if (std::none_of(sources.begin(), sources.end(),
+                         [&](const source &s) { return s.name == one.source; }))
+            add(list, "IMA list",
+                failed("of \"" + printable(one.source, 64) + "\", from which nothing else came"));
     std::move(list.rows.begin(), list.rows.end(), std::back_inserter(rows));
 }
 
@@ -146,7 +159,7 @@ void judge_subject(judgement &j, subject what)
     case subject::hardware:
         return judge_hardware(j);
     case subject::ima_list:
-        break; // of the node as a whole
+        return judge_ima_list(j);
     }
 }
 
@@ -175,6 +188,6 @@ std::vector<check> judge(const evidence &got, std::span<const subject> subjects,
         std::move(j.list.rows.begin(), j.list.rows.end(), std::back_inserter(rows));
     }
     if (std::find(subjects.begin(), subjects.end(), subject::ima_list) != subjects.end())
-        judge_ima_list(got, rows);
+        judge_ima_stream(got, sources, rows);
     return rows;
 }

@@ -140,7 +140,7 @@ struct quote_signature {
     TPMT_SIGNATURE scheme;
     std::string bytes; // as OpenSSL takes them
     const char *key_type = nullptr;
-    const hash_algorithm *hash = nullptr;
+    const hash_algorithm *hash = nullptr; // none: the signature cannot be read
 };
 
 std::string ecdsa_der(const TPMS_SIGNATURE_ECC &signature)
@@ -206,7 +206,7 @@ bool is_signed_by(EVP_PKEY *key, const quote_signature &signature, const std::st
 finding check_signature(const std::string *quote, const quote_signature &signature,
                         const std::string &problem, const X509 *attestation_key)
 {
-    if (!problem.empty())
+    if (signature.hash == nullptr)
         return failed(problem);
     if (quote == nullptr)
         return not_made("there is no quote");
@@ -226,6 +226,9 @@ finding check_signature(const std::string *quote, const quote_signature &signatu
 
 const std::string *value_of(const pcr_list &pcrs, std::uint32_t index)
 {
+    constexpr int MOST_VALUES = 255; // what a request may ask for
+    if (pcrs.size() > MOST_VALUES)
+        return nullptr;
     const std::string *value = nullptr;
     for (const remote_attestation_api::PCR_DUMP &pcr : pcrs) {
         if (!pcr.has_index() || pcr.index() != index)

@@ -38,5 +38,5 @@ quote_answer quote_of(const Record &record)
 void check_quote(check_list &list, const std::string &subject, const quote_request &asked,
                  const quote_answer &answer, const X509 *attestation_key);
 
-// The value of the PCR in the answer; none, or values that differ: nullptr.
+// The value of the PCR in the answer; none, values that differ, or a list that no request asks for: nullptr.
 const std::string *value_of(const pcr_list &pcrs, std::uint32_t index);

@@ -162,9 +162,9 @@ void add_network(const board_source &source, std::vector<board_identifier> &list
             address = small_text_read(entry / "address");
         if (address.empty())
             continue;
-        const std::string vendor = small_text_read(device + "/vendor");
-        const std::string model = small_text_read(device + "/device");
-        list.push_back({"net/" + bus_address(device), address + " " + vendor + ":" + model});
+        address.append(" ").append(small_text_read(device + "/vendor"));
+        address.append(":").append(small_text_read(device + "/device"));
+        list.push_back({"net/" + bus_address(device), address});
     }
 }
 

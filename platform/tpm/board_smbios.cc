@@ -12,16 +12,16 @@ namespace {
 
 // Offsets are those of the SMBIOS reference specification (DSP0134), from the start of the structure.
 struct field {
-    std::uint8_t type;
     const char *place;
     const char *name;
+    std::uint8_t type;
     std::uint8_t offset;
     std::uint8_t bytes; // 0: a string number, else that many bytes as they are
 };
 constexpr field fields[] = {
-    {1, "system", "serial", 0x07, 0},  {1, "system", "uuid", 0x08, 16}, {2, "baseboard", "serial", 0x07, 0},
-    {3, "chassis", "serial", 0x07, 0}, {4, "processor", "id", 0x08, 8}, {4, "processor", "serial", 0x20, 0},
-    {17, "memory", "serial", 0x18, 0},
+    {"system", "serial", 1, 0x07, 0},  {"system", "uuid", 1, 0x08, 16}, {"baseboard", "serial", 2, 0x07, 0},
+    {"chassis", "serial", 3, 0x07, 0}, {"processor", "id", 4, 0x08, 8}, {"processor", "serial", 4, 0x20, 0},
+    {"memory", "serial", 17, 0x18, 0},
 };
 
 constexpr std::uint8_t end_of_table = 127;

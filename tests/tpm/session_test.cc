@@ -1,7 +1,13 @@
 // Logins and what they cost, secrets, capabilities, arguments.
+#include <numeric>
+
 #include <gmock/gmock.h>
 
+#include "agent/agent_state.h"
+#include "agent/status.h"
 #include "tests/tpm/client_fixture.h"
+#include "trust_anchor/certificate_chain.h"
+#include "trust_anchor/pcr_quote.h"
 
 namespace {
 
@@ -36,6 +42,46 @@ TEST_F(session_test, ALoginCostsOneCommandAndAKeyIsResolvedOnce)
         ASSERT_EQ(session.object("RSA_AIK_CRT").status, KOV_SUCCESS);
     }
     EXPECT_THAT(traffic.commands, ElementsAre(TPM2_CC_ReadClock, TPM2_CC_PCR_Read, TPM2_CC_Quote));
+}
+
+// As the agent's start leaves it, with the counted client.
+void be_agent_of(kovc_context *context)
+{
+    at_agent_state = {};
+    at_agent_state.client_context = context;
+    at_agent_state.device_handle = 1;
+    at_agent_state.login_context = {KOV_LOGIN_KIND_SECRET, "Init", "Pobrekd307"};
+    at_agent_state.capability_pcr_read = at_agent_state.capability_pcr_quote = 1;
+}
+
+TEST_F(session_test, AWholeRequestCostsALoginAReadAPcrAndASignature)
+{
+    be_agent_of(context_);
+    std::uint8_t nonce[32] = {1};
+    std::uint32_t indices[24];
+    std::iota(std::begin(indices), std::end(indices), 0);
+    attest_pcr_request pcrs{};
+    pcrs.present = pcrs.has_pcr_indices | pcrs.has_nonce;
+    pcrs.pcr_indices = {indices, std::size(indices)};
+    pcrs.nonce = {nonce, sizeof nonce};
+    get_certificate_request certificate{};
+    certificate.present = certificate.has_nonce;
+    certificate.nonce = {nonce, sizeof nonce};
+    for (int i = 0; i < 2; ++i) { // the first time keys are resolved
+        traffic.commands.clear();
+        owned_message<NodePCRData> values;
+        ASSERT_EQ(attestation_attest_pcrs(&pcrs, values.get()), ATTEST_OK);
+        ASSERT_EQ(values->pcrs.count, 24u);
+        ASSERT_NE(values->quote.length, 0u);
+        owned_message<SystemCertificates> certificates;
+        ASSERT_EQ(attestation_get_certchain(&certificate, certificates.get()), ATTEST_OK);
+        ASSERT_NE(certificates->signature.length, 0u);
+    }
+    std::vector<std::uint32_t> expected(24, TPM2_CC_PCR_Read);
+    expected.insert(expected.begin(), TPM2_CC_ReadClock);
+    for (const std::uint32_t command : {TPM2_CC_Quote, TPM2_CC_ReadClock, TPM2_CC_Sign})
+        expected.push_back(command);
+    EXPECT_EQ(traffic.commands, expected);
 }
 
 TEST_F(session_test, LogoutLeavesNothingInTheTpm)

@@ -11,8 +11,8 @@
 
 namespace {
 
-constexpr int serial_bits = 159;                   // RFC 5280: at most 20 bytes, positive
-constexpr long clock_slack_seconds = 24 * 60 * 60; // a verifier's clock may be behind
+constexpr int serial_bits = 159;                    // RFC 5280: at most 20 bytes, positive
+constexpr long clock_slack_seconds = 24L * 60 * 60; // a verifier's clock may be behind
 
 struct extension {
     int nid;
