@@ -191,8 +191,8 @@ constexpr auto CHECKS = std::to_array<checks_row>({
      "  hardware identifiers  what the board shows now is what was recorded, entry by entry\n"
      "  hardware binding      PCR 15 is the extension by the recorded list\n"
      "  hardware quote ...    as for the quote, over PCR 15 in the bank of --hash-algo\n"},
-    {of(command_id::attest),
-     "  IMA list         numbers without gaps; template hashes recomputed; the replay gives the quoted PCR 10\n"},
+    {of(command_id::attest), "  IMA list         numbers without gaps; template hashes recomputed; the "
+                             "replay gives the quoted PCR 10\n"},
 });
 
 constexpr std::string_view NOTES =

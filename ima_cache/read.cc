@@ -100,12 +100,23 @@ bool find_entry(std::uint64_t event, std::uint8_t &index)
     return false;
 }
 
-bool read_cur_block(std::uint8_t &cur_block)
+// Whether there is a block behind the one that was read, or the cache ends here: its current block may not
+// have been started, which is no reason to look for a lost one. False without the lock.
+bool find_next(std::uint8_t next, bool &exists)
 {
-    metadata_lock lock = metadata_lock::read();
-    if (lock)
-        cur_block = ima_cache_ctx.meta->cur_block;
-    return static_cast<bool>(lock);
+    cache_path path;
+    {
+        metadata_lock lock = metadata_lock::read();
+        if (!lock)
+            return false;
+        const ima_cache_meta &meta = *ima_cache_ctx.meta;
+        exists = next <= meta.cur_block && next < IMA_CACHE_MAX_BLOCKS;
+        if (!exists || meta.blocks[next].event_count != 0)
+            return true;
+        path = block_path(meta, next);
+    }
+    exists = !is_missing(path.text);
+    return true;
 }
 
 // Goes on in the next block.
@@ -113,14 +124,15 @@ std::int32_t read_from_next_block(IMACacheBlock *message, std::uint8_t *block, s
                                   std::int32_t *fd)
 {
     close_cursor(fd);
-    std::uint8_t cur_block = 0;
-    if (!read_cur_block(cur_block))
+    auto next = static_cast<std::uint8_t>(*block + 1);
+    bool exists = false;
+    if (!find_next(next, exists))
         return -1;
-    *block = static_cast<std::uint8_t>(*block + 1);
+    *block = next;
     *offset = 0;
     unique_fd file;
-    if (*block <= cur_block)
-        file.reset(open_cache_block(*block, 0, O_RDONLY, 0));
+    if (exists)
+        file.reset(open_cache_block(next, 0, O_RDONLY, 0));
     if (!file)
         return 0;
     *offset = CACHE_BLOCK_HDR_LEN;

@@ -50,6 +50,11 @@ void take_valid(ima_cache_meta &meta, unsigned index, const cache_block_hdr &hea
     sum.events += header.event_count;
     meta.blocks[index] = {header.first_event, header.event_count, header.start_offset};
     ima_cache_ctx.block_hash_chain[index] = header.block_hash;
+    // Nothing can be appended to a sealed block. One is the current block where the cache was cut at it and
+    // it could not be deleted, and then turned out to be good.
+    bool sealed = header.end_time != 0 && header.event_count >= at_ima_cache_limits.block_events;
+    if (sealed && index == meta.cur_block && index + 1 < IMA_CACHE_MAX_BLOCKS)
+        meta.cur_block = static_cast<std::uint8_t>(index + 1);
 }
 
 void check_expected(ima_cache_meta &meta, unsigned index, const cache_path &path, cache_sum &sum)

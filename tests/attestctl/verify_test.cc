@@ -552,7 +552,8 @@ TEST(verify, ima_list_that_did_not_come_fails)
     api::NodeIMAData stranger;
     stranger.set_node_name("nobody");
     take_ima_message(got.ima_lists, stranger, got.pcrs);
-    EXPECT_THAT(names(), ElementsAre("IMA list numbers", "IMA list")) << "and one of a source of nothing else";
+    EXPECT_THAT(names(), ElementsAre("IMA list numbers", "IMA list"))
+        << "and one of a source of nothing else";
 }
 
 // Nothing that is signed can be changed or cut anywhere without notice, and nothing reads past its end.

@@ -2,7 +2,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <regex>
 #include <sstream>
 
 #include "tests/ima/parsed_list.h"
@@ -13,7 +12,11 @@ namespace {
 // A field without bytes leaves its blank at the line's end.
 std::string without_trailing_blanks(const std::string &text)
 {
-    return std::regex_replace(text, std::regex(" +\n"), "\n");
+    std::string trimmed;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);)
+        trimmed += line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
+    return trimmed;
 }
 
 struct judgement {
@@ -49,9 +52,11 @@ judgement ask_evmctl(const list_file &list, const std::array<std::uint8_t, 20> &
         text.append(buffer, got);
     said.exit_status = pclose(output);
     std::istringstream lines(text);
-    std::regex beginning("[0-9]+ [0-9a-f]{40} ");
     for (std::string line; std::getline(lines, line);) {
-        if (std::regex_search(line, beginning, std::regex_constants::match_continuous))
+        // PCR and template hash
+        std::size_t hash = line.find(' ') + 1;
+        if (line.find_first_not_of("0123456789") + 1 == hash &&
+            line.find_first_not_of("0123456789abcdef", hash) == hash + 40)
             said.listing += line + "\n";
     }
     return said;
@@ -73,14 +78,14 @@ TEST(Listing, DiffersFromEvmctlsOnGeneratedLists)
     // evmctl does not take "ima" records and others in one list.
     for (unsigned kinds :
          {+IMA_KIND_OLD, +IMA_KIND_NG, IMA_KIND_NG | IMA_KIND_SIG | IMA_KIND_LISTED | IMA_KIND_EDGE}) {
-        std::string bytes = ima_list(300, kinds);
+        std::string bytes = ima_list(100, kinds);
         list_file file(bytes);
         judgement said = ask_evmctl(file, ima_list_pcr(bytes));
         EXPECT_EQ(said.exit_status, 0) << "evmctl finds another PCR value, kinds " << kinds;
         EXPECT_EQ(without_trailing_blanks(parsed_list(file).listing(true)),
                   without_trailing_blanks(said.listing));
     }
-    std::string all = ima_list(300, IMA_KIND_ALL & ~IMA_KIND_OLD);
+    std::string all = ima_list(100, IMA_KIND_ALL & ~IMA_KIND_OLD);
     EXPECT_EQ(ask_evmctl(list_file(all), ima_list_pcr(all)).exit_status, 0);
     EXPECT_NE(ask_evmctl(list_file(all), {}).exit_status, 0) << "evmctl accepts any PCR value";
 }

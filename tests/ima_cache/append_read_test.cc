@@ -159,24 +159,41 @@ TEST_F(Append, LeavesAFileOnAFullDisk)
     expect_events(1000);
 }
 
-// A chunk that a full disk, here a limit on the file's size, cuts off.
+// No file gets larger than this while it lives: a write that would is cut short, as by a full disk.
+class file_limit {
+public:
+    explicit file_limit(rlim_t size)
+    {
+        signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &old_);
+        rlimit low{size, old_.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &low);
+    }
+    ~file_limit() { setrlimit(RLIMIT_FSIZE, &old_); }
+    file_limit(const file_limit &) = delete;
+    file_limit &operator=(const file_limit &) = delete;
+
+private:
+    rlimit old_{};
+};
+
 TEST_F(Append, FailsForEverAfterAShortWrite)
 {
-    signal(SIGXFSZ, SIG_IGN);
     append(1);
     std::vector<std::uint8_t> before = read_block(0);
     std::uint32_t used_len = header_of(0).used_len;
-    for (rlim_t limit : {0u, used_len, used_len + 1, used_len + 20'000}) {
-        rlimit old{};
-        getrlimit(RLIMIT_FSIZE, &old);
-        rlimit low{limit, old.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &low);
-        EXPECT_EQ(source_chunk(1001).add(), -1) << limit;
-        setrlimit(RLIMIT_FSIZE, &old);
-        EXPECT_EQ(read_block(0), before) << limit;
+    for (rlim_t size : {0u, used_len, used_len + 1, used_len + 20'000}) {
+        file_limit limit(size);
+        EXPECT_EQ(source_chunk(1001).add(), -1) << size;
+        EXPECT_EQ(read_block(0), before) << size;
+    }
+    append(CHUNKS - 1);
+    { // the first chunk of a block, larger than what is reserved
+        file_limit limit(at_ima_cache_limits.block_size + 10'000);
+        EXPECT_EQ(source_chunk(CHUNKS * 1000 + 1, 200).add(), -1);
     }
     append(1);
-    expect_events(2000);
+    expect_events(CHUNKS * 1000 + 1000);
     EXPECT_EQ(messages_raised, std::vector<std::string>{});
 }
 

@@ -172,6 +172,17 @@ TEST_F(Recovery, AppendsAChunkTwice)
     }
 }
 
+// One that could not be deleted when the cache was cut at it.
+TEST_F(Recovery, AppendsToASealedBlock)
+{
+    ima_cache_ctx.meta->cur_block = 1;
+    ima_cache_ctx.meta->last_event = IN_A_BLOCK;
+    ASSERT_EQ(restart(), 1);
+    expect_events(11'000);
+    append(2);
+    expect_events(13'000);
+}
+
 // While the cache is used.
 TEST_F(Recovery, GoesOnWithALostOrDamagedBlock)
 {
@@ -211,7 +222,7 @@ struct contradiction {
 
 TEST_F(Recovery, BelievesMetadataThatContradictThemselves)
 {
-    auto directory = [](std::string name) {
+    auto directory = [](const std::string &name) {
         return [name](ima_cache_meta &meta) {
             std::memset(meta.cache_dir, 0, CACHE_DIR_SIZE);
             std::memcpy(meta.cache_dir, name.data(), name.size());
@@ -258,11 +269,11 @@ TEST_F(Recovery, KeepsTheCacheOfAnEarlierBoot)
 {
     std::string earlier = ima_cache_ctx.meta->cache_dir;
     fs::create_directories("/harddisk:/ima/ima_cache_x/deeper");
-    std::ofstream("/harddisk:/ima/ima_cache_x/deeper/file");
+    std::ofstream("/harddisk:/ima/ima_cache_x/deeper/file") << "old";
     fs::create_directory("/harddisk:/ima/kept");
     fs::create_directory_symlink("/harddisk:/ima/kept", "/harddisk:/ima/ima_cache_link");
     ASSERT_EQ(mkfifo("/harddisk:/ima/ima_cache_pipe", 0600), 0);
-    std::ofstream("/harddisk:/ima/kept/file");
+    std::ofstream("/harddisk:/ima/kept/file") << "other";
     fs::rename(earlier, "/harddisk:/ima/ima_cache_old"); // not the name that this second gives
     reboot();
     ASSERT_EQ(restart(), 1);

@@ -55,10 +55,10 @@ std::string edge_record(std::size_t file, const std::string &digest, const std::
     case 1:
         return ima_record(10, "ima-ng", usual + ima_name_field(""));
     case 2:
-        return ima_record(10, "ima-ng", usual + ima_name_field(name + std::string(4096, 'n')));
+        return ima_record(10, "ima-ng", usual + ima_name_field(name + std::string(600, 'n')));
     default:
         return ima_record(10, "ima-sig",
-                          usual + ima_name_field(name) + ima_field_bytes(std::string(5000, 's')));
+                          usual + ima_name_field(name) + ima_field_bytes(std::string(1000, 's')));
     }
 }
 
@@ -66,7 +66,7 @@ std::string one_record(std::mt19937 &random, unsigned kind, std::size_t file)
 {
     std::string name = file_name(file);
     bool is_longest = file % 16 == 0;
-    bool violation = random() % 200 == 0;
+    bool violation = random() % 50 == 0;
     // The digest belongs to the file, so that a repeated file is a repeated measurement.
     std::mt19937 content(static_cast<std::uint32_t>(file));
     if (kind == IMA_KIND_OLD) {

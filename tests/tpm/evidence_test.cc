@@ -31,7 +31,7 @@ protected:
 
     std::string put(const char *name, const handed_out &bytes) const
     {
-        const std::string path = tpm_.directory() + "/" + name;
+        std::string path = tpm_.directory() + "/" + name;
         write_file(path, {reinterpret_cast<const char *>(bytes.data.get()), bytes.length});
         return path;
     }
@@ -40,7 +40,7 @@ protected:
     std::string public_key(const session_owner &session, const char *object) const
     {
         const std::string certificate = put("certificate", session.object(object));
-        const std::string key = tpm_.directory() + "/public_key";
+        std::string key = tpm_.directory() + "/public_key";
         const program_result result =
             run_program("openssl x509 -inform der -in " + certificate + " -noout -pubkey -out " + key);
         EXPECT_EQ(result.status, 0) << result.output;

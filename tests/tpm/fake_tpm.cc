@@ -4,6 +4,9 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <cerrno>
+#include <system_error>
+
 namespace {
 
 constexpr int look_around_ms = 10;
@@ -16,14 +19,15 @@ bool readable(int fd)
 
 } // namespace
 
-fake_tpm::fake_tpm(std::string path, answerer answer)
+fake_tpm::fake_tpm(const std::string &path, answerer answer)
     : answer_(std::move(answer)), listening_(socket(AF_UNIX, SOCK_STREAM, 0))
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
-    bind(listening_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
-    listen(listening_.get(), 4);
+    if (bind(listening_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
+        listen(listening_.get(), 4) != 0)
+        throw std::system_error(errno, std::generic_category(), path);
     thread_ = std::thread([this] {
         while (!stopping_) {
             if (!readable(listening_.get()))

@@ -21,7 +21,7 @@ class fake_tpm {
 public:
     // `answer` is asked once a command, with its number on the connection, from 0; on the server's thread.
     using answerer = std::function<fake_answer(int number, std::span<const std::uint8_t> command)>;
-    fake_tpm(std::string path, answerer answer);
+    fake_tpm(const std::string &path, answerer answer);
     fake_tpm(const fake_tpm &) = delete;
     fake_tpm &operator=(const fake_tpm &) = delete;
     ~fake_tpm();

@@ -28,7 +28,7 @@ std::string identifier(const std::string &place)
     std::string text = R"({"place": ")" + place + '"';
     for (const tpm_algorithm &algorithm : tpm_algorithms)
         text += std::string(", \"") + algorithm.name + "\": \"" +
-                std::string(2u * algorithm.digest_size, '7') + '"';
+                std::string(std::size_t{2} * algorithm.digest_size, '7') + '"';
     return text + "}";
 }
 

@@ -20,6 +20,7 @@ AGENT_PROGRAM = "agent/attestation_agent"
 BMC_PROGRAM = "tools/bmc_simulator/bmc-simulator"
 PROVISION_PROGRAM = "tools/attest_provision/attest-provision"
 COMMANDS = {
+    "attest-cache": "tools/attest_cache/attest-cache",
     "attest-provision": PROVISION_PROGRAM,
     "attestctl": "attestctl/attestctl",
     "attest-trace": "tools/attest_trace/attest-trace",
