@@ -1,10 +1,12 @@
 """What a test inside a node does with it: the agent, the verifier's command line, the debug trace."""
+import importlib
 import json
 import os
 import pathlib
 import re
 import subprocess
 import sys
+import tempfile
 import time
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
@@ -13,7 +15,17 @@ import agent_control  # noqa: E402
 
 DATA = SOURCE / "tests" / "data"
 BOOT_LOG = pathlib.Path("/sys/kernel/security/tpm0/binary_bios_measurements")
+IMA_LOG = pathlib.Path("/sys/kernel/security/ima/binary_runtime_measurements")
 AGENT_LOG = pathlib.Path(os.environ["NODE_STATE"]) / "agent.log"
+
+
+def load_contract():
+    """The message classes that protoc makes of the contract."""
+    out = tempfile.mkdtemp()
+    subprocess.run(["protoc", f"--proto_path={SOURCE}/api", f"--python_out={out}", "remote_attestation_api.proto"],
+                   check=True)
+    sys.path.insert(0, out)
+    return importlib.import_module("remote_attestation_api_pb2")
 
 
 def agent(verb, *arguments, check=True):

@@ -1,0 +1,309 @@
+"""The measurement list of a node, whole and as a stream, as a stranger's client gets it: every event of every answer
+is compared with the list itself."""
+import json
+import os
+import pathlib
+import signal
+import struct
+import subprocess
+import threading
+import time
+import unittest
+
+import grpc
+
+import node
+
+SERVICE = "/remote_attestation_api.RemoteAttestationApi"
+BUILD = pathlib.Path(node.agent_program()).parents[1]
+INSTRUMENTED = "asan" in BUILD.name or "tsan" in BUILD.name
+CACHE = pathlib.Path("/harddisk:/ima")
+LENGTH = 250_000  # two blocks of the cache are sealed, the third is half full
+SHORT = 110_000  # one is
+
+api = node.load_contract()
+
+
+class Events:
+    """What a list says of its events, read by a parser of the test's own: template hash and file name by number."""
+
+    def __init__(self, data):
+        self.bytes, self.ends, self.content = data, [0], [None]
+        at = 0
+        while at < len(data):
+            template_hash = data[at + 4:at + 24]
+            (length,) = struct.unpack_from("<I", data, at + 24)
+            template = data[at + 28:at + 28 + length]
+            at += 28 + length
+            if template == b"ima":
+                (length,) = struct.unpack_from("<I", data, at + 20)
+                name = data[at + 24:at + 24 + length]
+                at += 24 + length
+            else:
+                (total, length) = struct.unpack_from("<II", data, at)
+                (name_length,) = struct.unpack_from("<I", data, at + 8 + length)
+                name = data[at + 12 + length:at + 12 + length + name_length].rstrip(b"\0")
+                at += 4 + total
+            self.ends.append(at)
+            self.content.append((template_hash, name))
+
+    def first(self, count):
+        return self.bytes[:self.ends[count]]
+
+
+def write_list(data):
+    node.IMA_LOG.parent.mkdir(parents=True, exist_ok=True)
+    node.IMA_LOG.write_bytes(data)
+
+
+class Client:
+    """A client of its own connection. Messages are taken when they are asked for."""
+
+    def __init__(self):
+        # A window that does not grow, so that what a client has not taken stays with the agent.
+        options = [("grpc.max_receive_message_length", -1), ("grpc.use_local_subchannel_pool", 1),
+                   ("grpc.http2.bdp_probe", 0)]
+        self.channel = grpc.insecure_channel(os.environ["NODE_ADDRESS"], options)
+
+    def close(self):
+        self.channel.close()
+
+    def stream(self, start=0, count=0, timeout=120):
+        call = self.channel.unary_stream(f"{SERVICE}/StreamPlatformImaEventLogs",
+                                         api.get_platform_ima_event_logs_request.SerializeToString,
+                                         api.NodeIMAData.FromString)
+        return call(api.get_platform_ima_event_logs_request(start_event=start, event_count=count), timeout=timeout)
+
+    def at_once(self, start=0, count=0):
+        call = self.channel.unary_unary(f"{SERVICE}/GetPlatformImaEventLogs",
+                                        api.get_platform_ima_event_logs_request.SerializeToString,
+                                        api.get_platform_ima_event_logs_response.FromString)
+        request = api.get_platform_ima_event_logs_request(start_event=start, event_count=count)
+        return call(request, timeout=120).node_data
+
+
+def taken(client, messages):
+    """All of a stream, or of an answer's one record: numbers and marks, compared with nothing yet."""
+    return [event for message in messages for event in message.events]
+
+
+class ImaLog(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        made = subprocess.run([BUILD / "tests/ima/write_ima_list", str(LENGTH + 5000), "7"], check=True,
+                              stdout=subprocess.PIPE)
+        cls.list = Events(made.stdout)
+
+    def begin(self, length=LENGTH, cached=True, warm=False):
+        """A reboot as far as the list, the table and the cache know: a list of `length` events, nothing kept. With
+        `warm` the cache has been filled since, and the trace is on."""
+        node.ensure_stopped()
+        subprocess.run(["rm", "-rf", CACHE], check=True)
+        for kept in pathlib.Path("/dev/shm").iterdir():
+            kept.unlink()
+        subprocess.run(["ipcrm", "--all=sem"], check=True)
+        write_list(self.list.first(length))
+        if not cached:
+            CACHE.write_text("a file where the cache wants its directory")
+        node.agent("start", "ATTEST_TRACE=none")  # three lines of each event that is read from the list
+        self.client = Client()
+        self.addCleanup(self.client.close)
+        if warm:
+            for _ in self.client.stream():
+                pass
+            for flag in ("attest", "agent"):
+                subprocess.run(["attest-trace", "on", flag], check=True)
+
+    def append(self, first, last):
+        with open(node.IMA_LOG, "ab") as file:
+            file.write(self.list.bytes[self.list.ends[first - 1]:self.list.ends[last]])
+
+    def compare(self, events, first, last):
+        """The events are those of the list from `first` to `last`, each once and in order."""
+        self.assertEqual((len(events), events[0].event_num if events else first), (last - first + 1, first))
+        for number, event in enumerate(events, first):
+            if (event.event_num, event.template_hash, event.event_name) != (number, *self.list.content[number]):
+                self.fail(f"event {number}: {event}")
+
+    def marks(self, events):
+        return [event.duplicate if event.HasField("duplicate") else None for event in events]
+
+    def test_cached_and_uncached_answers_hold_the_list_and_agree(self):
+        starts = (0, 1, 999, 1000, 1001, 99_999, 100_000, 100_001, 200_500, 240_000, 249_999, 250_000, 300_000)
+        marks = {}
+        self.begin(cached=False)
+        for start in starts:
+            events = taken(self.client, self.client.stream(start, 3000))
+            self.compare(events, start + 1, min(start + 3000, max(LENGTH, start)))
+        for what, ask in {"stream": self.client.stream, "at once": self.client.at_once}.items():
+            events = taken(self.client, ask())
+            self.compare(events, 1, LENGTH)
+            marks[f"uncached {what}"] = self.marks(events)
+        self.begin()
+        for what, ask in {"first": self.client.stream, "stream": self.client.stream,
+                          "at once": self.client.at_once}.items():
+            events = taken(self.client, ask())
+            self.compare(events, 1, LENGTH)
+            marks[f"cached {what}"] = self.marks(events)
+        for start in starts:
+            chunk = 1 if start == 0 else (start - 1) // 1000 * 1000 + 1
+            first = min(chunk, LENGTH + 1)
+            for ask in (self.client.stream, self.client.at_once):
+                self.compare(taken(self.client, ask(start, 2000)), first, min(first + 1999, LENGTH))
+        node.restart()
+        client = Client()
+        self.addCleanup(client.close)
+        marks["after a restart"] = self.marks(taken(client, client.stream()))
+        # The first request of the uncached node began within the list: a pair's owner is the event that was read
+        # first, so its marks are compared with its own alone.
+        self.assertEqual(marks["uncached stream"], marks["uncached at once"])
+        for what in ("cached stream", "cached at once", "after a restart"):
+            self.assertEqual(marks[what], marks["cached first"], what)
+        self.assertGreater(marks["cached first"].count(1), 1000)
+        listed = subprocess.run(["attest-cache", "verify"], capture_output=True, text=True, check=False)
+        self.assertEqual(listed.returncode, 0, listed.stdout + listed.stderr)
+
+    def test_a_list_that_grows_while_it_is_streamed_comes_to_its_new_end(self):
+        self.begin(SHORT)
+        stream = self.client.stream()
+        events = list(next(stream).events)
+        self.append(SHORT + 1, SHORT + 4000)
+        events += taken(self.client, stream)
+        self.compare(events, 1, SHORT + 4000)
+
+    def test_a_stream_that_the_agents_restart_cut_goes_on_behind_its_last_event(self):
+        for end in ("stop", "kill"):
+            self.begin(SHORT)
+            stream = self.client.stream()
+            events = [event for _, message in zip(range(60), stream) for event in message.events]
+            node.agent(end)
+            with self.assertRaises(grpc.RpcError) as cut:
+                for message in stream:
+                    events += message.events
+            self.assertEqual(cut.exception.code(), grpc.StatusCode.UNAVAILABLE)
+            node.agent("start")
+            client = Client()
+            self.addCleanup(client.close)
+            last = events[-1].event_num
+            rest = [event for event in taken(client, client.stream(last)) if event.event_num > last]
+            self.compare(events + rest, 1, SHORT)
+
+    def test_a_client_that_stalls_costs_little_memory_and_holds_up_no_short_answer(self):
+        self.begin(SHORT, warm=True)
+        self.compare(taken(self.client, self.client.at_once(0, 1000)), 1, 1000)
+        before = self.resident()
+        stalled = Client()
+        self.addCleanup(stalled.close)
+        held = stalled.stream()
+        node.wait_for(lambda: self.traced("Slowing down cache responses"), "a pause of the stalled stream")
+        if not INSTRUMENTED:
+            self.assertLess(self.resident() - before, 64 << 20)
+        for start in (0, 50_000, 109_000):
+            self.compare(taken(self.client, self.client.at_once(start, 1)), *self.chunk_of(start))
+        self.assertEqual(node.attestctl("pcrs", "--pcr", "0").returncode, 0)
+        # There is one record of a paused stream. A second one that is refused is given up, and says so by a message
+        # without any field.
+        other = Client()
+        self.addCleanup(other.close)
+        second = other.stream()
+        node.wait_for(lambda: self.traced("giving up on id"), "the end of the second stream")
+        messages = list(second)
+        self.assertEqual(messages[-1], api.NodeIMAData())
+        events = taken(other, messages)
+        self.compare(events, 1, len(events))
+        # The first goes on as soon as its client does, and a cancelled one leaves the record to others.
+        events = [event for _, message in zip(range(30), held) for event in message.events]
+        self.compare(events, 1, 30_000)
+        held.cancel()
+        node.wait_for(lambda: self.traced("IMA resuming paused flow id"), "the end of the paused stream")
+        third = other.stream()
+        self.compare(taken(other, third), 1, SHORT)
+
+    def test_a_slow_client_costs_few_pauses(self):
+        self.begin(SHORT, warm=True)
+        stream, events = self.client.stream(), []
+        for _ in range(8):
+            events += next(stream).events
+            time.sleep(1)
+        events += taken(self.client, stream)
+        self.compare(events, 1, SHORT)
+        self.assertLess(self.trace_count("Slowing down cache responses"), SHORT / 1000 / 5)
+
+    def chunk_of(self, event):
+        first = 1 if event == 0 else (event - 1) // 1000 * 1000 + 1
+        return first, first + 999
+
+    def resident(self):
+        """Of the agent's own: the table of repeats is shared memory and as large as the list."""
+        for line in pathlib.Path(f"/proc/{node.agent_pid()}/status").read_text().splitlines():
+            if line.startswith("RssAnon:"):
+                return int(line.split()[1]) * 1024
+        raise AssertionError("no RssAnon")
+
+    def trace_count(self, part):
+        return sum(part in line for line in node.trace())
+
+    def traced(self, part):
+        return self.trace_count(part) > 0
+
+    def test_a_list_that_cannot_be_read_gives_no_record(self):
+        self.begin(2500)
+        good = self.list.first(2500)
+        end = self.list.ends[2000]
+        for what, data in {"missing": None, "cut": good[:-3], "a name of 300 bytes":
+                           good[:end] + good[end:end + 24] + struct.pack("<I", 300) + bytes(300)}.items():
+            with self.subTest(what):
+                write_list(data or b"")
+                if data is None:
+                    node.IMA_LOG.unlink()
+                self.assertEqual(list(self.client.at_once(2000)), [])
+                messages = list(self.client.stream(2000))
+                self.assertEqual(messages[-1], api.NodeIMAData())
+                self.assertEqual(node.attestctl("ima-log").returncode, 1)
+        self.assertIn("Error reading", node.agent_words())
+
+    def test_attestctl_shows_the_list(self):
+        self.begin(SHORT, warm=True)
+        shown = node.attestctl("ima-log", "--start", "109500", "--count", "1000").stdout.splitlines()
+        self.assertIn("template hash", shown[1])
+        numbers = [int(line.split()[0]) for line in shown[2:]]
+        self.assertEqual(numbers, list(range(109_001, 110_001)))
+        of_event = {int(line.split()[0]): line.split()[2] for line in shown[2:]}
+        violations = {number for number, marks in of_event.items() if "V" in marks}
+        self.assertEqual(violations, {number for number in of_event if not any(self.list.content[number][0])})
+        self.assertTrue(any("D" in marks for marks in of_event.values()))
+        done = node.attestctl("--json", "ima-log", "--stream")
+        messages = [json.loads(line) for line in done.stdout.splitlines()]
+        numbers = [event["event_num"] for message in messages for event in message.get("events", [])]
+        self.assertEqual(numbers, list(range(1, SHORT + 1)))
+        self.assertEqual(messages[0]["events"][0]["template_hash"], self.list.content[1][0].hex())
+
+    def test_attestctl_keeps_no_more_of_a_stream_than_a_message_and_ends_cleanly_when_interrupted(self):
+        self.begin()
+        peaks = {}
+        for count in (10_000, LENGTH):
+            with open("/tmp/shown", "wb") as shown:
+                child = subprocess.Popen(["attestctl", "ima-log", "--stream", "--count", str(count)], stdout=shown)
+                _, status, usage = os.wait4(child.pid, 0)
+            child.returncode = os.waitstatus_to_exitcode(status)
+            self.assertEqual(child.returncode, 0)
+            peaks[count] = usage.ru_maxrss
+        if not INSTRUMENTED:
+            self.assertLess(peaks[LENGTH], peaks[10_000] + (16 << 10))
+        child = subprocess.Popen(["attestctl", "ima-log", "--stream"], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        child.stdout.read(100_000)
+        child.send_signal(signal.SIGINT)
+        shown, said = [], []
+        reader = threading.Thread(target=lambda: shown.append(child.stdout.read()))
+        reader.start()
+        said = child.stderr.read().decode()
+        reader.join()
+        child.stdout.close()
+        child.stderr.close()
+        self.assertEqual(child.wait(), 130)
+        self.assertIn("interrupted after", said)
+        self.assertTrue(shown[0].endswith(b"\n"), "a line is cut")
+
+
+if __name__ == "__main__":
+    unittest.main()
