@@ -77,11 +77,11 @@ TEST_F(objects_test, AnObjectMayBeInAnNvIndex)
         ASSERT_EQ(Esys_NV_DefineSpace(tpm->esys, ESYS_TR_RH_OWNER, ESYS_TR_PASSWORD, ESYS_TR_NONE,
                                       ESYS_TR_NONE, &no_auth, &area, &nv),
                   TSS2_RC_SUCCESS);
-        for (UINT16 offset = 0; offset < content.size(); offset = static_cast<UINT16>(offset + 650)) {
+        for (std::size_t offset = 0; offset < content.size(); offset += 650) {
             TPM2B_MAX_NV_BUFFER piece{650, {}};
-            std::copy_n(content.begin() + offset, 650, piece.buffer);
+            std::copy_n(content.begin() + static_cast<std::ptrdiff_t>(offset), 650, piece.buffer);
             ASSERT_EQ(Esys_NV_Write(tpm->esys, ESYS_TR_RH_OWNER, nv, ESYS_TR_PASSWORD, ESYS_TR_NONE,
-                                    ESYS_TR_NONE, &piece, offset),
+                                    ESYS_TR_NONE, &piece, static_cast<UINT16>(offset)),
                       TSS2_RC_SUCCESS);
         }
     }
