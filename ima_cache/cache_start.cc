@@ -54,7 +54,7 @@ bool open_object(start_state &start)
         start.created = true;
     }
     // Until the start is through others are kept out, so that nobody takes an object that is being set up for
-    // one that a dead creator has left half made. Closing the file gives the lock back.
+    // one that a dead creator has left half made.
     if (uninterrupted([&] { return flock(start.object.get(), LOCK_EX); }) != 0) {
         attest_trace_as(LOAD, "flock failed\n");
         return false;
@@ -234,6 +234,8 @@ std::int32_t at_ima_cache_init()
 {
     forget_cache();
     start_state start;
+    // Closing the file would not give its lock back: the mapping holds on to it as long as the process lives.
+    scope_exit let_others_in([&] { flock(start.object.get(), LOCK_UN); });
     bool loaded = load_shm_meta_block(start);
     if (loaded && (start.anew || validate_all_blocks() == 1))
         return 1;
