@@ -13,6 +13,7 @@
 #include "ima/ima_retrieval.h"
 #include "ima/ima_stream.h"
 #include "ima_cache/cache_block.h"
+#include "ima_cache/shm_table.h"
 #include "tests/ima/parsed_list.h"
 #include "tests/ima_cache/cache_of_test.h"
 #include "tests/support/ima_list.h"
@@ -123,6 +124,11 @@ protected:
         ima_log_name = "/tmp/list";
         sent = {};
         trace_captured.clear();
+    }
+    ~retrieval_test() override
+    {
+        delete at_agent_state.at_ima_ht; // the agent keeps its one to its end
+        at_agent_state = {};
     }
 
     static void write_list(std::string_view bytes)

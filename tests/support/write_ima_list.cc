@@ -11,8 +11,9 @@ int main(int argc, char **argv)
         return 2;
     }
     constexpr int decimal = 10;
-    const std::string list =
-        ima_list(std::strtoul(argv[1], nullptr, decimal), IMA_KIND_OLD | IMA_KIND_NG | IMA_KIND_SIG | IMA_KIND_LISTED,
-                 static_cast<std::uint32_t>(std::strtoul(argv[2], nullptr, decimal)));
-    return std::fwrite(list.data(), 1, list.size(), stdout) == list.size() && std::fflush(stdout) == 0 ? 0 : 1;
+    const std::string list = ima_list(std::strtoul(argv[1], nullptr, decimal),
+                                      IMA_KIND_OLD | IMA_KIND_NG | IMA_KIND_SIG | IMA_KIND_LISTED,
+                                      static_cast<std::uint32_t>(std::strtoul(argv[2], nullptr, decimal)));
+    return std::fwrite(list.data(), 1, list.size(), stdout) == list.size() && std::fflush(stdout) == 0 ? 0
+                                                                                                       : 1;
 }
