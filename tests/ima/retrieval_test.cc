@@ -12,6 +12,7 @@
 #include "ima/ima_log.h"
 #include "ima/ima_retrieval.h"
 #include "ima/ima_stream.h"
+#include "ima/retrieval_state.h"
 #include "ima_cache/cache_block.h"
 #include "ima_cache/shm_table.h"
 #include "tests/ima/parsed_list.h"
@@ -339,7 +340,7 @@ TEST_F(retrieval_test, AListThatIsShorterThanTheCacheGivesWhatTheCacheHas)
 
 TEST_F(retrieval_test, TheLimitOfTheDataSegmentStopsTheGrowthAndKeepsWhatThereIs)
 {
-    at_soft_data_limit = 3'000'000;
+    at_soft_data_limit = peak_resident_set() + 3'000'000;
     const answer got = ask(0, ALL);
     EXPECT_EQ(got.status, ATTEST_ERR_NO_MEMORY);
     EXPECT_TRUE(trace_has("attestation_get_local_ima_event_logs(): RLIMIT is hit"));
