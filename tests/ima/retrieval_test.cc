@@ -37,13 +37,8 @@ struct {
     std::function<std::int32_t(int)> result = [](int) { return 0; }; // by the number of the send, from 0
 } sent;
 
-} // namespace
-
-std::int32_t remote_attestation_api_stream_ima_event_logs_Resp(remote_attestation_api_client client,
-                                                               const NodeIMAData *message, int last,
-                                                               std::uint32_t, std::uint32_t request_id);
-namespace {
 void compare_with_list(const IMA_EVENT *events, std::size_t count);
+
 } // namespace
 
 std::int32_t remote_attestation_api_stream_ima_event_logs_Resp(remote_attestation_api_client client,
