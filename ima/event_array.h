@@ -6,11 +6,11 @@
 #include <cstring>
 #include <utility>
 
+#include "ima_cache/ima_cache.h"
 #include "platform/messages.h"
 
-inline constexpr std::uint64_t CHUNK_EVENTS = 1000;
-inline constexpr std::uint64_t CHUNK_BYTES =
-    CHUNK_EVENTS * sizeof(IMA_EVENT); // without the heap of the fields
+// Of a chunk's elements, without the heap of their fields.
+inline constexpr std::uint64_t CHUNK_BYTES = MAX_IMA_EVENTS * sizeof(IMA_EVENT);
 
 class event_array {
 public:
@@ -45,7 +45,7 @@ public:
     // Room for `chunks` chunks in all; new elements are zero. False, with nothing changed, without memory.
     bool grow(std::uint64_t chunks)
     {
-        std::uint64_t capacity = chunks * CHUNK_EVENTS;
+        std::uint64_t capacity = chunks * MAX_IMA_EVENTS;
         if (capacity <= capacity_)
             return true;
         auto *larger = static_cast<IMA_EVENT *>(std::realloc(items_, capacity * sizeof(IMA_EVENT)));

@@ -1,6 +1,5 @@
 #include "ima/ima_events_skip.h"
 
-#include <cstring>
 #include <limits>
 #include <string_view>
 
@@ -8,15 +7,6 @@
 #include "ima/ima_record_reader.h"
 
 namespace {
-
-bool read_length(ima_log &log, std::uint32_t &length)
-{
-    std::span<const std::byte> bytes;
-    if (ima_log_take(log, sizeof length, bytes) != ima_log_read::whole)
-        return false;
-    std::memcpy(&length, bytes.data(), sizeof length);
-    return true;
-}
 
 // A distance of the list is one of 31 bits: a longer one would lead back, and round and round.
 bool skip_bytes(ima_log &log, std::uint32_t distance)
@@ -30,7 +20,7 @@ bool skip_template_data(ima_log &log, std::string_view template_name)
     std::uint32_t length = 0;
     if (template_name == IMA_TEMPLATE_IMA && !skip_bytes(log, IMA_DIGEST_SIZE))
         return false;
-    return read_length(log, length) && skip_bytes(log, length);
+    return ima_log_take_u32(log, length) && skip_bytes(log, length);
 }
 
 } // namespace

@@ -13,7 +13,6 @@
 namespace {
 
 constexpr const char *OPERATION = "attestation_get_local_ima_event_logs";
-static_assert(CHUNK_EVENTS == MAX_IMA_EVENTS);
 
 struct live_state {
     ima_log log;
@@ -53,13 +52,13 @@ bool make_room(ima_retrieval &retrieval, live_state &live)
     if (live.reserved == 0 || !retrieval.stream) {
         if (!grow_events(retrieval, OPERATION, live.chunks))
             return false;
-        live.reserved += CHUNK_EVENTS;
+        live.reserved += MAX_IMA_EVENTS;
         ++live.chunks;
         live.usage += live.chunks * CHUNK_BYTES;
         return true;
     }
-    return retrieval.events.count() == 0 || send_chunk(retrieval, retrieval.events, send_place::live_chunk,
-                                                       {live.events_read, is_cached(live)});
+    return send_chunk(retrieval, retrieval.events, send_place::live_chunk,
+                      {live.events_read, is_cached(live)});
 }
 
 enum class chunk_outcome : std::uint8_t { complete, end_of_log, failed };
@@ -68,7 +67,7 @@ enum class chunk_outcome : std::uint8_t { complete, end_of_log, failed };
 chunk_outcome at_read_local_ima_chunk_from_file(ima_retrieval &retrieval, live_state &live)
 {
     event_array &events = retrieval.events;
-    for (std::uint64_t i = 0; i < CHUNK_EVENTS && events.room() != 0; ++i) {
+    for (std::uint64_t i = 0; i < MAX_IMA_EVENTS && events.room() != 0; ++i) {
         IMA_EVENT &event = events.next();
         switch (at_read_ima_record(live.log, i, &event, &retrieval.status)) {
         case ima_record_outcome::end_of_log:
@@ -90,16 +89,17 @@ chunk_outcome at_read_local_ima_chunk_from_file(ima_retrieval &retrieval, live_s
 // Only a chunk that fills the array by itself is one of the cache's.
 void offer_to_cache(const ima_retrieval &retrieval, live_state &live)
 {
-    if (!is_cached(live) || retrieval.events.count() != CHUNK_EVENTS)
+    if (!is_cached(live) || retrieval.events.count() != MAX_IMA_EVENTS)
         return;
     std::uint64_t behind = ima_log_position(live.log);
-    std::int32_t result = at_ima_cache_add(retrieval.events.items(), CHUNK_EVENTS, live.chunk_offset, behind);
+    std::int32_t result =
+        at_ima_cache_add(retrieval.events.items(), MAX_IMA_EVENTS, live.chunk_offset, behind);
     if (result != 1) {
         attest_trace_as(OPERATION, "Failed to add chunk starting at %lu to cache %d ", live.chunk_first,
                         result);
         live.caching = result != 0 ? result : 1; // a chunk that the cache has already stops nothing
     }
-    live.chunk_first += CHUNK_EVENTS;
+    live.chunk_first += MAX_IMA_EVENTS;
     live.chunk_offset = behind;
 }
 
@@ -119,7 +119,7 @@ void read_live_list(ima_retrieval &retrieval, live_start start)
     }
     live.chunk_first = live.precedes + 1;
     live.chunk_offset = ima_log_position(live.log);
-    live.chunks = retrieval.events.count() / CHUNK_EVENTS + 1;
+    live.chunks = retrieval.events.count() / MAX_IMA_EVENTS + 1;
     live.usage = retrieval.memory_usage;
     for (;;) {
         if (!make_room(retrieval, live))

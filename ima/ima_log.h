@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <span>
 
+#include "platform/byte_cursor.h"
 #include "platform/owners.h"
 
 // Where the kernel publishes the list.
@@ -49,4 +50,11 @@ inline ima_log_read ima_log_take(ima_log &log, std::size_t length, std::span<con
     bytes = {log.buffer.get() + log.begin, length};
     log.begin += length;
     return ima_log_read::whole;
+}
+
+// The next number of 32 bits. False when the file ends before or inside it.
+inline bool ima_log_take_u32(ima_log &log, std::uint32_t &value)
+{
+    std::span<const std::byte> bytes;
+    return ima_log_take(log, sizeof value, bytes) == ima_log_read::whole && byte_cursor(bytes).get_le(value);
 }

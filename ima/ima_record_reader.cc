@@ -15,12 +15,6 @@ namespace {
 constexpr char CHUNK_READER[] = "at_read_local_ima_chunk_from_file";
 constexpr char DATA_READER[] = "read_template_data";
 
-bool take_u32(ima_log &log, std::uint32_t &value)
-{
-    std::span<const std::byte> bytes;
-    return ima_log_take(log, sizeof value, bytes) == ima_log_read::whole && byte_cursor(bytes).get_le(value);
-}
-
 bool read_ima_template_data(ima_log &log, ima_template_area &area)
 {
     std::span<const std::byte> bytes;
@@ -31,7 +25,7 @@ bool read_ima_template_data(ima_log &log, ima_template_area &area)
     area.fill(std::byte{0});
     std::ranges::copy(bytes, area.begin());
     std::uint32_t name_length = 0;
-    if (!take_u32(log, name_length) || name_length > IMA_EVENT_NAME_MAX) {
+    if (!ima_log_take_u32(log, name_length) || name_length > IMA_EVENT_NAME_MAX) {
         attest_trace_as(DATA_READER, "ERROR: invalid field len read \n");
         return false;
     }
@@ -162,7 +156,7 @@ bool read_template_data(ima_log &log, bool is_ima, ima_template_area &area, std:
     }
     std::uint32_t length = 0;
     ima_log_read read = ima_log_read::cut;
-    if (take_u32(log, length) && length <= IMA_TEMPLATE_DATA_MAX)
+    if (ima_log_take_u32(log, length) && length <= IMA_TEMPLATE_DATA_MAX)
         read = ima_log_take(log, length, data);
     if (read == ima_log_read::no_memory)
         attest_trace("ERROR: out of memory\n");

@@ -9,9 +9,10 @@ enum class send_place : std::uint8_t { first_cache_chunk, further_cache_chunk, l
 
 // What the place knows of where the list would have to be read again from.
 struct send_position {
-    std::uint64_t
-        events_before; // of the same count as the request's limit: sent before, or read including these
-    bool cached;       // the live chunk is in the cache now
+    // That count against the request's limit: of the cache those sent before, of the live list all that were
+    // read, these included.
+    std::uint64_t events_before;
+    bool cached; // the live chunk is in the cache now
 };
 
 // Sends the events and releases what is in them; the array stays. False: paused or failed, and the

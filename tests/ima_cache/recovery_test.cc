@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
@@ -308,6 +309,12 @@ TEST_F(Recovery, DoesNotSayHowItStarts)
     EXPECT_EQ(trace_captured.back(), "load_shm_meta_block(): create_shmht: The id of the semaphore is: " +
                                          std::to_string(ima_cache_ctx.semid) + "\n");
     remove_block("/harddisk:/elsewhere");
+}
+
+TEST_F(Recovery, KeepsOthersOutAfterItsEnd)
+{
+    unique_fd object(open(IMA_CACHE_META_PATH, O_RDWR | O_CLOEXEC));
+    EXPECT_EQ(flock(object.get(), LOCK_EX | LOCK_NB), 0);
 }
 
 TEST_F(Recovery, LeavesTracesOfAFailedFirstStart)
