@@ -27,6 +27,7 @@ using testing::ElementsAre;
 constexpr remote_attestation_api_client CLIENT = 77;
 constexpr std::uint64_t LENGTH = 7500;
 constexpr std::uint64_t ALL = 0;
+constexpr unsigned LIST_KINDS = IMA_KIND_NG | IMA_KIND_SIG | IMA_KIND_LISTED;
 
 // What the client has been sent, and what it makes of the next messages.
 struct {
@@ -70,7 +71,7 @@ namespace {
 
 const std::string &list_bytes()
 {
-    static const std::string bytes = ima_list(LENGTH, IMA_KIND_NG | IMA_KIND_SIG | IMA_KIND_LISTED);
+    static const std::string bytes = ima_list(LENGTH, LIST_KINDS);
     return bytes;
 }
 
@@ -306,6 +307,20 @@ TEST_F(retrieval_test, AFailedSendEndsWithAMessageWithoutAnyField)
         EXPECT_EQ(got.present, 0u);
         EXPECT_TRUE(trace_has_part("CAPI send failed -1"));
     }
+}
+
+TEST_F(retrieval_test, ChunksThatTheCacheHasAlreadyDoNotEndTheCaching)
+{
+    write_list(ima_list(3500, LIST_KINDS));
+    at_agent_state.ima_cache_ready = 1;
+    EXPECT_EQ(ask(0, ALL, 1).status, ATTEST_ERR_MORE_DATA);
+    EXPECT_EQ(ima_cache_ctx.meta->last_event, 3000u);
+    write_list(list_bytes());
+    // The cache is left at once, for the list from its begin on.
+    sent = {};
+    sent.result = [](int send) { return send == 0 ? -1 : 0; };
+    EXPECT_EQ(ask(0, ALL, 1).status, ATTEST_ERR_MORE_DATA);
+    EXPECT_EQ(ima_cache_ctx.meta->last_event, 7000u);
 }
 
 TEST_F(retrieval_test, WhatCannotBeReadIsItsStatus)
