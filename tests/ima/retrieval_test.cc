@@ -27,7 +27,7 @@ using testing::ElementsAre;
 constexpr remote_attestation_api_client CLIENT = 77;
 constexpr std::uint64_t LENGTH = 7500;
 constexpr std::uint64_t ALL = 0;
-constexpr unsigned LIST_KINDS = IMA_KIND_NG | IMA_KIND_SIG | IMA_KIND_LISTED;
+constexpr unsigned LIST_KINDS = IMA_KIND_OLD | IMA_KIND_NG | IMA_KIND_SIG | IMA_KIND_LISTED;
 
 // What the client has been sent, and what it makes of the next messages.
 struct {
@@ -296,16 +296,37 @@ TEST_F(retrieval_test, WhereAPausedStreamGoesOnIsRecordedByItsPlace)
 
 TEST_F(retrieval_test, AFailedSendEndsWithAMessageWithoutAnyField)
 {
-    for (std::uint32_t ready : {0u, 1u}) {
-        at_agent_state.ima_cache_ready = ready;
-        if (ready != 0)
-            fill_cache();
+    struct {
+        std::uint32_t ready;
+        std::uint64_t start;
+        int failed; // send
+        std::vector<std::uint64_t>
+            next; // first event of the next message; none when nothing is sent any more
+    } const cases[] = {
+        {0, 0, 1, {}},
+        // From a cache that is left, the live list is read: from the begin of the block of the last event
+        // that was sent behind the first chunk, or of the start event.
+        {1, 0, 0, {1}},
+        {1, 0, 1, {1}},
+        {1, 0, 4, {3001}},
+        {1, 0, 6, {3001}},
+        {1, 4500, 0, {3001}},
+        {1, 6500, 0, {6001}},
+    };
+    fill_cache();
+    for (const auto &row : cases) {
+        at_agent_state.ima_cache_ready = row.ready;
         sent = {};
-        sent.result = [](int send) { return send == 1 ? -1 : 0; };
-        const answer got = ask(0, ALL, 1);
+        sent.result = [&row](int send) { return send == row.failed ? -1 : 0; };
+        const answer got = ask(row.start, ALL, 1);
         EXPECT_EQ(got.status, ATTEST_ERR_MORE_DATA);
         EXPECT_EQ(got.present, 0u);
         EXPECT_TRUE(trace_has_part("CAPI send failed -1"));
+        const std::size_t behind = static_cast<std::size_t>(row.failed) * 1000;
+        std::vector<std::uint64_t> next(sent.numbers.begin() + static_cast<std::ptrdiff_t>(behind),
+                                        sent.numbers.end());
+        next.resize(std::min<std::size_t>(next.size(), 1));
+        EXPECT_EQ(next, row.next) << row.ready << ' ' << row.start << ' ' << row.failed;
     }
 }
 
@@ -328,7 +349,8 @@ TEST_F(retrieval_test, WhatCannotBeReadIsItsStatus)
     write_list(list_bytes() + std::string(24, '\0') + std::string("\x2c\1\0\0", 4) + std::string(300, 'x'));
     EXPECT_EQ(ask(0, ALL).status, ATTEST_ERR_EVENT_TOO_LONG);
     EXPECT_EQ(ask(0, ALL).present, 0u);
-    write_list(std::string_view(list_bytes()).substr(0, list_bytes().size() - 3));
+    const std::string record = ima_record(10, "ima-ng", std::string(100, 'd'));
+    write_list(list_bytes() + record.substr(0, record.size() - 3));
     EXPECT_EQ(ask(7000, ALL).status, ATTEST_ERR_BOOT_LOG_READ);
     EXPECT_EQ(ask(0, 2000).numbers, numbers(1, 2000)) << "what is wrong lies behind the limit";
     const answer skipped = ask(8000, ALL);
