@@ -8,55 +8,9 @@
 #include "attestctl/verify/certificates.h"
 #include "attestctl/verify/hw_integrity.h"
 #include "attestctl/verify/quote.h"
+#include "attestctl/verify/sources.h"
 
 namespace {
-
-// A node and its management controller are two; more than this is none.
-constexpr std::size_t MOST_SOURCES = 16;
-
-// The records of one source; none of a kind: nullptr.
-struct source {
-    std::string name;
-    const api::SystemCertificates *identity = nullptr, *attestation_key = nullptr;
-    const api::NodePCRData *pcrs = nullptr;
-    const api::NodeBootIntegrityLog *boot_log = nullptr;
-    const api::tpm_hw_integrity *hw_integrity = nullptr;
-};
-
-// False: there are too many.
-template <typename Answer, typename Record>
-bool sort_in(std::vector<source> &sources, const Answer &answer, const Record *source::*kind)
-{
-    if (static_cast<std::size_t>(answer.node_data().size()) > MOST_SOURCES)
-        return false;
-    for (const Record &record : answer.node_data()) {
-        const auto waits_for_it = [&](const source &one) {
-            return one.name == record.node_name() && one.*kind == nullptr;
-        };
-        auto place = std::find_if(sources.begin(), sources.end(), waits_for_it);
-        if (place == sources.end())
-            place = sources.insert(place, source{record.node_name()});
-        (*place).*kind = &record;
-    }
-    return true;
-}
-
-bool sort_by_source(const evidence &got, std::vector<source> &sources)
-{
-    return sort_in(sources, got.identity, &source::identity) &&
-           sort_in(sources, got.attestation_key, &source::attestation_key) &&
-           sort_in(sources, got.pcrs, &source::pcrs) && sort_in(sources, got.boot_log, &source::boot_log) &&
-           sort_in(sources, got.hw_integrity, &source::hw_integrity);
-}
-
-// Names, fit for a terminal and different where the sources are.
-std::string source_name(const std::vector<source> &sources, const source &one)
-{
-    const auto before =
-        std::count_if(sources.data(), &one, [&one](const source &other) { return other.name == one.name; });
-    return (one.name.empty() ? "(without a name)" : printable(one.name, 64)) +
-           (before == 0 ? "" : format(" (%d)", static_cast<int>(before) + 1));
-}
 
 // One source while it is judged.
 struct judgement {
@@ -121,12 +75,10 @@ void judge_hardware(judgement &j)
 
 void judge_ima_list(judgement &j)
 {
-    const auto &lists = j.got.ima_lists;
-    const auto found = std::find_if(lists.begin(), lists.end(),
-                                    [&j](const ima_list &one) { return one.source == j.from.name; });
-    if (found == lists.end())
+    const ima_list *const list = ima_list_of(j.got, j.from);
+    if (list == nullptr)
         return add_missing(j, "IMA list numbers");
-    check_ima_list(j.list, *found);
+    check_ima_list(j.list, *list);
 }
 
 // What is wrong with the stream as a whole: one that broke off, or a list of a source that has nothing else.
@@ -176,8 +128,9 @@ std::vector<check> judge(const evidence &got, std::span<const subject> subjects,
         add(whole, "sources", failed("none has evidence"));
     if (!whole.rows.empty())
         return whole.rows;
-    for (const source &one : sources) {
-        judgement j{got, one, roots, {}, {}, {source_name(sources, one), {}}};
+    for (std::size_t i = 0; i < sources.size(); ++i) {
+        const source &one = sources[i];
+        judgement j{got, one, roots, {}, {}, {source_name(sources, i), {}}};
         if (one.identity != nullptr)
             j.identity = read_certificates(*one.identity, got.identity_request.cert_name());
         if (one.attestation_key != nullptr)

@@ -1,0 +1,54 @@
+#include "attestctl/verify/sources.h"
+
+#include <algorithm>
+
+#include "attestctl/text.h"
+
+namespace {
+
+// A node and its management controller are two; more than this is none.
+constexpr std::size_t MOST_SOURCES = 16;
+
+// False: there are too many.
+template <typename Answer, typename Record>
+bool sort_in(std::vector<source> &sources, const Answer &answer, const Record *source::*kind)
+{
+    if (static_cast<std::size_t>(answer.node_data().size()) > MOST_SOURCES)
+        return false;
+    for (const Record &record : answer.node_data()) {
+        const auto waits_for_it = [&](const source &one) {
+            return one.name == record.node_name() && one.*kind == nullptr;
+        };
+        auto place = std::find_if(sources.begin(), sources.end(), waits_for_it);
+        if (place == sources.end())
+            place = sources.insert(place, source{record.node_name()});
+        (*place).*kind = &record;
+    }
+    return true;
+}
+
+} // namespace
+
+bool sort_by_source(const evidence &got, std::vector<source> &sources)
+{
+    return sort_in(sources, got.identity, &source::identity) &&
+           sort_in(sources, got.attestation_key, &source::attestation_key) &&
+           sort_in(sources, got.pcrs, &source::pcrs) && sort_in(sources, got.boot_log, &source::boot_log) &&
+           sort_in(sources, got.hw_integrity, &source::hw_integrity);
+}
+
+std::string source_name(const std::vector<source> &sources, std::size_t index)
+{
+    const std::string &name = sources[index].name;
+    const auto before = std::count_if(sources.data(), sources.data() + index,
+                                      [&name](const source &other) { return other.name == name; });
+    return (name.empty() ? "(without a name)" : printable(name, 64)) +
+           (before == 0 ? "" : format(" (%d)", static_cast<int>(before) + 1));
+}
+
+const ima_list *ima_list_of(const evidence &got, const source &from)
+{
+    const auto found = std::find_if(got.ima_lists.begin(), got.ima_lists.end(),
+                                    [&from](const ima_list &one) { return one.source == from.name; });
+    return found == got.ima_lists.end() ? nullptr : &*found;
+}
