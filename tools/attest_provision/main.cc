@@ -32,6 +32,7 @@ Makes the node's keys in its TPM, has them certified, records the identifiers of
   --force           replace the keys and certificates of a provisioned node
   --show            print what the node has been given
   --check           check it: keys, certificates, chains, board and PCR 15. Extends PCR 15 if that is due.
+  --help            this text
 
 Exit status: 0 done, all well; 1 already provisioned, not provisioned, or a check found a fault; 2 wrong usage, or it
 could not be done. When interrupted, the node is as it was or as it shall be; the next run clears the rest away.
