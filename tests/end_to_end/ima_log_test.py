@@ -12,71 +12,20 @@ import unittest
 
 import grpc
 
+import measured_list
 import node
+from measured_list import Client, Events, api
 
-SERVICE = "/remote_attestation_api.RemoteAttestationApi"
 BUILD = pathlib.Path(node.agent_program()).parents[1]
 INSTRUMENTED = "asan" in BUILD.name or "tsan" in BUILD.name
 CACHE = pathlib.Path("/harddisk:/ima")
 LENGTH = 250_000  # two blocks of the cache are sealed, the third is half full
 SHORT = 110_000  # one is
 
-api = node.load_contract()
-
-
-class Events:
-    """What a list says of its events, read by a parser of the test's own: template hash and file name by number."""
-
-    def __init__(self, data):
-        self.bytes, self.ends, self.content = data, [0], [None]
-        at = 0
-        while at < len(data):
-            template_hash = data[at + 4:at + 24]
-            (length,) = struct.unpack_from("<I", data, at + 24)
-            template = data[at + 28:at + 28 + length]
-            at += 28 + length
-            if template == b"ima":
-                (length,) = struct.unpack_from("<I", data, at + 20)
-                name = data[at + 24:at + 24 + length]
-                at += 24 + length
-            else:
-                (total, length) = struct.unpack_from("<II", data, at)
-                (name_length,) = struct.unpack_from("<I", data, at + 8 + length)
-                name = data[at + 12 + length:at + 12 + length + name_length].rstrip(b"\0")
-                at += 4 + total
-            self.ends.append(at)
-            self.content.append((template_hash, name))
-
-    def first(self, count):
-        return self.bytes[:self.ends[count]]
-
 
 def write_list(data):
     node.IMA_LOG.parent.mkdir(parents=True, exist_ok=True)
     node.IMA_LOG.write_bytes(data)
-
-
-class Client:
-    """A client of its own connection. Messages are taken when they are asked for."""
-
-    def __init__(self):
-        # A window that does not grow, so that what a client has not taken stays with the agent.
-        options = [("grpc.max_receive_message_length", -1), ("grpc.use_local_subchannel_pool", 1),
-                   ("grpc.http2.bdp_probe", 0)]
-        self.channel = grpc.insecure_channel(os.environ["NODE_ADDRESS"], options)
-
-    def stream(self, start=0, count=0):
-        call = self.channel.unary_stream(f"{SERVICE}/StreamPlatformImaEventLogs",
-                                         api.get_platform_ima_event_logs_request.SerializeToString,
-                                         api.NodeIMAData.FromString)
-        return call(api.get_platform_ima_event_logs_request(start_event=start, event_count=count), timeout=120)
-
-    def at_once(self, start=0, count=0):
-        call = self.channel.unary_unary(f"{SERVICE}/GetPlatformImaEventLogs",
-                                        api.get_platform_ima_event_logs_request.SerializeToString,
-                                        api.get_platform_ima_event_logs_response.FromString)
-        request = api.get_platform_ima_event_logs_request(start_event=start, event_count=count)
-        return call(request, timeout=120).node_data
 
 
 def taken(messages):
@@ -87,9 +36,7 @@ def taken(messages):
 class ImaLog(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        made = subprocess.run([BUILD / "tests/ima/write_ima_list", str(LENGTH + 5000), "7"], check=True,
-                              stdout=subprocess.PIPE)
-        cls.list = Events(made.stdout)
+        cls.list = Events(measured_list.make(LENGTH + 5000, 7))
 
     def begin(self, length=LENGTH, cached=True, warm=False):
         """A reboot as far as the list, the table and the cache know: a list of `length` events, nothing kept. With
