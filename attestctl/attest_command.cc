@@ -1,5 +1,6 @@
 #include <array>
 
+#include "attestctl/evidence_files.h"
 #include "attestctl/output.h"
 #include "attestctl/report.h"
 #include "attestctl/text.h"
@@ -16,12 +17,15 @@ void append_report(std::string &out, const evidence &got, std::span<const check>
     append_checks(out, checks, roots_pinned);
 }
 
-// One object a node: {"target", "evidence": [...], and what append_json_checks says}.
-void append_json_report(std::string &out, const std::string &target, const evidence &got,
+// One object a node: {"target" or "from", "evidence": [...], and what append_json_checks says}.
+void append_json_report(std::string &out, const settings &chosen, const evidence &got,
                         std::span<const check> checks, bool roots_pinned)
 {
     out += '{';
-    append_json_member(out, "target", target);
+    if (chosen.from_directory.empty())
+        append_json_member(out, "target", chosen.target);
+    else
+        append_json_member(out, "from", chosen.from_directory);
     out += ",\"evidence\":[";
     for (const arrival &row : got.arrivals) {
         out += &row == got.arrivals.data() ? "{" : ",{";
@@ -36,6 +40,50 @@ void append_json_report(std::string &out, const std::string &target, const evide
     out += "}\n";
 }
 
+// Asks the node, and saves what it says where the user wants that. False, after a complaint, when there is
+// nothing to judge; `complete` when all questions were answered and all was saved.
+bool ask_for_evidence(const settings &chosen, client &c, evidence &got, bool &complete)
+{
+    std::string error;
+    evidence_directory_owner directory;
+    if (!chosen.save_directory.empty()) {
+        directory = make_evidence_directory(chosen.save_directory, error);
+        if (!directory) {
+            complain(error);
+            return false;
+        }
+    }
+    const message_taker take = [&](const api::NodeIMAData &message) {
+        take_ima_message(got.ima_lists, message, got.pcrs);
+        if (directory)
+            save_ima_message(*directory, message);
+        return true;
+    };
+    const ask_result result = fetch_evidence(c, take, got);
+    complete = result.status == ask_status::answered;
+    if (!complete)
+        complain(result.text);
+    if (result.status == ask_status::unreachable || got.arrivals.empty())
+        return false;
+    if (directory && !save_evidence(*directory, got, error)) {
+        complain(error);
+        complete = false;
+    }
+    return true;
+}
+
+bool read_evidence(const settings &chosen, evidence &got)
+{
+    std::string error;
+    const auto take = [&got](const api::NodeIMAData &message) {
+        take_ima_message(got.ima_lists, message, got.pcrs);
+    };
+    if (load_evidence(chosen.from_directory, take, got, error))
+        return true;
+    complain(error);
+    return false;
+}
+
 } // namespace
 
 int run_attest(const settings &chosen, client &c)
@@ -44,27 +92,20 @@ int run_attest(const settings &chosen, client &c)
     if (!read_chosen_roots(chosen, roots))
         return EXIT_USAGE;
     evidence got;
-    const ask_result result = fetch_evidence(
-        c,
-        [&got](const api::NodeIMAData &message) {
-            take_ima_message(got.ima_lists, message, got.pcrs);
-            return true;
-        },
-        got);
-    if (result.status != ask_status::answered)
-        complain(result.text);
-    if (result.status == ask_status::unreachable || got.arrivals.empty())
+    bool complete = true;
+    if (!(chosen.from_directory.empty() ? ask_for_evidence(chosen, c, got, complete)
+                                        : read_evidence(chosen, got)))
         return EXIT_USAGE;
     static constexpr std::array SUBJECTS = {subject::identity, subject::attestation_key, subject::quote,
                                             subject::boot_log, subject::hardware,        subject::ima_list};
     const std::vector<check> checks = judge(got, SUBJECTS, roots);
     std::string out;
     if (chosen.json)
-        append_json_report(out, chosen.target, got, checks, roots.pinned());
+        append_json_report(out, chosen, got, checks, roots.pinned());
     else
         append_report(out, got, checks, roots.pinned());
     write_data(out);
-    if (!flush_data() || result.status != ask_status::answered)
+    if (!flush_data() || !complete)
         return EXIT_USAGE;
     return all_passed(checks) ? EXIT_DONE : EXIT_NO_EVIDENCE;
 }

@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::uint32_t PCR_COUNT = 24;
 constexpr const char *NO_NONCE = "no random bytes for a nonce";
+constexpr const char *NO_EVIDENCE = "the node answered without evidence";
 
 template <typename List>
 std::size_t length_of(const List &list)
@@ -41,9 +42,19 @@ std::string content(const api::tpm_hw_integrity &record)
            (record.has_quote() ? " and a quote" : " without a quote");
 }
 
-arrival failed(std::string kind, const ask_result &result)
+template <typename Answer>
+arrival row_of(const char *kind, const Answer &answer)
 {
-    return {std::move(kind), false, 0, result.text};
+    std::string text;
+    for (const auto &record : answer.node_data())
+        text += (text.empty() ? "" : "; ") + printable(record.node_name(), 64) + ": " + content(record);
+    const std::size_t sources = length_of(answer.node_data());
+    return {kind, sources > 0, sources, sources > 0 ? text : NO_EVIDENCE};
+}
+
+arrival failed(const char *kind, const ask_result &result)
+{
+    return {kind, false, 0, result.text, false};
 }
 
 // Whether asking on makes sense after this result.
@@ -56,43 +67,21 @@ template <typename Request, typename Answer>
 ask_result fetch(client &c, const char *kind, const Request &request, Answer &answer, evidence &into)
 {
     ask_result result = ask(c, request, answer);
-    if (result.status != ask_status::answered) {
-        into.arrivals.push_back(failed(kind, result));
-        return result;
-    }
-    std::string text;
-    for (const auto &record : answer.node_data())
-        text += (text.empty() ? "" : "; ") + printable(record.node_name(), 64) + ": " + content(record);
-    const std::size_t sources = length_of(answer.node_data());
-    into.arrivals.push_back(
-        {kind, sources > 0, sources, sources > 0 ? text : "the node answered without evidence"});
+    into.arrivals.push_back(result.status == ask_status::answered ? row_of(kind, answer)
+                                                                  : failed(kind, result));
     return result;
 }
 
 ask_result fetch_ima_log(client &c, const message_taker &take, evidence &into)
 {
-    std::uint64_t events = 0;
-    std::vector<std::string> nodes;
-    bool cut_short = false;
+    ima_arrival state;
     const message_taker count = [&](const api::NodeIMAData &message) {
-        events += length_of(message.events());
-        // A node that cannot go on ends the stream with a message without any field.
-        cut_short = !message.has_node_name() && message.events().empty();
-        if (message.has_node_name() && (nodes.empty() || nodes.back() != message.node_name()))
-            nodes.push_back(message.node_name());
+        note_message(state, message);
         return take(message);
     };
     ask_result result = ask_stream(c, {}, count, [] { return false; });
-    if (result.status != ask_status::answered) {
-        into.arrivals.push_back(failed("ima-log", result));
-        return result;
-    }
-    arrival row{"ima-log", !nodes.empty() && !cut_short, nodes.size(), counted(events, "event")};
-    if (nodes.empty())
-        row.text = "the node answered without evidence";
-    else if (cut_short)
-        row.text += ", then the node ended the stream early";
-    into.arrivals.push_back(row);
+    into.arrivals.push_back(result.status == ask_status::answered ? arrival_of(state)
+                                                                  : failed(IMA_LOG_KIND, result));
     return result;
 }
 
@@ -108,14 +97,13 @@ ask_result fetch_certificates(client &c, const char *kind, const char *name,
 
 ask_result fetch_identity(client &c, evidence &into)
 {
-    return fetch_certificates(c, "identity certificates", IDENTITY_NAME, into.identity_request, into.identity,
-                              into);
+    return fetch_certificates(c, IDENTITY_KIND, IDENTITY_NAME, into.identity_request, into.identity, into);
 }
 
 ask_result fetch_attestation_key(client &c, evidence &into)
 {
-    return fetch_certificates(c, "attestation key certificates", ATTESTATION_KEY_NAME,
-                              into.attestation_key_request, into.attestation_key, into);
+    return fetch_certificates(c, ATTESTATION_KEY_KIND, ATTESTATION_KEY_NAME, into.attestation_key_request,
+                              into.attestation_key, into);
 }
 
 // Takes the steps until one says that asking on makes no sense.
@@ -129,6 +117,45 @@ ask_result take_steps(std::span<const std::function<ask_result()>> steps)
 
 } // namespace
 
+arrival arrival_of(const char *kind, const api::get_certificate_response &answer)
+{
+    return row_of(kind, answer);
+}
+
+arrival arrival_of(const char *kind, const api::attest_pcr_response &answer)
+{
+    return row_of(kind, answer);
+}
+
+arrival arrival_of(const char *kind, const api::get_platform_boot_integrity_event_logs_response &answer)
+{
+    return row_of(kind, answer);
+}
+
+arrival arrival_of(const char *kind, const api::get_platform_hw_integrity_response &answer)
+{
+    return row_of(kind, answer);
+}
+
+void note_message(ima_arrival &state, const api::NodeIMAData &message)
+{
+    state.events += length_of(message.events());
+    state.cut_short = !message.has_node_name() && message.events().empty();
+    if (message.has_node_name() && (state.nodes.empty() || state.nodes.back() != message.node_name()))
+        state.nodes.push_back(message.node_name());
+}
+
+arrival arrival_of(const ima_arrival &state)
+{
+    arrival row{IMA_LOG_KIND, !state.nodes.empty() && !state.cut_short, state.nodes.size(),
+                counted(state.events, "event")};
+    if (state.nodes.empty())
+        row.text = NO_EVIDENCE;
+    else if (state.cut_short)
+        row.text += ", then the node ended the stream early";
+    return row;
+}
+
 ask_result fetch_evidence(client &c, const message_taker &take_ima, evidence &into)
 {
     for (std::uint32_t i = 0; i < PCR_COUNT; ++i)
@@ -141,10 +168,10 @@ ask_result fetch_evidence(client &c, const message_taker &take_ima, evidence &in
     const std::array<std::function<ask_result()>, 6> steps = {
         [&] { return fetch_identity(c, into); },
         [&] { return fetch_attestation_key(c, into); },
-        [&] { return fetch(c, "pcrs", into.pcrs_request, into.pcrs, into); },
-        [&] { return fetch(c, "boot-log", no_choice, into.boot_log, into); },
+        [&] { return fetch(c, PCRS_KIND, into.pcrs_request, into.pcrs, into); },
+        [&] { return fetch(c, BOOT_LOG_KIND, no_choice, into.boot_log, into); },
         [&] { return fetch_ima_log(c, take_ima, into); },
-        [&] { return fetch(c, "hw-integrity", into.hw_integrity_request, into.hw_integrity, into); },
+        [&] { return fetch(c, HW_INTEGRITY_KIND, into.hw_integrity_request, into.hw_integrity, into); },
     };
     return take_steps(steps);
 }

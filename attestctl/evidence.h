@@ -13,7 +13,31 @@ struct arrival {
     bool came = false;
     std::size_t sources = 0; // records, one a source
     std::string text;        // what is in them, or why nothing came; one line, fit for a terminal
+    bool answered = true;    // false: there is no answer at all, not even an empty one
 };
+
+// The row of an answer.
+arrival arrival_of(const char *kind, const api::get_certificate_response &answer);
+arrival arrival_of(const char *kind, const api::attest_pcr_response &answer);
+arrival arrival_of(const char *kind, const api::get_platform_boot_integrity_event_logs_response &answer);
+arrival arrival_of(const char *kind, const api::get_platform_hw_integrity_response &answer);
+
+// The row of an IMA list that comes in messages.
+struct ima_arrival {
+    std::uint64_t events = 0;
+    std::vector<std::string> nodes;
+    bool cut_short = false; // a node that cannot go on ends the stream with a message without any field
+};
+void note_message(ima_arrival &state, const api::NodeIMAData &message);
+arrival arrival_of(const ima_arrival &state);
+
+// The names of the kinds, which make the rows of `evidence::arrivals`.
+inline constexpr const char *IDENTITY_KIND = "identity certificates";
+inline constexpr const char *ATTESTATION_KEY_KIND = "attestation key certificates";
+inline constexpr const char *PCRS_KIND = "pcrs";
+inline constexpr const char *BOOT_LOG_KIND = "boot-log";
+inline constexpr const char *IMA_LOG_KIND = "ima-log";
+inline constexpr const char *HW_INTEGRITY_KIND = "hw-integrity";
 
 // What was asked with which nonce, and the answers. The IMA list may be of any length: it is replayed as it
 // comes and not kept.

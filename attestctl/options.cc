@@ -140,6 +140,10 @@ constexpr auto OPTIONS = std::to_array<option_row>({
     {"--hash-algo", "N", of(command_id::hw_integrity), take_integer<&settings::hash_algo>,
      "0 SHA-1, 1 SHA-256, 2 SHA-384, 3 SHA-512 (default: the node's choice, SHA-256)",
      "must be a number from 0 to 4294967295"},
+    {"--save", "DIR", of(command_id::attest), take_text<&settings::save_directory>,
+     "make DIR and write questions and answers into it, a file each", NEEDS_TEXT},
+    {"--from", "DIR", of(command_id::attest), take_text<&settings::from_directory>,
+     "verify what --save wrote, and ask nobody", NEEDS_TEXT},
 });
 
 struct command_row {
@@ -293,6 +297,8 @@ usage_error whole_line_error(const settings &chosen, const command_row *command,
         return {"--server-name needs --ca, --cert and --key"};
     if (command->id == command_id::pcrs && chosen.pcrs.empty())
         return {"pcrs needs --pcr"};
+    if (!chosen.save_directory.empty() && !chosen.from_directory.empty())
+        return {"--save and --from exclude each other"};
     return {};
 }
 

@@ -31,6 +31,7 @@ struct settings {
     std::optional<std::uint64_t> start, count;
     bool stream = false;
     std::optional<std::uint32_t> hash_algo;
+    std::string save_directory, from_directory; // of evidence in files; empty: not wanted
 };
 
 enum class parse_outcome {

@@ -86,7 +86,7 @@ void judge_ima_stream(const evidence &got, const std::vector<source> &sources, s
 {
     check_list list;
     const auto arrived = std::find_if(got.arrivals.begin(), got.arrivals.end(),
-                                      [](const arrival &row) { return row.kind == "ima-log"; });
+                                      [](const arrival &row) { return row.kind == IMA_LOG_KIND; });
     if (arrived == got.arrivals.end() || !arrived->came)
         add(list, "IMA list", failed("did not come whole"));
     for (const ima_list &one : got.ima_lists)

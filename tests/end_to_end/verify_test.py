@@ -57,6 +57,12 @@ class Verify(unittest.TestCase):
         status, checks = verdict("pcrs", "--pcr", "0", "--nonce", "")
         self.assertEqual((status, failing(checks)), (1, {"quote nonce"}))
 
+    def test_saved_evidence_gets_the_verdict_that_it_had(self):
+        with tempfile.TemporaryDirectory() as folder:
+            for where in ("--save", "--from"):
+                status, checks = verdict("attest", "--root", self.roots["root.pem"], where, f"{folder}/evidence")
+                self.assertEqual((status, failing(checks)), (1 if EXPECTED else 0, EXPECTED), where)
+
     def test_whole_node_passes_until_somebody_extends_a_pcr(self):  # the last one: the TPM keeps it
         self.assertEqual(failing(verdict("attest", "--root", self.roots["root.pem"])[1]), EXPECTED)
         for pcr, fails in (("11", set()), ("9", {"boot log replay"}), ("15", {"boot log replay", "hardware binding"})):
