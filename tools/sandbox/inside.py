@@ -19,8 +19,9 @@ sys.dont_write_bytecode = True
 import agent_control  # noqa: E402
 import software_tpm  # noqa: E402
 from failure import COMMAND_NOT_FOUND, NODE_FAILED, Failure  # noqa: E402
-from layout import (AGENT_PROGRAM, BMC_ADDRESS, BMC_PROGRAM, BOOT_LOG, CHECKOUT, COMMANDS, ENVIRONMENT_FILE,  # noqa: E402
-                    IMA_LOG, PROGRAMS_DIR, PROVISION_PROGRAM, PYTHON, TPM_SOCKET, WITHOUT_CAPABILITIES)
+from layout import (AGENT_PROGRAM, BMC_ADDRESS, BMC_FAULT_FILE, BMC_NODE_DIR, BMC_NODE_SOCKET,  # noqa: E402
+                    BMC_PROGRAM, BOOT_LOG, CHECKOUT, COMMANDS, ENVIRONMENT_FILE, IMA_LOG, PROGRAMS_DIR,
+                    PROVISION_PROGRAM, PYTHON, TPM_SOCKET, WITH_LOW_PORTS, WITHOUT_CAPABILITIES)
 
 RELAY = f"{CHECKOUT}/tools/sandbox/relay.py"
 AGENT_PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
@@ -29,9 +30,11 @@ AGENT_VARIABLES = ("ATTEST_", "ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "
 # What a service manager tells the caller is about the caller, not about the node.
 SERVICE_VARIABLES = ("RUNTIME_DIRECTORY", "NOTIFY_SOCKET", "WATCHDOG_PID", "WATCHDOG_USEC")
 
-BMC_START_LIMIT_S = 20
+BMC_START_LIMIT_S = 60  # an instrumented build on a busy machine included
 COMMAND_GRACE_S = 2
 LOST_AGENT_CHECK_S = 0.5
+
+IDENTITY_CHAIN = "RSA_SCHAIN"  # the object with the certificates that issued the device identity's
 
 
 def run(configuration):
@@ -48,7 +51,7 @@ def run(configuration):
             software_tpm.measure(BOOT_LOG, IMA_LOG)
             provision(configuration["build"], state)
         if configuration["bmc"]:
-            start_bmc(configuration["build"], state)
+            start_bmc(configuration["build"], state, configuration["bmc"]["fault"])
         if configuration["agent"]:
             agent_control.start()
         write_environment(configuration, settings)
@@ -67,6 +70,8 @@ def run(configuration):
 def agent_environment(configuration):
     caller = {name: value for name, value in os.environ.items() if name.startswith(AGENT_VARIABLES)}
     own = {"PATH": AGENT_PATH, "LANG": "C.UTF-8", "HOME": f"{configuration['state']}/work"}
+    if not configuration["bmc"]:
+        own["ATTEST_BMC_ADDRESS"] = "none"
     if configuration["tpm"]:
         own["ATTEST_TPM"] = f"swtpm:path={TPM_SOCKET}"
         own["ATTEST_TRUST_ANCHOR"] = manifest(configuration["state"])
@@ -90,7 +95,8 @@ def provision(build, state):
 
 def install_programs(build):
     programs = {name: f"{build}/{path}" for name, path in COMMANDS.items()}
-    programs["node-agent"] = f"{CHECKOUT}/tools/sandbox/bin/node-agent"
+    for name in ("node-agent", "node-bmc"):
+        programs[name] = f"{CHECKOUT}/tools/sandbox/bin/{name}"
     for name, path in programs.items():
         if os.path.exists(path):
             os.symlink(path, f"{PROGRAMS_DIR}/{name}")
@@ -109,10 +115,17 @@ def set_addresses(configuration, settings):
         subprocess.run(["ip", "address", "add", f"{address}/32", "dev", "lo"], check=True)
 
 
-def start_bmc(build, state):
+def start_bmc(build, state, fault):
+    """The simulator, with the evidence of the node behind it, for those that this node's authority certifies."""
+    agent_control.write_file(BMC_FAULT_FILE, fault or "")
+    with open(manifest(state), encoding="utf-8") as file:
+        objects = json.load(file)["objects"]
+    authority = f"{os.path.dirname(manifest(state))}/{objects[IDENTITY_CHAIN]['file']}"
     with open(f"{state}/bmc.log", "wb") as log:
-        bmc = subprocess.Popen([f"{build}/{BMC_PROGRAM}"], cwd=state, stdin=subprocess.DEVNULL, stdout=log, stderr=log,
-                               start_new_session=True)
+        bmc = subprocess.Popen([*WITH_LOW_PORTS, f"{build}/{BMC_PROGRAM}", "--node",
+                                f"unix:{BMC_NODE_DIR}/{BMC_NODE_SOCKET}", "--authority", authority, "--credentials",
+                                f"{state}/bmc_login", "--fault-file", BMC_FAULT_FILE],
+                               cwd=state, stdin=subprocess.DEVNULL, stdout=log, stderr=log, start_new_session=True)
     deadline = time.monotonic() + BMC_START_LIMIT_S
     while not agent_control.is_listening(443):
         if bmc.poll() is not None or time.monotonic() > deadline:

@@ -1,4 +1,5 @@
 """The sandbox around a node, built with bubblewrap: what of the machine is seen inside, and what is private."""
+import contextlib
 import fcntl
 import json
 import os
@@ -9,8 +10,10 @@ import subprocess
 import sys
 import tempfile
 
+import bmc_node
 from failure import Failure
-from layout import (AGENT_PROGRAM, BMC_PROGRAM, BOOT_LOG, CAPABILITIES, CHECKOUT, DISK, IMA_LOG, PYTHON)
+from layout import (AGENT_PROGRAM, BMC_LOGIN, BMC_NODE_DIR, BMC_PROGRAM, BOOT_LOG, CAPABILITIES, CHECKOUT, DISK,
+                    IMA_LOG, PYTHON)
 
 INSIDE = f"{CHECKOUT}/tools/sandbox/inside.py"
 NODE_FILE = "node.json"  # in the state directory while a node runs on it
@@ -25,14 +28,15 @@ def run(options):
     require_programs(["bwrap", "setpriv"] + ([] if options.no_tpm else ["swtpm"]))
     build = build_directory(options)
     logs = {BOOT_LOG: options.boot_log, IMA_LOG: options.ima_log}
-    for log in filter(None, logs.values()):
+    for log in filter(None, [*logs.values(), options.bmc_boot_log, options.bmc_ima_log]):
         require_file(log)
     listener = listen(options.publish) if options.publish else None
     state = prepare_state(options.state)
     try:
         with open(f"{state}/lock", "wb") as lock:
             take_lock(lock, state)
-            return run_sandbox(options, state, build, logs, listener)
+            with behind_bmc(options, state, build):
+                return run_sandbox(options, state, build, logs, listener)
     finally:
         if not options.state:
             shutil.rmtree(state, ignore_errors=True)
@@ -57,10 +61,32 @@ def build_directory(options):
         raise Failure(f"no agent in {build}: build it, or name another directory with --build")
     if options.bmc and not os.access(f"{build}/{BMC_PROGRAM}", os.X_OK):
         raise Failure("no BMC simulator in this build")
+    if options.bmc and options.no_tpm:
+        raise Failure("--bmc and --no-tpm exclude each other: a node logs in to its BMC with a key of its TPM")
     return build
 
 
-def listen(port):
+def listen(place):
+    return listen_at_file(place) if "/" in place else listen_at_port(place)
+
+
+def listen_at_file(path):
+    """Whatever the path's length: the kernel's is short."""
+    directory, name = os.path.split(path)
+    listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    try:
+        inside = os.open(directory, os.O_PATH | os.O_DIRECTORY)
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(path)
+        listener.bind(f"/proc/self/fd/{inside}/{name}")
+        os.close(inside)
+    except OSError as error:
+        raise Failure(f"cannot publish at {path}: {error.strerror}") from None
+    listener.listen()
+    return listener
+
+
+def listen_at_port(port):
     if not port.isdecimal() or int(port) > 65535:
         raise Failure(f"not a port: {port}")
     listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
@@ -77,7 +103,7 @@ def prepare_state(directory):
     state = os.path.realpath(directory) if directory else tempfile.mkdtemp(prefix="attest-node-")
     if directory:
         os.makedirs(state, exist_ok=True)
-    for name in ("disk", "tpm", "work"):
+    for name in ("disk", "tpm", "work", "bmc_login"):
         os.makedirs(f"{state}/{name}", mode=0o700, exist_ok=True)
     return state
 
@@ -89,19 +115,33 @@ def take_lock(lock, state):
         raise Failure(f"another node runs on {state}; --enter enters it") from None
 
 
+@contextlib.contextmanager
+def behind_bmc(options, state, build):
+    """While it lasts, the node whose evidence the BMC gives runs; without a BMC there is none."""
+    if not options.bmc:
+        yield
+        return
+    node = bmc_node.start(f"{state}/bmc_node", build, options.bmc_boot_log or options.boot_log,
+                          options.bmc_ima_log or options.ima_log)
+    try:
+        yield
+    finally:
+        bmc_node.stop(node)
+
+
 def run_sandbox(options, state, build, logs, listener):
     control_inside, control = os.pipe()
     information, information_inside = os.pipe()
     passed = [control_inside, information_inside]
-    published = "{}:{}".format(*listener.getsockname()) if listener else None
+    published = published_name(options.publish, listener) if listener else None
     if listener:
         passed.append(listener.detach())
     configuration = {
-        "state": state, "build": build, "tpm": not options.no_tpm, "bmc": options.bmc, "agent": not options.no_agent,
-        "command": options.command, "control": control_inside,
+        "state": state, "build": build, "tpm": not options.no_tpm, "agent": not options.no_agent,
+        "bmc": {"fault": options.bmc_fault} if options.bmc else None, "command": options.command, "control": control_inside,
         "publish": passed[-1] if listener else None, "published": published,
     }
-    arguments = [*sandbox_arguments(state, build, logs), "--info-fd", str(information_inside)]
+    arguments = [*sandbox_arguments(state, build, logs, options.bmc), "--info-fd", str(information_inside)]
     passed.append(arguments_file(arguments))
     argv = ["bwrap", "--args", str(passed[-1]), "--", PYTHON, INSIDE, "run", json.dumps(configuration)]
     interruption = Interruption(control, serving=not options.command)
@@ -123,6 +163,11 @@ def run_sandbox(options, state, build, logs, listener):
     if interruption.number and not interruption.serving:
         return 128 + interruption.number
     return 128 - status if status < 0 else status
+
+
+def published_name(place, listener):
+    """What attestctl's user, or whoever connects to the socket, has to know."""
+    return f"unix:{place}" if listener.family == socket.AF_UNIX else "{}:{}".format(*listener.getsockname())
 
 
 def arguments_file(arguments):
@@ -150,7 +195,7 @@ class Interruption:
         signal.alarm(STOP_LIMIT_S)
 
 
-def sandbox_arguments(state, build, logs):
+def sandbox_arguments(state, build, logs, bmc):
     arguments = ["--unshare-user", "--unshare-ipc", "--unshare-pid", "--unshare-net", "--unshare-uts",
                  "--uid", "0", "--gid", "0", "--hostname", "node", "--die-with-parent"]
     for capability in CAPABILITIES:
@@ -168,20 +213,34 @@ def sandbox_arguments(state, build, logs):
     directory = os.getcwd()
     if is_hidden(directory):
         arguments += ["--ro-bind", directory, directory]
-    return arguments + ["--bind", state, state, "--bind", f"{state}/disk", DISK, "--chdir", directory]
+    arguments += ["--bind", state, state, "--bind", f"{state}/disk", DISK]
+    return arguments + (bmc_arguments(state) if bmc else []) + ["--chdir", directory]
 
 
 def root_arguments():
     """The machine's root, read-only, on a root of the sandbox's own: so it can have DISK, which no machine has."""
+    return shown("/", PRIVATE)
+
+
+def shown(directory, left_out):
+    """What is in the directory, read-only, on one of the sandbox's own."""
     arguments = []
-    for entry in sorted(os.scandir("/"), key=lambda entry: entry.name):
-        if entry.name in PRIVATE:
+    for entry in sorted(os.scandir(directory), key=lambda entry: entry.name):
+        if entry.name in left_out:
             continue
         if entry.is_symlink():
             arguments += ["--symlink", os.readlink(entry.path), entry.path]
         elif entry.is_dir():
             arguments += ["--ro-bind", entry.path, entry.path]
     return arguments
+
+
+def bmc_arguments(state):
+    """The client certificate where the agent looks for it, in a place that few machines have; and what the simulator
+    needs of the node behind it."""
+    directory, name = os.path.split(BMC_LOGIN)
+    return ["--tmpfs", directory, *shown(directory, (name,)), "--ro-bind", f"{state}/bmc_login", BMC_LOGIN,
+            "--remount-ro", directory, "--ro-bind", f"{state}/bmc_node", BMC_NODE_DIR]
 
 
 def is_hidden(directory):

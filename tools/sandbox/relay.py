@@ -33,7 +33,8 @@ def serve(client, address):
             return
         with server:
             for end in (client, server):
-                end.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+                if end.family != socket.AF_UNIX:
+                    end.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
             back = threading.Thread(target=pass_on, args=(server, client), daemon=True)
             back.start()
             pass_on(client, server)
