@@ -14,7 +14,7 @@ void reset_connection(int connection)
     // Dissolving the association of a connected TCP socket sends the reset that closing it would not.
     sockaddr nobody{};
     nobody.sa_family = AF_UNSPEC;
-    connect(connection, &nobody, sizeof nobody);
+    (void)connect(connection, &nobody, sizeof nobody);
 }
 
 void stall_connection(int connection)

@@ -62,13 +62,13 @@ void take_login(rest_server &server, const httplib::Request &request, httplib::R
     send_reply(reply, wrong, request, response);
 }
 
-rest_reply answer_call(rest_server &server, const httplib::Request &request, fault_kind wrong)
+rest_reply answer_call(rest_server &server, const httplib::Request &request, fault_kind wrong,
+                       blob_call &call)
 {
     if (!server.sessions.knows(request.get_header_value("Cookie")))
         return refused(401, "no session");
     if (request.get_header_value("Content-Type") != "application/json")
         return refused(400, "not JSON by its type");
-    blob_call call;
     if (std::string problem = read_blob_call(request.body, call); !problem.empty())
         return refused(400, problem);
     std::string record;
@@ -85,9 +85,9 @@ void take_call(rest_server &server, const httplib::Request &request, httplib::Re
 {
     const fault_kind wrong = fault_now(server.settings.fault_file, transfer::call);
     server.call_is_next = false;
-    const rest_reply reply = answer_call(server, request, wrong);
-    note("call", request.body.substr(0, request.body.find(',')) + ": " + std::to_string(reply.data.size()) +
-                     " characters, " + reply.message);
+    blob_call call;
+    const rest_reply reply = answer_call(server, request, wrong, call);
+    note("call", "operation " + std::to_string(call.operation) + ", " + reply.message);
     send_reply(reply, wrong, request, response);
 }
 
