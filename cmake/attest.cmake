@@ -37,11 +37,17 @@ function(attest_test name)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
 endfunction()
 
-# attest_bench(NAME SOURCES... [LINK ...]): a benchmark that pairs jobs with yardsticks (bench/ratio.h).
+# attest_bench(NAME SOURCES... [LINK ...]): a benchmark that pairs jobs with yardsticks (bench/ratio.h); bench/run finds
+# it in the list that is kept here, and the target `benchmarks` builds them all.
+add_custom_target(benchmarks)
+file(WRITE ${CMAKE_BINARY_DIR}/benchmarks.txt "")
 function(attest_bench name)
   cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
   add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE attest_flags ${ARG_LINK} attest_ratio)
+  add_dependencies(benchmarks ${name})
+  file(RELATIVE_PATH program ${CMAKE_BINARY_DIR} ${CMAKE_CURRENT_BINARY_DIR}/${name})
+  file(APPEND ${CMAKE_BINARY_DIR}/benchmarks.txt "${program}\n")
 endfunction()
 
 # Rooms add their tests and benchmarks as folders and files of their own; a list names them all.
