@@ -24,6 +24,7 @@ using std::chrono::system_clock;
 struct client {
     std::string target;
     milliseconds timeout;
+    bool shows_certificate;
     std::shared_ptr<grpc::Channel> channel;
     std::unique_ptr<api::RemoteAttestationApi::Stub> stub;
 };
@@ -99,6 +100,13 @@ std::string connect_reason(const std::string &message)
     return reason.empty() ? "no reason given" : printable(reason, 300);
 }
 
+// A node that does not accept a certificate ends the connection; its reason comes too late for gRPC to see
+// it.
+bool is_cut_short(const std::string &reason)
+{
+    return reason.ends_with("Socket closed") || reason.ends_with("Connection reset by peer");
+}
+
 // Waits until the connection stands or has failed. `connected` stays false when it failed: then the call that
 // comes next fails at once and has the reason.
 ask_result connect(client &c, bool &connected)
@@ -121,8 +129,12 @@ ask_result call_result(const client &c, bool connected, const grpc::Status &stat
 {
     if (status.ok())
         return {};
-    if (!connected && status.error_code() == grpc::StatusCode::UNAVAILABLE)
-        return unreachable(c, connect_reason(status.error_message()));
+    if (!connected && status.error_code() == grpc::StatusCode::UNAVAILABLE) {
+        const std::string reason = connect_reason(status.error_message());
+        const bool refused = c.shows_certificate && is_cut_short(reason);
+        return unreachable(c,
+                           reason + (refused ? "; the node may not accept the certificate of --cert" : ""));
+    }
     const std::string head = c.target + ": " + code_name(status.error_code()) + ": ";
     // gRPC's own words for this one do not say more than its name.
     if (status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED)
@@ -256,7 +268,7 @@ client_owner make_client(const settings &chosen, std::string &error)
     if (!chosen.server_name.empty())
         arguments.SetSslTargetNameOverride(chosen.server_name);
 
-    client_owner c(new client{chosen.target, chosen.timeout, nullptr, nullptr});
+    client_owner c(new client{chosen.target, chosen.timeout, !chosen.cert_file.empty(), nullptr, nullptr});
     c->channel = grpc::CreateCustomChannel("dns:///" + chosen.target, credentials, arguments);
     c->stub = api::RemoteAttestationApi::NewStub(c->channel);
     return c;

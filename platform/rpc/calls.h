@@ -12,9 +12,11 @@
 
 // ---- gRPC's threads ----
 
-// Takes note of a new call. Null, with *code and *text, when it must be refused.
+// Takes note of a new call; `caller` is who the client is by its certificate. Null, with *code and *text,
+// when it must be refused.
 std::shared_ptr<rpc_call> rpc_call_open(rpc_shared &shared, std::string_view peer, std::string_view path,
-                                        rpc_reactor *reactor, rpc_code *code, std::string *text);
+                                        const rpc_caller &caller, rpc_reactor *reactor, rpc_code *code,
+                                        std::string *text);
 // A message of the client, or `ok` false: there is none, or none any more.
 void rpc_call_read(const std::shared_ptr<rpc_call> &call, bool ok, std::span<const std::byte> bytes);
 void rpc_call_written(rpc_call &call, bool ok);

@@ -47,10 +47,29 @@ remote_attestation_api_endpoint local_endpoint(int socket)
     return {ntohl(address.sin_addr.s_addr), ntohs(address.sin_port)};
 }
 
+// A client that TLS refused is told no more than the alert; the operator is told whom it was. Only who has
+// said something can have been refused, and only before its first call.
+void tell_if_refused(const rpc_connection &connection)
+{
+    remote_attestation_api_server &server = *connection.server;
+    tcp_info info{};
+    socklen_t length = sizeof info;
+    if (!server.settings.tls.on() || connection.client->has_called ||
+        getsockopt(connection.socket.get(), IPPROTO_TCP, TCP_INFO, &info, &length) != 0 ||
+        info.tcpi_bytes_received == 0)
+        return;
+    const std::string reason = rpc_handshake_reason();
+    if (!reason.empty())
+        rpc_refusal_tell(server.shared->refusals, server.limits.log_interval_ms, rpc_refusal::connection,
+                         "connection", connection.remote, reason);
+}
+
 // Either side may have ended it: gRPC shuts the descriptor down before it closes its own.
 void on_hang_up(void *context, std::uint32_t)
 {
-    rpc_connection_close(*static_cast<rpc_connection *>(context), ECONNRESET, false);
+    auto &connection = *static_cast<rpc_connection *>(context);
+    tell_if_refused(connection);
+    rpc_connection_close(connection, ECONNRESET, false);
 }
 
 // Whether the client's machine has acknowledged bytes since the last time.
@@ -85,7 +104,9 @@ void on_sweep(void *context)
         if (rpc_connection *connection = rpc_connection_find(client))
             close_if_stalled(*connection);
     }
-    if (!server.connections.empty())
+    rpc_reload_changed(server);
+    rpc_reload_end_retired(server);
+    if (!server.connections.empty() || !server.former.empty())
         levm_watch_timer_rearm(server.sweep.get(), server.limits.sweep_ms);
     else
         server.sweep.reset();
@@ -112,18 +133,6 @@ void refuse(remote_attestation_api_server &server, int error)
 }
 
 } // namespace
-
-bool rpc_log_allowed(rpc_log_limit &limit, std::uint64_t interval_ms, std::uint32_t *held_back)
-{
-    const std::uint64_t now = rpc_now_ms();
-    if (now < limit.next_ms) {
-        ++limit.held_back;
-        return false;
-    }
-    limit.next_ms = now + interval_ms;
-    *held_back = std::exchange(limit.held_back, 0);
-    return true;
-}
 
 rpc_connection *rpc_connection_find(remote_attestation_api_client client)
 {

@@ -3,12 +3,14 @@
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <grpc/grpc_security_constants.h>
 #include <grpc/support/log.h>
 #include <grpcpp/generic/async_generic_service.h>
 #include <grpcpp/grpcpp.h>
 #include <mutex>
 #include <pthread.h>
 #include <syslog.h>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -67,6 +69,25 @@ void reaction_begins(void *) {}
 void reaction_ends(void *) {}
 #endif
 
+// What a client's certificate says of it, in the words of the allow-list. Without TLS: nothing.
+rpc_caller caller_of(const grpc::GenericCallbackServerContext &context)
+{
+    constexpr std::pair<const char *, const char *> kinds[] = {
+        {GRPC_PEER_URI_PROPERTY_NAME, "uri"},         {GRPC_PEER_DNS_PROPERTY_NAME, "dns"},
+        {GRPC_PEER_EMAIL_PROPERTY_NAME, "email"},     {GRPC_PEER_IP_PROPERTY_NAME, "ip"},
+        {GRPC_X509_SUBJECT_PROPERTY_NAME, "subject"}, {GRPC_X509_CN_PROPERTY_NAME, "cn"},
+    };
+    rpc_caller caller;
+    const std::shared_ptr<const grpc::AuthContext> context_of_tls = context.auth_context();
+    if (context_of_tls == nullptr || !context_of_tls->IsPeerAuthenticated())
+        return caller;
+    for (const auto &[property, kind] : kinds) {
+        for (const grpc::string_ref &value : context_of_tls->FindPropertyValues(property))
+            caller.push_back({kind, {value.data(), value.size()}});
+    }
+    return caller;
+}
+
 grpc::Status status_of(rpc_code code, const std::string &text)
 {
     return {static_cast<grpc::StatusCode>(code), text};
@@ -84,7 +105,8 @@ struct rpc_reactor final : grpc::ServerGenericBidiReactor {
     {
         rpc_code code = rpc_code::ok;
         std::string text;
-        call = rpc_call_open(shared, context.peer(), context.method(), this, &code, &text);
+        call =
+            rpc_call_open(shared, context.peer(), context.method(), caller_of(context), this, &code, &text);
         reaction_ends(this);
         if (call == nullptr)
             Finish(status_of(code, text));
@@ -159,6 +181,8 @@ struct rpc_grpc_server {
     service calls;
     acceptor_ptr acceptor;
     std::unique_ptr<grpc::Server> server; // before `calls` is gone it is stopped
+    std::thread retirement;               // waits for the last call
+    std::atomic<bool> retired = false;    // it has waited long enough
 };
 
 namespace {
@@ -189,16 +213,28 @@ void set_bounds(grpc::ServerBuilder &builder, const rpc_limits &limits)
     builder.AddChannelArgument(GRPC_ARG_MAX_CONNECTION_IDLE_MS, number(limits.idle_ms));
 }
 
-// gRPC's own complaints (a failed handshake) go where the operator looks, but a peer cannot fill the journal.
+// gRPC's own complaints go where the operator looks, but a peer cannot fill the journal; that of a failed
+// handshake waits for who knows whose it was.
 void log_of_grpc(gpr_log_func_args *line)
 {
     static std::mutex lock;
     static rpc_log_limit limit;
     const std::lock_guard guard(lock);
     std::uint32_t held_back = 0;
-    if (line->severity == GPR_LOG_SEVERITY_ERROR &&
+    if (line->severity == GPR_LOG_SEVERITY_ERROR && !rpc_handshake_failed(line->message) &&
         rpc_log_allowed(limit, rpc_limits{}.log_interval_ms, &held_back))
         operator_log(LOG_NOTICE, "gRPC: %s (%u more lines)", line->message, held_back);
+}
+
+// Signals are for the loop's thread: those that `start` starts take none.
+template <class Start>
+void with_signals_blocked(Start start)
+{
+    sigset_t all, former;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &former);
+    start();
+    pthread_sigmask(SIG_SETMASK, &former, nullptr);
 }
 
 } // namespace
@@ -214,12 +250,7 @@ rpc_grpc_server_ptr rpc_grpc_start(const std::shared_ptr<rpc_shared> &shared, co
     builder.RegisterCallbackGenericService(&made->calls);
     made->acceptor = builder.experimental().AddExternalConnectionAcceptor(
         grpc::ServerBuilder::experimental_type::ExternalConnectionType::FROM_FD, credentials_of(tls));
-    // Signals are for the loop's thread: those that gRPC starts take none.
-    sigset_t all, former;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &former);
-    made->server = builder.BuildAndStart();
-    pthread_sigmask(SIG_SETMASK, &former, nullptr);
+    with_signals_blocked([&] { made->server = builder.BuildAndStart(); });
     if (made->server == nullptr)
         made.reset();
     return made;
@@ -232,10 +263,28 @@ void rpc_grpc_take_connection(rpc_grpc_server &server, int fd)
     server.acceptor->HandleNewConnection(&connection);
 }
 
+void rpc_grpc_retire(rpc_grpc_server &server, std::uint64_t patience_ms)
+{
+    with_signals_blocked([&] {
+        server.retirement = std::thread([&server, patience_ms] {
+            server.server->Shutdown(std::chrono::system_clock::now() +
+                                    std::chrono::milliseconds(patience_ms));
+            server.retired = true;
+        });
+    });
+}
+
+bool rpc_grpc_retired(const rpc_grpc_server &server)
+{
+    return server.retired;
+}
+
 void rpc_grpc_server_deleter::operator()(rpc_grpc_server *server) const noexcept
 {
     // The connections are shut already; what is left ends now, not when a client agrees.
-    if (server->server != nullptr)
+    if (server->retirement.joinable())
+        server->retirement.join();
+    else if (server->server != nullptr)
         server->server->Shutdown(std::chrono::system_clock::now());
     delete server;
 }

@@ -47,7 +47,12 @@ struct rpc_limits {
     // Operator lines that a peer can provoke: one of a kind in this time, with the number held back.
     std::uint64_t log_interval_ms = 60'000;
 
+    // After new certificates: how long calls of connections with the former ones may go on. A whole list
+    // takes minutes at most.
+    std::uint64_t retire_ms = 600'000;
+
     // What gRPC may allocate for reading and for calls; 16 calls on each of 256 connections need about 80 MB.
+    // After new certificates the former server has as much until it has retired.
     std::uint64_t grpc_memory_bytes = std::uint64_t{128} << 20;
 };
 

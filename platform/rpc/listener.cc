@@ -57,6 +57,7 @@ bool accept_one(remote_attestation_api_server &server)
     }
     const remote_attestation_api_endpoint remote{ntohl(peer.sin_addr.s_addr), ntohs(peer.sin_port)};
     if (server.connections.size() < server.limits.connections) {
+        rpc_reload_changed(server);
         rpc_connection_open(server, std::move(accepted), remote);
         return true;
     }

@@ -48,3 +48,30 @@ const rpc_method *rpc_method_find(std::string_view path)
                                      [path](const rpc_method &method) { return method.path == path; });
     return found == std::end(methods) ? nullptr : found;
 }
+
+std::string_view rpc_method_name(const rpc_method &method)
+{
+    return method.path.substr(method.path.rfind('/') + 1);
+}
+
+std::uint32_t rpc_method_bit(const rpc_method &method)
+{
+    return std::uint32_t{1} << (&method - std::begin(methods));
+}
+
+std::uint32_t rpc_method_all_bits()
+{
+    std::uint32_t bits = 0;
+    for (const rpc_method &method : methods)
+        bits |= rpc_method_is_evidence(method) ? rpc_method_bit(method) : 0;
+    return bits;
+}
+
+std::uint32_t rpc_method_bits_of(std::string_view name)
+{
+    const auto *found =
+        std::find_if(std::begin(methods), std::end(methods), [name](const rpc_method &method) {
+            return rpc_method_is_evidence(method) && rpc_method_name(method) == name;
+        });
+    return found == std::end(methods) ? 0 : rpc_method_bit(*found);
+}

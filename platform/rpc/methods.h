@@ -1,6 +1,7 @@
 // The operations by their path on the wire.
 #pragma once
 
+#include <cstdint>
 #include <span>
 #include <string_view>
 
@@ -40,6 +41,14 @@ struct rpc_method {
 
 // Null when there is no such operation.
 const rpc_method *rpc_method_find(std::string_view path);
+
+// The last part of the path: "AttestPcrs".
+std::string_view rpc_method_name(const rpc_method &method);
+
+// Sets of evidence operations, a bit each.
+std::uint32_t rpc_method_bit(const rpc_method &method);
+std::uint32_t rpc_method_all_bits();
+std::uint32_t rpc_method_bits_of(std::string_view name); // 0: evidence that is not served
 
 constexpr bool rpc_method_is_evidence(const rpc_method &method)
 {

@@ -100,14 +100,19 @@ std::uint32_t start(remote_attestation_api_server &server,
     server.shared->instance = server.instance;
     server.shared->manager = server.manager;
     server.shared->server_number = server.number;
-    server.grpc = rpc_grpc_start(server.shared, settings.tls);
+    server.shared->allow = settings.allow;
+    server.settings = std::move(settings);
+    server.grpc = rpc_grpc_start(server.shared, server.settings.tls);
     if (server.grpc == nullptr) {
         operator_log(LOG_ERR, "the remote attestation API cannot be served: gRPC does not start");
         return platform_status_from_errno(EIO);
     }
+    const char *whom = "without TLS";
+    if (server.settings.tls.on())
+        whom = server.settings.allow != nullptr ? "to the clients of ATTEST_ALLOW"
+                                                : "to clients with a certificate";
     operator_log(LOG_INFO, "the remote attestation API is served on %s, %s",
-                 rpc_endpoint_text(server.endpoint).c_str(),
-                 settings.tls.on() ? "to clients with a certificate" : "without TLS");
+                 rpc_endpoint_text(server.endpoint).c_str(), whom);
     return 0;
 }
 
@@ -116,6 +121,7 @@ void stop(remote_attestation_api_server &server)
     rpc_listener_close(server);
     rpc_connection_close_all(server, ESHUTDOWN);
     server.sweep.reset();
+    server.former.clear();
     server.grpc.reset();
     if (server.shared == nullptr)
         return;

@@ -5,26 +5,20 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "platform/owners.h"
 #include "platform/remote_attestation_api.h"
 #include "platform/rpc/grpc_server.h"
 #include "platform/rpc/methods.h"
+#include "platform/rpc/refusals.h"
+#include "platform/rpc/settings.h"
 #include "platform/rpc/shared.h"
 
 struct levm_watch_deleter {
     void operator()(levm_watch *watch) const noexcept { levm_watch_release(watch); }
 };
 using levm_watch_ptr = std::unique_ptr<levm_watch, levm_watch_deleter>;
-
-// One operator line of a kind in log_interval_ms, for lines that a peer can provoke.
-struct rpc_log_limit {
-    std::uint64_t next_ms = 0;
-    std::uint32_t held_back = 0;
-};
-
-// Whether a line may go out; *held_back is then how many did not since the last one.
-bool rpc_log_allowed(rpc_log_limit &limit, std::uint64_t interval_ms, std::uint32_t *held_back);
 
 struct rpc_connection {
     remote_attestation_api_client id = 0;
@@ -47,6 +41,9 @@ struct remote_attestation_api_server {
     // While active.
     std::shared_ptr<rpc_shared> shared;
     rpc_grpc_server_ptr grpc;
+    std::vector<rpc_grpc_server_ptr> former;    // with certificates of before, until they have retired
+    rpc_settings settings;                      // in use
+    std::string tls_complaint, allow_complaint; // last told about what cannot be used; empty when all is well
     remote_attestation_api_endpoint endpoint{};
     unique_fd listener;
     levm_watch_ptr accept_watch; // null while accepting rests
@@ -61,6 +58,15 @@ struct remote_attestation_api_server {
 
 // The work that rpc_post posts: `context` is a server's number.
 void rpc_server_read_inbox(void *context);
+
+// ---- reload.cc ----
+
+// Looks whether the files have changed: new certificates serve new connections, a new allow-list the next
+// call. What cannot be used is told to the operator once, and what was in use stays so.
+void rpc_reload_changed(remote_attestation_api_server &server);
+
+// Ends what has retired.
+void rpc_reload_end_retired(remote_attestation_api_server &server);
 
 // ---- listener.cc ----
 

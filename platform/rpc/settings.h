@@ -1,33 +1,39 @@
 // Where to listen and as whom: the activation's parameters and the environment.
 //
 //   ATTEST_PORT           the port when the activation has none: 1 to 65535, by default 50551
-//   ATTEST_TLS_DIR        a directory with three PEM files, which turn mutual TLS on:
-//                           server.crt     the node's certificate, then the intermediate ones of its chain
-//                           server.key     its private key, not encrypted
-//                           client-ca.crt  the CAs whose clients are served
-//                         not set or empty: no TLS
+//   ATTEST_TLS_DIR        a directory with the PEM files of tls.h, which turn mutual TLS on; not set or
+//   empty: no TLS ATTEST_ALLOW          a file that says which client may ask for what (allow_list.h); not
+//   set or empty: every
+//                         client that is served may ask for everything
 //   ATTEST_RPC_PLAINTEXT  "1": without TLS other addresses than 127.0.0.0/8 are served too
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "platform/remote_attestation_api.h"
-
-struct rpc_tls {
-    std::string certificate, key, client_ca; // PEM; all empty without TLS
-    bool on() const { return !certificate.empty(); }
-};
+#include "platform/rpc/allow_list.h"
+#include "platform/rpc/tls.h"
 
 struct rpc_settings {
     remote_attestation_api_endpoint endpoint;
+    std::string tls_directory, allow_file; // empty: not set
     rpc_tls tls;
+    std::shared_ptr<const rpc_allow_list> allow; // null: not set
+    rpc_tls_marks tls_marks{};                   // of before the files were read
+    rpc_file_mark allow_mark;
 };
 
-// 0, or a status that was told to the operator: EINVAL for missing or bad parameters, EACCES for plaintext on
-// an address that is not loopback, what reading a file gave, EBADMSG for a file that is not PEM, EKEYREJECTED
-// for a key that is not the certificate's.
+// 0, or a status that was told to the operator: EINVAL for missing or bad parameters and an allow-list
+// without TLS, EACCES for plaintext on an address that is not loopback, the statuses of rpc_tls_read and
+// rpc_allow_file_read.
 std::uint32_t rpc_settings_read(const remote_attestation_api_activation *parameters, rpc_settings *settings);
 
 // "a.b.c.d:port".
 std::string rpc_endpoint_text(const remote_attestation_api_endpoint &endpoint);
+
+// 0 with the list of the file; or a status with *why, "PATH: reason": what reading it gave, EBADMSG for one
+// that cannot be parsed.
+std::uint32_t rpc_allow_file_read(const std::string &path, std::shared_ptr<const rpc_allow_list> *list,
+                                  std::string *why);

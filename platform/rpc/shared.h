@@ -5,11 +5,13 @@
 // cancellations (calls.h); they never run the agent's code and never wait for the loop. What the loop must
 // know of it is an event in the inbox.
 //
-// Locks. rpc_shared::lock guards the peers and the inbox; rpc_client::lock guards a client's queue and its
-// calls. The shared lock may be taken while a client's lock is held, not the other way round. Operations of a
-// call are started under its client's lock: gRPC completes them on its own threads, never inside the start.
+// Locks. rpc_shared::lock guards the peers, the inbox and the allow-list; rpc_client::lock guards a client's
+// queue and its calls. The shared lock may be taken while a client's lock is held, not the other way round.
+// Operations of a call are started under its client's lock: gRPC completes them on its own threads, never
+// inside the start.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -20,7 +22,9 @@
 
 #include "platform/levm.h"
 #include "platform/owners.h"
+#include "platform/rpc/allow_list.h"
 #include "platform/rpc/limits.h"
+#include "platform/rpc/refusals.h"
 
 struct rpc_call;
 struct rpc_client;
@@ -46,6 +50,7 @@ struct rpc_event {
 struct rpc_client {
     std::uint64_t id = 0;
     std::shared_ptr<rpc_shared> shared;
+    std::atomic<bool> has_called = false; // TLS is through, if there is any
 
     std::mutex lock;
     bool gone = false;
@@ -63,6 +68,7 @@ enum class rpc_code : int {
     cancelled = 1,
     invalid_argument = 3,
     not_found = 5,
+    permission_denied = 7,
     resource_exhausted = 8,
     aborted = 10,
     unimplemented = 12,
@@ -104,12 +110,20 @@ struct rpc_shared {
     std::unordered_map<std::uint64_t, std::shared_ptr<rpc_client>> peers; // by rpc_peer_key
     std::vector<rpc_event> inbox;
     bool posted = false;
+    std::shared_ptr<const rpc_allow_list> allow; // null: every client may ask for everything
+
+    rpc_refusal_log refusals; // has a lock of its own
 };
 
 // A peer's address and port as one number.
 constexpr std::uint64_t rpc_peer_key(std::uint32_t address, std::uint32_t port)
 {
     return std::uint64_t{address} << 16 | port;
+}
+
+constexpr remote_attestation_api_endpoint rpc_peer_endpoint(std::uint64_t key)
+{
+    return {static_cast<std::uint32_t>(key >> 16), static_cast<std::uint32_t>(key & 0xFFFF)};
 }
 
 // Puts the event into the inbox and has the loop look at it. From any thread.

@@ -57,6 +57,8 @@ class StartUp(Process):
             ("address without TLS", ["ATTEST_NODE_ADDRESS=192.0.2.7"], [], "exit status 0", None, START_FAILED),
             ("port", ["ATTEST_PORT=0x1"], [], "exit status 0", None, START_FAILED),
             ("TLS files", ["ATTEST_TLS_DIR=/nowhere"], [], "exit status 0", None, START_FAILED),
+            ("clients that are known by nothing", ["ATTEST_ALLOW=/etc/hosts"], [], "exit status 0",
+             "ATTEST_ALLOW names clients by their certificates: set ATTEST_TLS_DIR too", START_FAILED),
         ]
         for what, settings, wrapper, end, message, traced in cases:
             with self.subTest(what):
