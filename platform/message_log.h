@@ -17,5 +17,6 @@ struct message_record {
 };
 
 // Raises the message, its text formatted with the one string `argument`: to the journal, with facility,
-// mnemonic, severity, code, process and text as separate fields, or to stderr where there is no journal.
+// mnemonic, severity, code, process and text as separate fields and a message id made of the code, for which
+// packaging/attestation_agent.catalog says what to do; or to stderr where there is no journal.
 void emit_errmsg(const message_record *record, std::uint32_t severity, const char *argument);

@@ -21,6 +21,9 @@ enum : std::size_t { STATE_INTERVAL_S, STATE_WINDOW_START_S, STATE_COUNT, STATE_
 // More than one incident raises (a message a block of the cache that is damaged, ...), far less than a flood.
 constexpr std::uint64_t BURST = 64;
 
+// A message's id for the journal and its catalog is this and the eight digits of its code.
+constexpr const char *MESSAGE_ID_BEGIN = "eecb9e8e9ee2408ebdd32457";
+
 std::mutex state_lock;
 
 std::uint64_t boot_seconds()
@@ -72,9 +75,12 @@ void emit_errmsg(const message_record *record, std::uint32_t severity, const cha
 #pragma GCC diagnostic pop
     std::array<char, 16> code{};
     std::snprintf(code.data(), code.size(), "0x%08" PRIX32, record->code);
+    std::array<char, 40> id{};
+    std::snprintf(id.data(), id.size(), "%s%08" PRIx32, MESSAGE_ID_BEGIN, record->code);
     std::array<char, 16> level{};
     std::snprintf(level.data(), level.size(), "%" PRIu32, severity);
-    const std::array<log_field, 5> fields = {{{"MESSAGE_FACILITY", record->facility},
+    const std::array<log_field, 6> fields = {{{"MESSAGE_ID", id.data()},
+                                              {"MESSAGE_FACILITY", record->facility},
                                               {"MESSAGE_MNEMONIC", record->mnemonic},
                                               {"MESSAGE_SEVERITY", level.data()},
                                               {"MESSAGE_CODE", code.data()},

@@ -100,6 +100,22 @@ class Installed(unittest.TestCase):
         judged = run("systemd-analyze", "security", "--offline=true", "--threshold=20", "--no-pager", unit)
         self.assertEqual(judged.returncode, 0, judged.stdout)
 
+    @unittest.skipUnless(shutil.which("journalctl"), "no journal here")
+    def test_the_catalog_says_what_to_do_for_each_system_message(self):
+        begin = re.search(r'MESSAGE_ID_BEGIN = "(\w+)"', (SOURCE / "platform/linux/message_log.cc").read_text())[1]
+        records = re.findall(r'record\(\s*(\d), "([A-Z_]+)"', (SOURCE / "agent/system_messages.cc").read_text())
+        expected = {f"{begin}1ca0000{number}" for number, _ in records}
+        self.assertEqual(len(expected), 5)
+        (self.root / "var/lib/systemd/catalog").mkdir(parents=True, exist_ok=True)
+        updated = run("journalctl", f"--root={self.root}", "--update-catalog")
+        self.assertEqual((updated.returncode, updated.stderr), (0, ""))
+        dumped = run("journalctl", f"--root={self.root}", "--dump-catalog").stdout
+        self.assertEqual(set(re.findall(r"^-- (\w+)\nSubject: .+\nDefined-By: attestation_agent\n", dumped, re.M)), expected)
+        for entry in dumped.split("\n-- "):
+            self.assertIn("\n@MESSAGE@\n", entry)
+            for page in re.findall(r"man:([\w-]+)\((\d)\)", entry):
+                self.assertTrue((self.root / "usr/share/man/man{1}/{0}.{1}".format(*page)).exists(), page)
+
     def test_programs_are_hardened(self):
         for program, path in self.programs.items():
             with self.subTest(program):

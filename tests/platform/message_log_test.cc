@@ -89,6 +89,7 @@ TEST(message_log_test, JournalGetsEveryFieldByItself)
     LOGGED(entry, true, [] { raise_system_message(msg_rec_attestation_agent_init, "trace buffer\n"); });
     EXPECT_EQ(entry, "PRIORITY=3\n"
                      "SYSLOG_IDENTIFIER=attestation_agent\n"
+                     "MESSAGE_ID=eecb9e8e9ee2408ebdd324571ca00004\n"
                      "MESSAGE_FACILITY=MGBL\n"
                      "MESSAGE_MNEMONIC=INIT\n"
                      "MESSAGE_SEVERITY=3\n"
