@@ -3,6 +3,7 @@
 #include "attestctl/evidence_files.h"
 #include "attestctl/output.h"
 #include "attestctl/report.h"
+#include "attestctl/state.h"
 #include "attestctl/text.h"
 #include "attestctl/verdict.h"
 
@@ -54,7 +55,7 @@ bool ask_for_evidence(const settings &chosen, client &c, evidence &got, bool &co
         }
     }
     const message_taker take = [&](const api::NodeIMAData &message) {
-        take_ima_message(got.ima_lists, message, got.pcrs);
+        take_ima_message(got.ima_lists, message, got.pcrs, got.start);
         if (directory)
             save_ima_message(*directory, message);
         return true;
@@ -76,9 +77,23 @@ bool read_evidence(const settings &chosen, evidence &got)
 {
     std::string error;
     const auto take = [&got](const api::NodeIMAData &message) {
-        take_ima_message(got.ima_lists, message, got.pcrs);
+        take_ima_message(got.ima_lists, message, got.pcrs, got.start);
     };
     if (load_evidence(chosen.from_directory, take, got, error))
+        return true;
+    complain(error);
+    return false;
+}
+
+// Remembers the lists of a node that was verified; what is known of any other stays. False, and a complaint.
+bool remember(const settings &chosen, const evidence &got, std::span<const check> checks,
+              verified_lists &state)
+{
+    std::string error;
+    if (chosen.state_file.empty() || !all_passed(checks))
+        return true;
+    state.nodes[chosen.target] = lists_to_remember(got);
+    if (write_state(state, error))
         return true;
     complain(error);
     return false;
@@ -91,7 +106,14 @@ int run_attest(const settings &chosen, client &c)
     trusted_roots roots;
     if (!read_chosen_roots(chosen, roots))
         return EXIT_USAGE;
+    verified_lists state;
+    std::string error;
+    if (!chosen.state_file.empty() && !read_state(chosen.state_file, state, error)) {
+        complain(error);
+        return EXIT_USAGE;
+    }
     evidence got;
+    got.remembered = state.nodes[chosen.target];
     bool complete = true;
     if (!(chosen.from_directory.empty() ? ask_for_evidence(chosen, c, got, complete)
                                         : read_evidence(chosen, got)))
@@ -105,7 +127,7 @@ int run_attest(const settings &chosen, client &c)
     else
         append_report(out, got, checks, roots.pinned());
     write_data(out);
-    if (!flush_data() || !complete)
+    if (!remember(chosen, got, checks, state) || !flush_data() || !complete)
         return EXIT_USAGE;
     return all_passed(checks) ? EXIT_DONE : EXIT_NO_EVIDENCE;
 }

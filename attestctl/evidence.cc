@@ -1,10 +1,12 @@
 #include "attestctl/evidence.h"
 
+#include <algorithm>
 #include <array>
 #include <span>
 
 #include "attestctl/certificate_names.h"
 #include "attestctl/nonce.h"
+#include "attestctl/state.h"
 #include "attestctl/text.h"
 
 namespace {
@@ -72,14 +74,58 @@ ask_result fetch(client &c, const char *kind, const Request &request, Answer &an
     return result;
 }
 
-ask_result fetch_ima_log(client &c, const message_taker &take, evidence &into)
+ask_result stream_ima_log(client &c, const evidence &into, const message_taker &take, ima_arrival &state)
 {
-    ima_arrival state;
+    api::get_platform_ima_event_logs_request request;
+    if (into.start.asked_after != 0)
+        request.set_start_event(into.start.asked_after);
     const message_taker count = [&](const api::NodeIMAData &message) {
         note_message(state, message);
         return take(message);
     };
-    ask_result result = ask_stream(c, {}, count, [] { return false; });
+    return ask_stream(c, request, count, [] { return false; });
+}
+
+// Takes back the lists that do not lead from where they were asked for to the quote, and gives their names.
+std::vector<std::string> take_back_broken_lists(evidence &into)
+{
+    std::vector<std::string> broken;
+    for (const ima_list &list : into.ima_lists) {
+        if (is_continued(list))
+            continue;
+        broken.push_back(list.source);
+        if (into.start.positions.erase(list.source) != 0)
+            into.start.notes[list.source] = "it does not go on from event " + grouped(list.begun_after) +
+                                            ", up to which it was verified before";
+    }
+    std::erase_if(into.ima_lists, [](const ima_list &list) { return !is_continued(list); });
+    into.start.asked_after = 0;
+    return broken;
+}
+
+// Asks for the broken lists from their begin, and for no more of the stream than they need.
+ask_result fetch_anew(client &c, const message_taker &take, const std::vector<std::string> &broken,
+                      evidence &into, ima_arrival &state)
+{
+    std::vector<std::string> waited_for = broken;
+    const message_taker take_broken = [&](const api::NodeIMAData &message) {
+        std::erase(waited_for, message.node_name());
+        if (std::find(broken.begin(), broken.end(), message.node_name()) != broken.end())
+            return take(message);
+        return !waited_for.empty() || !message.has_node_name();
+    };
+    ask_result result = stream_ima_log(c, into, take_broken, state);
+    return result.status == ask_status::stopped ? ask_result{} : result;
+}
+
+ask_result fetch_ima_log(client &c, const message_taker &take, evidence &into)
+{
+    into.start = start_after(into.remembered, into);
+    ima_arrival state;
+    ask_result result = stream_ima_log(c, into, take, state);
+    if (result.status == ask_status::answered && into.start.asked_after != 0 && !state.cut_short)
+        if (const std::vector<std::string> broken = take_back_broken_lists(into); !broken.empty())
+            result = fetch_anew(c, take, broken, into, state);
     into.arrivals.push_back(result.status == ask_status::answered ? arrival_of(state)
                                                                   : failed(IMA_LOG_KIND, result));
     return result;
@@ -141,7 +187,8 @@ void note_message(ima_arrival &state, const api::NodeIMAData &message)
 {
     state.events += length_of(message.events());
     state.cut_short = !message.has_node_name() && message.events().empty();
-    if (message.has_node_name() && (state.nodes.empty() || state.nodes.back() != message.node_name()))
+    if (message.has_node_name() &&
+        std::find(state.nodes.begin(), state.nodes.end(), message.node_name()) == state.nodes.end())
         state.nodes.push_back(message.node_name());
 }
 

@@ -6,6 +6,7 @@
 
 #include "attestctl/client.h"
 #include "attestctl/verify/ima_list.h"
+#include "attestctl/verify/quote.h"
 
 // What came of one kind of evidence.
 struct arrival {
@@ -39,6 +40,14 @@ inline constexpr const char *BOOT_LOG_KIND = "boot-log";
 inline constexpr const char *IMA_LOG_KIND = "ima-log";
 inline constexpr const char *HW_INTEGRITY_KIND = "hw-integrity";
 
+// What is known of a source's IMA list from an attestation before.
+struct remembered_list {
+    std::string source;
+    std::string key; // SHA-256 of the attestation key's certificate
+    boot_counts boot;
+    ima_position position;
+};
+
 // What was asked with which nonce, and the answers. The IMA list may be of any length: it is replayed as it
 // comes and not kept.
 struct evidence {
@@ -49,13 +58,17 @@ struct evidence {
     api::get_platform_boot_integrity_event_logs_response boot_log;
     api::get_platform_hw_integrity_request hw_integrity_request;
     api::get_platform_hw_integrity_response hw_integrity;
+    std::vector<remembered_list> remembered;
+    ima_start start; // of the lists: after what is remembered, as far as it still holds
     std::vector<ima_list> ima_lists;
     std::vector<arrival> arrivals;
 };
 
 // Asks for all kinds, each request with a fresh nonce of its own, the quote before the logs: a log may have
-// grown since the quote, never the other way round. A kind that fails is an arrival that says so; a node that
-// cannot be reached or stops answering ends it, with the result of that call.
+// grown since the quote, never the other way round. Of the IMA list only what comes after the remembered
+// positions is asked for; a list that does not go on from there to the quote is asked for again from its
+// begin. `take_ima` gives the messages to take_ima_message. A kind that fails is an arrival that says so; a
+// node that cannot be reached or stops answering ends it, with the result of that call.
 ask_result fetch_evidence(client &c, const message_taker &take_ima, evidence &into);
 
 // Asks for the certificates of the keys that sign, each with a fresh nonce: the device identity's and, if

@@ -124,6 +124,8 @@ constexpr auto OPTIONS = std::to_array<option_row>({
 
     {"--root", "FILE", CERTIFICATES, take_text<&settings::root_file>,
      "the root certificates that are trusted: one in DER, or several in PEM", NEEDS_TEXT},
+    {"--state", "FILE", of(command_id::attest), take_text<&settings::state_file>,
+     "remember how far the IMA list was verified, and ask only for what is new (made if absent)", NEEDS_TEXT},
     {"--name", "NAME", of(command_id::certificate), take_text<&settings::cert_name>,
      "\"Kestrin VOXA\" or \"Kestrin AIK\" (default: the node's choice, the latter)", NEEDS_TEXT},
     {"--nonce", "HEX", of(command_id::certificate) | of(command_id::pcrs) | of(command_id::hw_integrity),
@@ -195,8 +197,12 @@ constexpr auto CHECKS = std::to_array<checks_row>({
      "  hardware identifiers  what the board shows now is what was recorded, entry by entry\n"
      "  hardware binding      PCR 15 is the extension by the recorded list\n"
      "  hardware quote ...    as for the quote, over PCR 15 in the bank of --hash-algo\n"},
-    {of(command_id::attest), "  IMA list         numbers without gaps; template hashes recomputed; the "
-                             "replay gives the quoted PCR 10\n"},
+    {of(command_id::attest),
+     "  IMA list         numbers without gaps; template hashes recomputed; the "
+     "replay gives the quoted PCR 10;\n"
+     "                   with --state from the last event that was verified, unless the "
+     "node was booted since\n"
+     "                   or the list does not go on from there: then from the begin\n"},
 });
 
 constexpr std::string_view NOTES =
@@ -299,6 +305,8 @@ usage_error whole_line_error(const settings &chosen, const command_row *command,
         return {"pcrs needs --pcr"};
     if (!chosen.save_directory.empty() && !chosen.from_directory.empty())
         return {"--save and --from exclude each other"};
+    if (!chosen.state_file.empty() && !(chosen.save_directory.empty() && chosen.from_directory.empty()))
+        return {"--state does not go with --save and --from, which are of whole lists"};
     return {};
 }
 

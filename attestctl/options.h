@@ -24,6 +24,8 @@ struct settings {
     bool json = false;
     std::string root_file; // of certificates that evidence is verified against; empty: any root will do
 
+    std::string state_file; // how far IMA lists have been verified; empty: nothing is remembered
+
     // Of the commands. Nonces are bytes here; absent: a fresh one.
     std::optional<std::string> cert_name;
     std::optional<std::string> nonce;

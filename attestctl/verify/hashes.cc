@@ -1,8 +1,10 @@
+#define OPENSSL_SUPPRESS_DEPRECATED // SHA1_*, SHA256_*: digests without a context from the heap
 #include "attestctl/verify/hashes.h"
 
 #include <algorithm>
 #include <array>
 
+#include <openssl/sha.h>
 #include <tss2/tss2_tpm2_types.h>
 
 #include "attestctl/openssl_owners.h"
@@ -51,5 +53,36 @@ std::string digest_of(const hash_algorithm &algorithm, std::initializer_list<std
     std::string digest(algorithm.size, '\0');
     if (EVP_DigestFinal_ex(state.get(), reinterpret_cast<unsigned char *>(digest.data()), nullptr) != 1)
         return {};
+    return digest;
+}
+
+sha1_digest sha1_of(std::string_view data)
+{
+    sha1_digest digest;
+    SHA_CTX state;
+    SHA1_Init(&state);
+    SHA1_Update(&state, data.data(), data.size());
+    SHA1_Final(digest.data(), &state);
+    return digest;
+}
+
+sha256_digest sha256_of(std::string_view data)
+{
+    sha256_digest digest;
+    SHA256_CTX state;
+    SHA256_Init(&state);
+    SHA256_Update(&state, data.data(), data.size());
+    SHA256_Final(digest.data(), &state);
+    return digest;
+}
+
+sha256_digest sha256_of(const sha256_digest &first, const sha256_digest &second)
+{
+    sha256_digest digest;
+    SHA256_CTX state;
+    SHA256_Init(&state);
+    SHA256_Update(&state, first.data(), first.size());
+    SHA256_Update(&state, second.data(), second.size());
+    SHA256_Final(digest.data(), &state);
     return digest;
 }

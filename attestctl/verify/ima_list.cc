@@ -1,10 +1,9 @@
 #include "attestctl/verify/ima_list.h"
 
 #include <algorithm>
-#include <string_view>
+#include <cstring>
 
 #include "attestctl/text.h"
-#include "attestctl/verify/hashes.h"
 #include "attestctl/verify/pcr_set.h"
 #include "attestctl/verify/quote.h"
 
@@ -17,140 +16,104 @@ constexpr std::size_t MOST_LISTS = 16;
 
 constexpr std::uint32_t IMA_PCR = 10;
 constexpr std::size_t TEMPLATE_HASH_SIZE = 20;
-constexpr std::size_t IMA_DIGEST_SIZE = 20;
-constexpr std::size_t IMA_NAME_SIZE = 256; // the template "ima" hashes a name padded to this
 
-const hash_algorithm &sha1()
+// A node serves whole chunks: it may begin this many events earlier than it was asked to.
+constexpr std::uint64_t CHUNK = 1000;
+
+bool is_violation(const std::string &template_hash)
 {
-    return *hash_by_number(0);
+    return std::all_of(template_hash.begin(), template_hash.end(), [](char c) { return c == 0; });
 }
 
-void append_field(std::string &data, std::string_view field)
-{
-    for (int shift = 0; shift < 32; shift += 8)
-        data += static_cast<char>(field.size() >> shift & 0xFF);
-    data += field;
-}
-
-bool append_digest(const api::IMA_EVENT &event, std::string &data)
-{
-    if (!event.has_digest() || !event.has_digest_algo())
-        return false;
-    append_field(data, event.digest_algo() + ':' + '\0' + event.digest());
-    return true;
-}
-
-bool append_name(const api::IMA_EVENT &event, std::string &data)
-{
-    if (!event.has_event_name())
-        return false;
-    append_field(data, event.event_name() + '\0');
-    return true;
-}
-
-// One without a signature has an empty field.
-bool append_signature(const api::IMA_EVENT &event, std::string &data)
-{
-    append_field(data, event.signature());
-    return true;
-}
-
-struct template_field {
-    std::string_view id;
-    bool (*append)(const api::IMA_EVENT &event, std::string &data);
-};
-constexpr std::array<template_field, 3> FIELDS = {
-    {{"d-ng", append_digest}, {"n-ng", append_name}, {"sig", append_signature}}};
-
-std::string_view field_list_of(std::string_view template_name)
-{
-    if (template_name == "ima-ng")
-        return "d-ng|n-ng";
-    if (template_name == "ima-sig")
-        return "d-ng|n-ng|sig";
-    return template_name;
-}
-
-bool rebuild_ima(const api::IMA_EVENT &event, std::string &data)
-{
-    if (event.digest().size() != IMA_DIGEST_SIZE || event.event_name().size() > IMA_NAME_SIZE)
-        return false;
-    data = event.digest() + event.event_name();
-    data.resize(IMA_DIGEST_SIZE + IMA_NAME_SIZE, '\0');
-    return true;
-}
-
-bool is_violation(const api::IMA_EVENT &event)
-{
-    const std::string &hash = event.template_hash();
-    return std::all_of(hash.begin(), hash.end(), [](char c) { return c == 0; });
-}
-
-// What is extended for one event: nothing where it is not known.
+// What is extended for one event.
 struct extension {
-    std::string native, padded;
+    sha256_digest native, padded;
+    bool native_known = true;
 };
-
-std::string zero_padded(std::string digest, std::size_t size)
-{
-    digest.resize(size, '\0');
-    return digest;
-}
 
 extension extension_of(ima_list &list, const api::IMA_EVENT &event)
 {
-    const std::size_t size = quoted_bank().size;
-    if (is_violation(event)) {
+    extension what;
+    if (is_violation(event.template_hash())) {
         ++list.violations;
-        return {std::string(size, '\xff'), std::string(size, '\xff')};
+        what.native.fill(0xff);
+        what.padded.fill(0xff);
+        return what;
     }
-    extension what{{}, zero_padded(event.template_hash(), size)};
-    std::string data;
-    if (!rebuild_template_data(event, data)) {
+    what.padded.fill(0);
+    std::memcpy(what.padded.data(), event.template_hash().data(), TEMPLATE_HASH_SIZE);
+    if (!rebuild_template_data(event, list.data)) {
         ++list.not_rebuilt;
+        what.native_known = false;
         return what;
     }
     ++list.hashed;
-    if (digest_of(sha1(), {data}) != event.template_hash() && list.hash_problem.empty())
+    if (std::memcmp(sha1_of(list.data).data(), what.padded.data(), TEMPLATE_HASH_SIZE) != 0 &&
+        list.hash_problem.empty())
         list.hash_problem =
             "event " + grouped(event.event_num()) + ": the template hash is not that of its fields";
-    what.native = digest_of(quoted_bank(), {data});
+    what.native = sha256_of(list.data);
     return what;
 }
 
-void look_at_quote(ima_pcr &pcr)
+bool is_value(const sha256_digest &digest, const std::string &value)
 {
-    if (pcr.quoted == nullptr)
-        return;
-    if (pcr.unknown_data == 0 && pcr.native == *pcr.quoted) {
-        pcr.was_equal_natively = true;
-        pcr.native_equal = pcr.extends;
-    }
-    if (pcr.padded == *pcr.quoted) {
-        pcr.was_equal_padded = true;
-        pcr.padded_equal = pcr.extends;
-    }
+    return value.size() == digest.size() && std::memcmp(value.data(), digest.data(), digest.size()) == 0;
 }
 
-void extend(ima_pcr &pcr, const extension &what)
+bool counts(const ima_list &list, const ima_pcr &pcr)
 {
-    ++pcr.extends;
+    return pcr.extended || &pcr == &list.pcrs[IMA_PCR];
+}
+
+// Compares with the quote again, after a change of this PCR.
+void look_at_quote(ima_list &list, ima_pcr &pcr)
+{
+    const bool natively = pcr.quoted != nullptr && pcr.native_known && is_value(pcr.native, *pcr.quoted);
+    const bool padded = pcr.quoted != nullptr && pcr.padded_known && is_value(pcr.padded, *pcr.quoted);
+    const bool equal = natively || padded;
+    if (equal)
+        pcr.equal_padded = !natively;
+    if (counts(list, pcr) && equal != pcr.equal)
+        list.unequal = equal ? list.unequal - 1 : list.unequal + 1;
+    pcr.equal = equal;
+    pcr.was_equal |= equal;
+}
+
+void extend(ima_list &list, const api::IMA_EVENT &event)
+{
+    const extension what = extension_of(list, event);
+    ima_pcr &pcr = list.pcrs[event.pcr()];
+    if (!counts(list, pcr) && !pcr.equal)
+        ++list.unequal; // from now on it counts
     pcr.extended = true;
-    if (what.native.empty() && pcr.unknown_data == 0)
-        pcr.unknown_data = pcr.extends;
-    if (pcr.unknown_data == 0)
-        pcr.native = digest_of(quoted_bank(), {pcr.native, what.native});
-    pcr.padded = digest_of(quoted_bank(), {pcr.padded, what.padded});
-    look_at_quote(pcr);
+    if (!what.native_known && pcr.unknown_data == 0)
+        pcr.unknown_data = event.event_num();
+    pcr.native_known &= what.native_known;
+    if (pcr.native_known)
+        pcr.native = sha256_of(pcr.native, what.native);
+    if (pcr.padded_known)
+        pcr.padded = sha256_of(pcr.padded, what.padded);
+    look_at_quote(list, pcr);
+}
+
+// False: the event was verified before.
+bool take_number(ima_list &list, std::uint64_t number)
+{
+    const bool begins = list.earliest != 0 && number >= list.earliest && number <= list.next_number;
+    list.earliest = 0;
+    if (number != list.next_number && !begins && list.number_problem.empty())
+        list.number_problem =
+            "event " + grouped(number) + " came where event " + grouped(list.next_number) + " belongs";
+    list.next_number = number + 1;
+    return number > list.begun_after || !list.number_problem.empty();
 }
 
 void take_event(ima_list &list, const api::IMA_EVENT &event)
 {
+    if (!take_number(list, event.event_num()))
+        return;
     ++list.events;
-    if (event.event_num() != list.next_number && list.number_problem.empty())
-        list.number_problem = "event " + grouped(event.event_num()) + " came where event " +
-                              grouped(list.next_number) + " belongs";
-    list.next_number = event.event_num() + 1;
     list.duplicates += event.duplicate() != 0 ? 1 : 0;
     if (!event.has_pcr() || event.pcr() >= list.pcrs.size() ||
         event.template_hash().size() != TEMPLATE_HASH_SIZE) {
@@ -158,29 +121,72 @@ void take_event(ima_list &list, const api::IMA_EVENT &event)
             list.hash_problem = "event " + grouped(event.event_num()) + " has no PCR or no template hash";
         return;
     }
-    extend(list.pcrs[event.pcr()], extension_of(list, event));
+    extend(list, event);
+    if (list.unequal == 0) {
+        list.met_quote = true;
+        list.met_after = event.event_num();
+    }
 }
 
-void begin_list(ima_list &list, const std::string &source, const api::attest_pcr_response &quotes)
+void go_on_from(ima_list &list, const ima_position &position, std::uint64_t asked_after)
+{
+    list.begun_after = position.event;
+    list.next_number = position.event + 1;
+    list.earliest = asked_after < CHUNK ? 1 : std::min(asked_after - CHUNK, position.event) + 1;
+    for (const ima_position::pcr &known : position.pcrs) {
+        ima_pcr &pcr = list.pcrs[known.index];
+        std::memcpy(pcr.native.data(), known.value.data(), pcr.native.size());
+        pcr.padded = pcr.native;
+        pcr.native_known = !known.padded;
+        pcr.padded_known = known.padded;
+        pcr.extended = true;
+    }
+}
+
+void begin_list(ima_list &list, const std::string &source, const api::attest_pcr_response &quotes,
+                const ima_start &start)
 {
     list.source = source;
     const auto record = std::find_if(quotes.node_data().begin(), quotes.node_data().end(),
                                      [&](const api::NodePCRData &one) { return one.node_name() == source; });
     for (std::uint32_t i = 0; i < list.pcrs.size(); ++i) {
         ima_pcr &pcr = list.pcrs[i];
-        pcr.native = pcr.padded = std::string(quoted_bank().size, i >= 17 && i <= 22 ? '\xff' : '\0');
+        pcr.native.fill(i >= 17 && i <= 22 ? 0xff : 0);
+        pcr.padded = pcr.native;
         pcr.quoted = record != quotes.node_data().end() ? value_of(record->pcrs(), i) : nullptr;
-        look_at_quote(pcr);
     }
+    if (const auto position = start.positions.find(source); position != start.positions.end())
+        go_on_from(list, position->second, start.asked_after);
+    if (const auto note = start.notes.find(source); note != start.notes.end())
+        list.note = "; taken whole: " + note->second;
+    // Only PCRs that events were extended into count, and PCR 10 in any case.
+    for (ima_pcr &pcr : list.pcrs) {
+        list.unequal += counts(list, pcr) ? 1 : 0;
+        look_at_quote(list, pcr);
+    }
+    list.met_quote = list.unequal == 0;
+    list.met_after = list.begun_after;
+}
+
+// Events came, and the last of them is one that had been verified before the list was asked for.
+bool ends_early(const ima_list &list)
+{
+    return list.next_number <= list.begun_after;
 }
 
 finding check_numbers(const ima_list &list)
 {
     if (!list.number_problem.empty())
-        return failed(list.number_problem);
+        return failed(list.number_problem + list.note);
+    if (ends_early(list))
+        return failed("the list ends after event " + grouped(list.next_number - 1) + ", verified were " +
+                      grouped(list.begun_after));
     std::string marks = list.duplicates != 0 ? ", " + counted(list.duplicates, "duplicate") : "";
     marks += list.violations != 0 ? ", " + counted(list.violations, "violation") : "";
-    return passed(counted(list.events, "event") + ", from 1 on and without gaps" + marks);
+    if (list.begun_after != 0)
+        return passed(counted(list.events, "new event") + " after number " + grouped(list.begun_after) +
+                      ", up to which the list was verified before" + marks);
+    return passed(counted(list.events, "event") + ", from 1 on and without gaps" + marks + list.note);
 }
 
 finding check_hashes(const ima_list &list)
@@ -193,63 +199,45 @@ finding check_hashes(const ima_list &list)
     return passed(grouped(list.hashed) + " template hashes recomputed from the fields" + unknown);
 }
 
-// Where the replay of one PCR met the quoted value. Empty: it did.
+// What is wrong with one PCR that counts. Empty: it was as quoted after some event.
 std::string replay_problem(std::uint32_t index, const ima_pcr &pcr)
 {
     if (pcr.quoted == nullptr)
         return format("no quoted value of PCR %u", index);
-    if (pcr.was_equal_natively || pcr.was_equal_padded)
+    if (pcr.was_equal)
         return {};
     std::string problem = format("does not give the quoted value of PCR %u", index);
     if (pcr.unknown_data != 0)
-        problem += ": the data of extend " + grouped(pcr.unknown_data) +
+        problem += ": the data of event " + grouped(pcr.unknown_data) +
                    " cannot be rebuilt, and the quote is not of the SHA-1 bank, which would not need it";
     return problem;
 }
 
 finding check_replay(const ima_list &list)
 {
-    pcr_set equal;
-    std::uint64_t later = 0;
+    pcr_set replayed;
     bool padded = false;
     for (std::uint32_t i = 0; i < list.pcrs.size(); ++i) {
-        const ima_pcr &pcr = list.pcrs[i];
-        if (!pcr.extended && i != IMA_PCR)
+        if (!counts(list, list.pcrs[i]))
             continue;
-        if (std::string problem = replay_problem(i, pcr); !problem.empty())
+        if (std::string problem = replay_problem(i, list.pcrs[i]); !problem.empty())
             return failed(std::move(problem));
-        equal.set(i);
-        padded |= !pcr.was_equal_natively;
-        later += pcr.extends - (pcr.was_equal_natively ? pcr.native_equal : pcr.padded_equal);
+        replayed.set(i);
+        padded |= list.pcrs[i].equal_padded;
     }
-    return passed(std::string("gives the quoted ") + (equal.count() == 1 ? "value of " : "values of ") +
-                  pcr_text(equal) + " (" + quoted_bank().name + (padded ? ", SHA-1 hashes padded" : "") +
+    if (!list.met_quote)
+        return failed("gives the quoted values of " + pcr_text(replayed) + ", but not after the same event");
+    const std::uint64_t later =
+        list.next_number - 1 > list.met_after ? list.next_number - 1 - list.met_after : 0;
+    return passed(std::string("gives the quoted ") + (replayed.count() == 1 ? "value of " : "values of ") +
+                  pcr_text(replayed) + " (" + quoted_bank().name + (padded ? ", SHA-1 hashes padded" : "") +
                   ')' + (later != 0 ? "; " + counted(later, "event") + " came after the quote" : ""));
 }
 
 } // namespace
 
-bool rebuild_template_data(const api::IMA_EVENT &event, std::string &data)
-{
-    data.clear();
-    if (event.template_name() == "ima")
-        return rebuild_ima(event, data);
-    std::string_view fields = field_list_of(event.template_name());
-    for (bool more = true; more;) {
-        const std::size_t end = fields.find('|');
-        const std::string_view id = fields.substr(0, end);
-        const auto *field = std::find_if(FIELDS.begin(), FIELDS.end(),
-                                         [id](const template_field &one) { return one.id == id; });
-        if (field == FIELDS.end() || !field->append(event, data))
-            return false;
-        more = end != std::string_view::npos;
-        fields = more ? fields.substr(end + 1) : fields;
-    }
-    return true;
-}
-
 void take_ima_message(std::vector<ima_list> &lists, const api::NodeIMAData &message,
-                      const api::attest_pcr_response &quotes)
+                      const api::attest_pcr_response &quotes, const ima_start &start)
 {
     if (!message.has_node_name())
         return; // the end of a stream that broke off
@@ -259,10 +247,26 @@ void take_ima_message(std::vector<ima_list> &lists, const api::NodeIMAData &mess
         if (lists.size() == MOST_LISTS)
             return;
         list = lists.insert(lists.end(), ima_list());
-        begin_list(*list, message.node_name(), quotes);
+        begin_list(*list, message.node_name(), quotes, start);
     }
     for (const api::IMA_EVENT &event : message.events())
         take_event(*list, event);
+}
+
+bool is_continued(const ima_list &list)
+{
+    return list.number_problem.empty() && list.hash_problem.empty() && list.met_quote && !ends_early(list);
+}
+
+ima_position position_of(const ima_list &list)
+{
+    ima_position position{list.met_after, {}};
+    for (std::uint32_t i = 0; i < list.pcrs.size(); ++i) {
+        const ima_pcr &pcr = list.pcrs[i];
+        if (pcr.quoted != nullptr && counts(list, pcr))
+            position.pcrs.push_back({i, *pcr.quoted, pcr.equal_padded});
+    }
+    return position;
 }
 
 void check_ima_list(check_list &rows, const ima_list &list)

@@ -224,6 +224,14 @@ finding check_signature(const std::string *quote, const quote_signature &signatu
 
 } // namespace
 
+std::optional<boot_counts> boot_of(const remote_attestation_api::NodePCRData &record)
+{
+    TPMS_ATTEST quote{};
+    if (!record.has_quote() || !read_whole<Tss2_MU_TPMS_ATTEST_Unmarshal>(record.quote(), quote))
+        return std::nullopt;
+    return boot_counts{quote.clockInfo.resetCount, quote.clockInfo.restartCount};
+}
+
 const std::string *value_of(const pcr_list &pcrs, std::uint32_t index)
 {
     constexpr int MOST_VALUES = 255; // what a request may ask for

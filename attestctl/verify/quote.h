@@ -38,5 +38,13 @@ quote_answer quote_of(const Record &record)
 void check_quote(check_list &list, const std::string &subject, const quote_request &asked,
                  const quote_answer &answer, const X509 *attestation_key);
 
+// Which boot the TPM was in when it quoted: PCRs that it had at another one do not lead to its values.
+struct boot_counts {
+    std::uint32_t resets = 0, restarts = 0;
+    bool operator==(const boot_counts &) const = default;
+};
+// None where there is no whole quote; whether it is worth anything is not asked here.
+std::optional<boot_counts> boot_of(const remote_attestation_api::NodePCRData &record);
+
 // The value of the PCR in the answer; none, values that differ, or a list that no request asks for: nullptr.
 const std::string *value_of(const pcr_list &pcrs, std::uint32_t index);

@@ -1,0 +1,174 @@
+// What attestctl keeps between attestations of a node: how far its list was verified, and what it was like.
+#include <filesystem>
+#include <functional>
+
+#include <gmock/gmock.h>
+#include <openssl/pem.h>
+#include <sys/stat.h>
+
+#include "tests/attestctl/simulated_node.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+
+class KeptFiles : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::string name = testing::TempDir() + "keptXXXXXX";
+        folder = mkdtemp(name.data());
+        roots = folder + "/roots.pem";
+        std::string text;
+        for (const std::string &der : node.model.evidence.roots.certificates) {
+            const auto *bytes = reinterpret_cast<const unsigned char *>(der.data());
+            const x509_owner root(d2i_X509(nullptr, &bytes, static_cast<long>(der.size())));
+            const bio_owner out(BIO_new(BIO_s_mem()));
+            PEM_write_bio_X509(out.get(), root.get());
+            char *data = nullptr;
+            const long size = BIO_get_mem_data(out.get(), &data);
+            text.append(data, static_cast<std::size_t>(size));
+        }
+        write_content(roots, text);
+        state = folder + "/state.json";
+        pins = folder + "/pins.json";
+    }
+    void TearDown() override { std::filesystem::remove_all(folder); }
+
+    outcome attest(const std::string &words)
+    {
+        return attestctl("--target " + node.targets()[0] + " attest --root " + roots + ' ' + words);
+    }
+    outcome attest_with_state() { return attest("--state " + state); }
+
+    simulated_node node;
+    std::string folder, roots, state, pins;
+};
+
+TEST_F(KeptFiles, OnlyWhatIsNewIsAskedForAndStillLeadsToTheQuote)
+{
+    outcome done = attest_with_state();
+    EXPECT_EQ(done.status, 0) << done.text;
+    EXPECT_THAT(done.text, HasSubstr("2,500 events, from 1 on"));
+    grow(node.model, 7);
+    done = attest_with_state();
+    EXPECT_EQ(done.status, 0) << done.text;
+    EXPECT_THAT(done.text, HasSubstr("7 new events after number 2,500"));
+    done = attest_with_state(); // nothing new
+    EXPECT_EQ(done.status, 0) << done.text;
+    EXPECT_THAT(node.asked(), ElementsAre(0, 2500, 2507));
+
+    // Events after the quote are not verified: the next attestation asks for them again.
+    grow(node.model, 5);
+    node.model.after_quote = 2;
+    EXPECT_THAT(attest_with_state().text, HasSubstr("2 events came after the quote"));
+    node.model.after_quote = 0;
+    done = attest_with_state();
+    EXPECT_THAT(done.text, HasSubstr("2 new events after number 2,510"));
+    EXPECT_EQ(done.status, 0);
+    EXPECT_THAT(node.asked(), ElementsAre(2507, 2510));
+}
+
+TEST_F(KeptFiles, AListThatDoesNotContinueIsTakenFromItsBegin)
+{
+    ASSERT_EQ(attest_with_state().status, 0);
+    const struct {
+        const char *note;
+        std::vector<std::uint64_t> asked;
+        std::function<void(node_model &)> change;
+    } cases[] = {
+        {"the node was booted since",
+         {0},
+         [](node_model &now) {
+             ++now.resets;
+             now.list.resize(100);
+         }},
+        {"the TPM was restarted since", {0}, [](node_model &now) { ++now.restarts; }},
+        {"another attestation key",
+         {0},
+         [](node_model &now) {
+             auto &certificates = *now.evidence.got.attestation_key.mutable_node_data(0);
+             certificates.mutable_certs(2)->set_data(
+                 make_certificate(device_plan(now.evidence.attestation_key)));
+         }},
+        {"does not go on from event",
+         {100, 0},
+         [](node_model &now) {
+             now.list.clear();
+             grow(now, 50);
+         }},
+        {"does not go on from event",
+         {50, 0},
+         [](node_model &now) {
+             now.list.clear();
+             grow(now, 1200);
+             now.list.erase(now.list.begin());
+             for (std::size_t i = 0; i < now.list.size(); ++i)
+                 now.list[i].set_event_num(i + 1);
+         }},
+    };
+    node.asked();
+    for (const auto &row : cases) {
+        row.change(node.model);
+        const outcome done = attest_with_state();
+        EXPECT_THAT(done.text, HasSubstr(std::string("taken whole: ")));
+        EXPECT_THAT(done.text, HasSubstr(row.note));
+        EXPECT_EQ(done.status, 0) << done.text;
+        EXPECT_EQ(node.asked(), row.asked) << row.note;
+    }
+}
+
+TEST_F(KeptFiles, WhatDoesNotVerifyIsNotRemembered)
+{
+    ASSERT_EQ(attest_with_state().status, 0);
+    const std::string kept = content_of(state);
+    grow(node.model, 3);
+    node.model.list.back().set_event_name("/tmp/forged");
+    node.model.list[2400].set_template_hash(std::string(20, 't')); // and the whole list is none either
+    const outcome done = attest_with_state();
+    EXPECT_EQ(done.status, 1);
+    EXPECT_THAT(done.text, HasSubstr("template hash is not that of its fields"));
+    EXPECT_EQ(content_of(state), kept);
+}
+
+TEST_F(KeptFiles, FilesThatAreNoneAskNothingAndStayAsTheyAre)
+{
+    ASSERT_EQ(attest_with_state().status, 0);
+    const std::string good = content_of(state);
+    node.asked();
+    std::vector<std::string> contents = {"",
+                                         "{",
+                                         "[]",
+                                         "null",
+                                         "\xff\xfe",
+                                         good.substr(0, good.size() / 2),
+                                         std::string(17 << 20, ' '),
+                                         std::string(200000, '['),
+                                         R"({"attestctl_state":2,"nodes":[]})",
+                                         R"({"attestctl_state":1})",
+                                         R"({"attestctl_state":1,"nodes":[7]})",
+                                         R"({"attestctl_state":1,"nodes":[{"target":"a","lists":[{}]}]})"};
+    for (const char *member : {"\"source\"", "\"key\": \"", "\"event\": ", "\"value\": \"", "\"padded\": "})
+        contents.push_back(std::string(good).replace(good.find(member) + 3, 1, "~"));
+    for (const std::string &content : contents) {
+        write_content(state, content);
+        const outcome done = attest_with_state();
+        EXPECT_EQ(done.status, 2) << content.substr(0, 60);
+        EXPECT_THAT(done.text, MatchesRegex("attestctl: [^\n]*state.json[^\n]*\n"));
+        EXPECT_EQ(content_of(state), content);
+    }
+    ASSERT_EQ(mkfifo((folder + "/pipe").c_str(), 0600), 0);
+    for (const std::string &path :
+         {folder, folder + "/pipe", std::string("/dev/zero"), roots + "/x", std::string("/absent/x")}) {
+        const outcome done = attest("--state " + path);
+        EXPECT_EQ(done.status, 2) << path;
+        EXPECT_THAT(done.text, MatchesRegex("attestctl: [^\n]*\n"));
+    }
+    EXPECT_THAT(node.asked(), IsEmpty());
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 3); // nothing half-written
+}
+
+} // namespace

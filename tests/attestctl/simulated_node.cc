@@ -1,0 +1,199 @@
+#include "tests/attestctl/simulated_node.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <utility>
+
+#include <grpcpp/grpcpp.h>
+#include <sys/wait.h>
+
+#include "api/remote_attestation_api.grpc.pb.h"
+
+using namespace std::string_literals;
+
+namespace {
+
+constexpr std::uint64_t CHUNK = 1000;
+
+std::string field(const std::string &bytes)
+{
+    std::string size;
+    for (unsigned shift = 0; shift < 32; shift += 8)
+        size += static_cast<char>(bytes.size() >> shift & 0xff);
+    return size + bytes;
+}
+
+std::string template_data(const api::IMA_EVENT &event)
+{
+    return field(event.digest_algo() + ":\0"s + event.digest()) + field(event.event_name() + "\0"s);
+}
+
+std::string replayed(const node_model &node)
+{
+    std::string value(32, '\0');
+    for (std::size_t i = 0; i + node.after_quote < node.list.size(); ++i)
+        value = digest(EVP_sha256(), value + digest(EVP_sha256(), template_data(node.list[i])));
+    return value;
+}
+
+class service final : public api::RemoteAttestationApi::Service {
+public:
+    explicit service(const node_model &node) : node_(node) {}
+
+    std::vector<std::uint64_t> take_asked()
+    {
+        const std::lock_guard lock(mutex_);
+        return std::exchange(asked_, {});
+    }
+
+    grpc::Status GetCertificate(grpc::ServerContext *, const api::get_certificate_request *request,
+                                api::get_certificate_response *response) override
+    {
+        forged f = node_.evidence;
+        const bool identity = request->cert_name() == "Kestrin VOXA";
+        (identity ? f.got.identity_request : f.got.attestation_key_request).set_nonce(request->nonce());
+        sign_certificates(f);
+        *response = identity ? f.got.identity : f.got.attestation_key;
+        return grpc::Status::OK;
+    }
+
+    grpc::Status AttestPcrs(grpc::ServerContext *, const api::attest_pcr_request *request,
+                            api::attest_pcr_response *response) override
+    {
+        forged f = node_.evidence;
+        f.got.pcrs_request.set_nonce(request->nonce());
+        f.got.pcrs.mutable_node_data(0)->mutable_pcrs(10)->set_value(replayed(node_));
+        quote_pcrs(f, [this](TPMS_ATTEST &quote) {
+            quote.clockInfo.resetCount = node_.resets;
+            quote.clockInfo.restartCount = node_.restarts;
+        });
+        *response = f.got.pcrs;
+        return grpc::Status::OK;
+    }
+
+    grpc::Status
+    GetPlatformBootIntegrityEventLogs(grpc::ServerContext *,
+                                      const api::get_platform_boot_integrity_event_logs_request *,
+                                      api::get_platform_boot_integrity_event_logs_response *response) override
+    {
+        *response = node_.evidence.got.boot_log;
+        return grpc::Status::OK;
+    }
+
+    grpc::Status GetPlatformHwIntegrity(grpc::ServerContext *,
+                                        const api::get_platform_hw_integrity_request *request,
+                                        api::get_platform_hw_integrity_response *response) override
+    {
+        forged f = node_.evidence;
+        f.got.hw_integrity_request.set_nonce(request->nonce());
+        quote_hardware(f);
+        *response = f.got.hw_integrity;
+        return grpc::Status::OK;
+    }
+
+    // Begins with the chunk that holds the start event, as a node with a cache does.
+    grpc::Status StreamPlatformImaEventLogs(grpc::ServerContext *,
+                                            const api::get_platform_ima_event_logs_request *request,
+                                            grpc::ServerWriter<api::NodeIMAData> *writer) override
+    {
+        {
+            const std::lock_guard lock(mutex_);
+            asked_.push_back(request->start_event());
+        }
+        const std::uint64_t start = request->start_event();
+        for (std::uint64_t at = start == 0 ? 0 : (start - 1) / CHUNK * CHUNK;; at += CHUNK) {
+            api::NodeIMAData message;
+            message.set_node_name(node_.name);
+            for (std::uint64_t i = at; i < std::min<std::uint64_t>(at + CHUNK, node_.list.size()); ++i)
+                *message.add_events() = node_.list[i];
+            writer->Write(message);
+            if (at + CHUNK >= node_.list.size())
+                return grpc::Status::OK;
+        }
+    }
+
+private:
+    const node_model &node_;
+    std::mutex mutex_;
+    std::vector<std::uint64_t> asked_;
+};
+
+} // namespace
+
+void grow(node_model &node, std::size_t count)
+{
+    for (std::size_t i = 0; i < count; ++i) {
+        api::IMA_EVENT &event = node.list.emplace_back();
+        event.set_event_num(node.list.size());
+        event.set_template_name("ima-ng");
+        event.set_event_name("/usr/bin/tool-" + std::to_string(node.list.size()));
+        event.set_digest_algo("sha256");
+        event.set_digest(digest(EVP_sha256(), event.event_name()));
+        event.set_pcr(10);
+        event.set_duplicate(0);
+        event.set_template_hash(digest(EVP_sha1(), template_data(event)));
+    }
+}
+
+struct simulated_node::parts {
+    explicit parts(const node_model &node) : answers(node) {}
+
+    service answers;
+    std::vector<std::string> targets;
+    std::unique_ptr<grpc::Server> server;
+};
+
+simulated_node::simulated_node(std::size_t addresses) : parts_(new parts(model))
+{
+    grpc::ServerBuilder builder;
+    builder.RegisterService(&parts_->answers);
+    std::vector<int> ports(addresses);
+    for (int &port : ports)
+        builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
+    parts_->server = builder.BuildAndStart();
+    for (const int port : ports)
+        parts_->targets.push_back("127.0.0.1:" + std::to_string(port));
+    grow(model, 2500);
+}
+
+simulated_node::~simulated_node()
+{
+    parts_->server->Shutdown(std::chrono::system_clock::now());
+}
+
+const std::vector<std::string> &simulated_node::targets() const
+{
+    return parts_->targets;
+}
+
+std::vector<std::uint64_t> simulated_node::asked()
+{
+    return parts_->answers.take_asked();
+}
+
+outcome attestctl(const std::string &words)
+{
+    outcome done{-1, {}};
+    FILE *program = popen(("\"$ATTESTCTL\" " + words + " 2>&1").c_str(), "r");
+    std::string piece(1 << 16, '\0');
+    for (std::size_t got = 0; (got = std::fread(piece.data(), 1, piece.size(), program)) > 0;)
+        done.text.append(piece, 0, got);
+    const int status = pclose(program);
+    done.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return done;
+}
+
+std::string content_of(const std::string &path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+void write_content(const std::string &path, const std::string &content)
+{
+    std::ofstream(path, std::ios::binary) << content;
+}
