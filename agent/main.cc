@@ -1,6 +1,7 @@
 // attestation_agent: the life of the process.
 #include <cstdio>
 #include <cstring>
+#include <malloc.h>
 
 #include "agent/debug_trace.h"
 #include "agent/server_start.h"
@@ -33,6 +34,16 @@ int refuse_arguments(const char *argument)
     return help ? 0 : 1;
 }
 
+// An answer of 50,000 events takes 24 MB in pieces and one of 7 MB, and the C library would give them back to
+// the kernel after each answer: the next one then costs a page fault for every 4 KiB, more than all the rest
+// of its work. So memory freed at the heap's end is kept up to this size.
+void keep_memory_for_the_next_answer()
+{
+    constexpr int KEPT_BYTES = 32 << 20;
+    mallopt(M_MMAP_THRESHOLD, KEPT_BYTES);
+    mallopt(M_TRIM_THRESHOLD, KEPT_BYTES);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -40,6 +51,7 @@ int main(int argc, char **argv)
     if (argc > 1)
         return refuse_arguments(argv[1]);
 
+    keep_memory_for_the_next_answer();
     at_server_handle = nullptr;
     sysmgr_proc_ready();
     status_domain_register(&attest_status_domain);
