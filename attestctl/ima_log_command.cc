@@ -1,4 +1,5 @@
 #include "attestctl/interrupt.h"
+#include "attestctl/log_file.h"
 #include "attestctl/output.h"
 #include "attestctl/progress.h"
 #include "attestctl/text.h"
@@ -126,5 +127,7 @@ int run_ima_log(const settings &chosen, client &c)
         request.set_start_event(*chosen.start);
     if (chosen.count)
         request.set_event_count(*chosen.count);
+    if (chosen.format != log_format::table)
+        return run_ima_log_file(chosen, c, request);
     return chosen.stream ? run_streamed(chosen, c, request) : run_at_once(chosen, c, request);
 }

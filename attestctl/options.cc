@@ -68,6 +68,14 @@ bool take_pcrs(settings &into, std::string_view value)
     }
 }
 
+bool take_format(settings &into, std::string_view value)
+{
+    if (value != "cel-json" && value != "raw")
+        return false;
+    into.format = value == "raw" ? log_format::raw : log_format::cel_json;
+    return true;
+}
+
 template <auto Member>
 bool take_text(settings &into, std::string_view value)
 {
@@ -93,6 +101,7 @@ constexpr unsigned of(command_id id)
 }
 
 constexpr unsigned EVERY = ~0U;
+constexpr unsigned LOGS = of(command_id::boot_log) | of(command_id::ima_log);
 constexpr unsigned CERTIFICATES = of(command_id::certificate) | of(command_id::pcrs) |
                                   of(command_id::hw_integrity) | of(command_id::attest);
 
@@ -139,6 +148,11 @@ constexpr auto OPTIONS = std::to_array<option_row>({
      "about how many events, in whole chunks of 1000 (default: all)", NEEDS_NUMBER},
     {"--stream", "", of(command_id::ima_log), take_flag<&settings::stream>,
      "as a stream, for lists of any length", ""},
+    {"--format", "FORMAT", LOGS, take_format,
+     "the log of one node as cel-json (Canonical Event Log) or raw (the kernel's file)",
+     "must be cel-json or raw"},
+    {"--source", "NAME", LOGS, take_text<&settings::source>,
+     "with --format: the node whose log it is, where several answer", NEEDS_TEXT},
     {"--hash-algo", "N", of(command_id::hw_integrity), take_integer<&settings::hash_algo>,
      "0 SHA-1, 1 SHA-256, 2 SHA-384, 3 SHA-512 (default: the node's choice, SHA-256)",
      "must be a number from 0 to 4294967295"},
@@ -303,6 +317,10 @@ usage_error whole_line_error(const settings &chosen, const command_row *command,
         return {"--server-name needs --ca, --cert and --key"};
     if (command->id == command_id::pcrs && chosen.pcrs.empty())
         return {"pcrs needs --pcr"};
+    if (chosen.json && chosen.format != log_format::table)
+        return {"--json and --format exclude each other"};
+    if (!chosen.source.empty() && chosen.format == log_format::table)
+        return {"--source needs --format"};
     if (!chosen.save_directory.empty() && !chosen.from_directory.empty())
         return {"--save and --from exclude each other"};
     if (!chosen.state_file.empty() && !(chosen.save_directory.empty() && chosen.from_directory.empty()))

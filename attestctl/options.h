@@ -11,6 +11,13 @@
 
 enum class command_id { certificate, pcrs, boot_log, ima_log, hw_integrity, attest, none };
 
+// As what a log is written.
+enum class log_format {
+    table,    // or, with --json, the answer
+    cel_json, // Canonical Event Log
+    raw,      // as the kernel has it
+};
+
 struct settings {
     command_id command = command_id::none;
 
@@ -32,6 +39,8 @@ struct settings {
     std::vector<std::uint32_t> pcrs;
     std::optional<std::uint64_t> start, count;
     bool stream = false;
+    log_format format = log_format::table;
+    std::string source; // the name of the node whose log it is; empty: the only one that comes
     std::optional<std::uint32_t> hash_algo;
     std::string save_directory, from_directory; // of evidence in files; empty: not wanted
 };
