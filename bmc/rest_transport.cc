@@ -77,19 +77,17 @@ bool begin_transfer(const char *operation, transfer &made)
 
 // The settings that both kinds of transfer have. HTTPS to this address and nowhere else: no redirects, no
 // proxy, whatever the environment says.
-void apply_common_settings(transfer &made, const url_buffer &url, const char *body, std::size_t body_len)
+void apply_common_settings(transfer &made, const url_buffer &url, const char *body)
 {
     made.headers.reset(curl_slist_append(nullptr, REQUEST_HEADER));
     if (made.headers == nullptr)
         made.refused = CURLE_OUT_OF_MEMORY;
     set(made, CURLOPT_URL, url.data());
-    set(made, CURLOPT_IPRESOLVE, static_cast<long>(CURL_IPRESOLVE_V4));
     set(made, CURLOPT_HTTPHEADER, made.headers.get());
     set(made, CURLOPT_VERBOSE, 0L);
     set(made, CURLOPT_SSL_VERIFYPEER, 0L);
     set(made, CURLOPT_SSL_VERIFYHOST, 0L);
     set(made, CURLOPT_POSTFIELDS, body);
-    set(made, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body_len));
     set(made, CURLOPT_CONNECTTIMEOUT_MS, CONNECT_LIMIT_MS);
     set(made, CURLOPT_TIMEOUT_MS, TRANSFER_LIMIT_MS);
     set(made, CURLOPT_PROTOCOLS_STR, "https");
@@ -135,11 +133,11 @@ bool make_private_jar()
 }
 
 // The transfer of a login. At its end libcurl writes the cookies, so that is before the result.
-int post_login(const url_buffer &url, transfer &made, const char *body, std::size_t body_len)
+int post_login(const url_buffer &url, transfer &made, const char *body)
 {
     if (!make_private_jar())
         return -2;
-    apply_common_settings(made, url, body, body_len);
+    apply_common_settings(made, url, body);
     set(made, CURLOPT_SSLCERT, CLIENT_CERTIFICATE);
     set(made, CURLOPT_COOKIEJAR, COOKIE_JAR);
     set(made, CURLOPT_WRITEFUNCTION, ignore_output);
@@ -193,7 +191,7 @@ int post_call(const url_buffer &url, const char *body, malloc_ptr<std::uint8_t> 
     if (!begin_transfer("rest_operation", made))
         return -1;
     reply.body = static_cast<char *>(std::calloc(1, 1));
-    apply_common_settings(made, url, body, std::strlen(body));
+    apply_common_settings(made, url, body);
     set(made, CURLOPT_COOKIEFILE, COOKIE_JAR);
     set(made, CURLOPT_WRITEFUNCTION, local_write_cb);
     set(made, CURLOPT_WRITEDATA, &reply);
@@ -250,7 +248,7 @@ int login_cert()
     }
     url_buffer url{};
     std::snprintf(url.data(), url.size(), LOGIN_URL, address.data());
-    return post_login(url, made, body.get(), json_len);
+    return post_login(url, made, body.get());
 }
 
 malloc_ptr<char> make_call_body(std::uint32_t op, const char *node_name, const char *request_base64,

@@ -16,6 +16,19 @@
 #include "tests/support/trace_capture.h"
 #include "tests/tpm/software_tpm.h"
 
+// The clock of this program, set forward or back.
+static std::time_t clock_offset_s;
+
+extern "C" std::time_t time(std::time_t *result) noexcept
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    std::time_t told = now.tv_sec + clock_offset_s;
+    if (result != nullptr)
+        *result = told;
+    return told;
+}
+
 namespace {
 
 const std::uint32_t NOT_CONNECTED = platform_status_from_errno(ENOTCONN);
@@ -24,6 +37,7 @@ const std::uint32_t NOT_CONNECTED = platform_status_from_errno(ENOTCONN);
 struct bmc_login : testing::Test {
     bmc_login()
     {
+        clock_offset_s += 1000; // past the life of other tests' bodies
         std::filesystem::current_path(directory.path());
         trace_captured.clear();
         setenv("ATTEST_TPM", tpm.address().c_str(), 1);
@@ -121,6 +135,37 @@ TEST_F(bmc_login, ABodyNeedsASessionItsCertificateAndItsKey)
     provisioned(tpm.manifest());
     EXPECT_EQ(auth_services_logout(), 0u);
     EXPECT_NE(begin(), 0u);
+}
+
+// A body serves for less than 30 s, this user and this certificate, whatever becomes of the clock.
+TEST_F(bmc_login, ABodyServesAWhile)
+{
+    std::string first;
+    std::string later;
+    ASSERT_EQ(begin(), 0u);
+    ASSERT_EQ(body(first, "root", "Kestrin VOXA"), 0u);
+    clock_offset_s += 20;
+    ASSERT_EQ(body(later, "root", "Kestrin VOXA"), 0u);
+    EXPECT_EQ(later, first);
+    ASSERT_EQ(body(later, "other", "Kestrin VOXA"), 0u);
+    EXPECT_THAT(later, testing::HasSubstr(R"("user":"other")"));
+    for (std::time_t step : {30, -1000, 1000}) {
+        first = later;
+        clock_offset_s += step;
+        ASSERT_EQ(body(later, "other", "Kestrin VOXA"), 0u);
+        EXPECT_NE(later, first) << step;
+    }
+    EXPECT_EQ(auth_services_logout(), 0u);
+
+    kovc_release_context(&at_agent_state.client_context); // for another client
+    program_result again = run_program("timeout 60 " + std::string(ATTEST_PROVISION) + " --force --tpm " +
+                                       tpm.address() + " --dir " + tpm.node() + " --node-name card7");
+    ASSERT_EQ(again.status, 0) << again.output;
+    ASSERT_EQ(kovc_init_context(&at_agent_state.client_context, KOV_LOGIN_USER, 0), KOV_SUCCESS);
+    ASSERT_EQ(begin(), 0u);
+    ASSERT_EQ(body(first, "other", "Kestrin VOXA"), 0u);
+    EXPECT_NE(nlohmann::json::parse(first)["certificate"], nlohmann::json::parse(later)["certificate"]);
+    EXPECT_EQ(auth_services_logout(), 0u);
 }
 
 TEST_F(bmc_login, FailsAtOnceWithoutABmc)
