@@ -67,6 +67,7 @@ class Installation(unittest.TestCase):
         self.install()
         self.provision()
         self.attest()
+        self.look_at_what_it_sees()
         self.kill()
         self.stop_the_event_loop()
         self.upgrade_and_roll_back()
@@ -124,9 +125,17 @@ class Installation(unittest.TestCase):
             text, count = re.subn(f"^#ATTEST_{name}=.*", f"ATTEST_{name}={value}", text, flags=re.M)
             self.assertEqual(count, 1, name)
         SETTINGS.write_text(text)
+        self.change_unit("tpm", f"BindPaths={pathlib.Path(layout.TPM_SOCKET).parent}")
         run("systemctl", "stop", UNIT)
         run("attest-provision", "--tpm", f"swtpm:path={layout.TPM_SOCKET}", "--node-name", "card7")
         run("systemctl", "start", UNIT)
+
+    def change_unit(self, name, text):
+        drop_in = pathlib.Path(f"/run/systemd/system/{UNIT}.d/{name}.conf")
+        drop_in.parent.mkdir(parents=True, exist_ok=True)
+        drop_in.write_text(f"[Service]\n{text}\n")
+        run("systemctl", "daemon-reload")
+        return drop_in
 
     def ask(self, *arguments, network=("ip", "netns", "exec", "verifier")):
         secured = ("--target", f"{NODE}:50551", "--ca", TLS / "client-ca.crt", "--cert", TLS / "verifier.crt", "--key",
@@ -151,6 +160,18 @@ class Installation(unittest.TestCase):
     def shared_memory(self):
         return {path.name: path.stat().st_ino for path in pathlib.Path("/dev/shm").iterdir() if "ima_" in path.name}
 
+    def look_at_what_it_sees(self):
+        """Nothing that would do root's bidding, no device but the TPM, nothing that can be written but its own."""
+        root = pathlib.Path(f"/proc/{shown('MainPID')}/root")
+        self.assertEqual({path.name for path in (root / "run").iterdir()}, {"attestation_agent", "node", "systemd"})
+        self.assertLessEqual({path.name for path in (root / "run/systemd").iterdir()}, {"notify", "journal", "incoming"})
+        self.assertEqual([path.name for path in (root / "var/lib").iterdir()], ["attestation_agent"])
+        self.assertEqual([path for path in (root / "dev").iterdir() if path.is_block_device()], [])
+        mounts = (root.parent / "mounts").read_text().splitlines()
+        writable = {place for _, place, kind, options, *_ in map(str.split, mounts) if options.startswith("rw")}
+        own = re.compile(r"/(dev|proc|tmp|var/tmp|harddisk:|run/attestation_agent|run/node|var/lib/attestation_agent)(/|$)")
+        self.assertEqual({place for place in writable if not own.match(place)}, set())
+
     def kill(self):
         """Neither an end by force nor an orderly one loses what holds until reboot."""
         before = self.shared_memory()
@@ -165,17 +186,14 @@ class Installation(unittest.TestCase):
 
     def stop_the_event_loop(self):
         """The watchdog is fed while the loop runs, and bites when it does not."""
-        drop_in = pathlib.Path(f"/run/systemd/system/{UNIT}.d/watchdog.conf")
-        drop_in.parent.mkdir(parents=True)
-        drop_in.write_text("[Service]\nWatchdogSec=2\nRestartSec=0\n")
-        run("systemctl", "daemon-reload")
+        drop_in = self.change_unit("watchdog", "WatchdogSec=2\nRestartSec=0")
         run("systemctl", "restart", UNIT)
         process = shown("MainPID")
         time.sleep(5)
         self.assertEqual((shown("MainPID"), shown("NRestarts")), (process, "0"))
         run("kill", "-STOP", process)
         wait_for(lambda: shown("NRestarts") == "1", "the watchdog")
-        shutil.rmtree(drop_in.parent)
+        drop_in.unlink()
         run("systemctl", "daemon-reload")
         self.attest()
 
@@ -193,6 +211,7 @@ class Installation(unittest.TestCase):
         self.assertEqual(subprocess.run(["pgrep", "attestation_age"], check=False).returncode, 1)
         self.assertIn("card7", SETTINGS.read_text())
         shutil.rmtree(TLS)  # the operator's own
+        shutil.rmtree(f"/run/systemd/system/{UNIT}.d")
         run("dpkg", "--purge", "attestation-agent", "attestctl")
         run("systemctl", "daemon-reload")
         self.assertEqual(files_of_it() - self.files_before, set())
