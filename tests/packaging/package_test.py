@@ -108,6 +108,7 @@ class Installation(unittest.TestCase):
         run("dpkg", "--install", self.agent, self.attestctl)
         self.assertEqual((shown("ActiveState"), shown("Type")), ("active", "notify"))
         self.assertEqual(run("systemctl", "is-enabled", UNIT).strip(), "enabled")
+        self.assertIn("IMA cache has been changed", run("journalctl", "--list-catalog"))
         wait_for(lambda: self.ask("boot-log", "--timeout", "5", network=())[0] == 1, "an agent without any log")
 
     def provision(self):

@@ -1,0 +1,55 @@
+# Fills the manual of attestctl with what its --help says of commands and options, so that there is no second list.
+#   cmake -DPROGRAM=... -DPAGE=IN -DOUT=OUT -P man_of_help.cmake
+cmake_minimum_required(VERSION 3.25)
+
+# Help of the program or of one command, with what a list of CMake or a line of roff would take amiss written otherwise.
+function(read_help into)
+  execute_process(COMMAND ${PROGRAM} ${ARGN} --help OUTPUT_VARIABLE help COMMAND_ERROR_IS_FATAL ANY)
+  string(REPLACE "\\" "\\e" help "${help}")
+  string(REPLACE "-" "\\-" help "${help}")
+  string(REPLACE ";" "<semicolon>" help "${help}")
+  string(REPLACE "[" "<bracket>" help "${help}")
+  set(${into} "${help}" PARENT_SCOPE)
+endfunction()
+
+# The rows "  WORD [VALUE]  text" of a part of a help, as roff, and their words.
+function(rows_of part into words)
+  string(REGEX MATCHALL "\n  [a-z\\][^\n]*" rows "${part}")
+  set(roff "")
+  set(found "")
+  foreach(row ${rows})
+    string(REGEX MATCH "^\n  ([^ ]+)( [A-Z][^ ]*)?  *(.*)$" ignored "${row}")
+    string(APPEND roff ".TP\n.BI ${CMAKE_MATCH_1} \"${CMAKE_MATCH_2}\"\n${CMAKE_MATCH_3}\n")
+    list(APPEND found "${CMAKE_MATCH_1}")
+  endforeach()
+  set(${into} "${roff}" PARENT_SCOPE)
+  set(${words} "${found}" PARENT_SCOPE)
+endfunction()
+
+# What stands between two headings of a help.
+function(part_of help begin end into)
+  string(REGEX MATCH "\n${begin}[^\n]*:(.*)\n${end}" ignored "${help}")
+  set(${into} "${CMAKE_MATCH_1}" PARENT_SCOPE)
+endfunction()
+
+read_help(help)
+part_of("${help}" "Commands" "Options" part)
+rows_of("${part}" COMMANDS commands)
+part_of("${help}" "Options" "In JSON" part)
+rows_of("${part}" OPTIONS ignored)
+set(COMMAND_OPTIONS "")
+foreach(command ${commands})
+  string(REPLACE "\\-" "-" word "${command}")
+  read_help(help ${word})
+  part_of("${help}" "Options of this command" "General options" part)
+  rows_of("${part}" rows ignored)
+  if(rows)
+    string(APPEND COMMAND_OPTIONS ".SS Options of ${command}\n${rows}")
+  endif()
+endforeach()
+
+foreach(text COMMANDS OPTIONS COMMAND_OPTIONS)
+  string(REPLACE "<semicolon>" ";" ${text} "${${text}}")
+  string(REPLACE "<bracket>" "[" ${text} "${${text}}")
+endforeach()
+configure_file(${PAGE} ${OUT} @ONLY)
