@@ -8,6 +8,8 @@ import subprocess
 import tempfile
 import unittest
 
+import yaml
+
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 TOOLS = ("attest-provision", "attest-trace", "attest-cache")
 AGENT_ROOMS = ("agent", "bmc", "boot_log", "ima", "ima_cache", "platform", "trust_anchor")
@@ -115,6 +117,25 @@ class Installed(unittest.TestCase):
             self.assertIn("\n@MESSAGE@\n", entry)
             for page in re.findall(r"man:([\w-]+)\((\d)\)", entry):
                 self.assertTrue((self.root / "usr/share/man/man{1}/{0}.{1}".format(*page)).exists(), page)
+
+    def test_container_files_agree_with_the_checkout_and_the_unit(self):
+        container = SOURCE / "packaging/container"
+        recipe = (container / "Containerfile").read_text().replace("\\\n", " ")
+        steps = [line.split() for line in recipe.splitlines() if line and line[0] != "#"]
+        self.assertLessEqual({step[0] for step in steps}, {"FROM", "COPY", "RUN", "WORKDIR", "ENTRYPOINT"})
+        for command in (step for step in steps if step[0] == "RUN"):
+            self.assertEqual(run("sh", "-n", "-c", " ".join(command[1:])).stderr, "")
+        self.assertTrue((SOURCE / "scripts/package").is_file() and "/source/scripts/package" in recipe)
+        pod = yaml.safe_load((container / "daemonset.yaml").read_text())["spec"]["template"]["spec"]
+        agent, = pod["containers"]
+        settings = (self.root / "etc/default/attestation_agent").read_text()
+        for variable in agent["env"]:
+            self.assertIn(f"\n#{variable['name']}=", settings)
+        unit = (self.root / "usr/lib/systemd/system/attestation_agent.service").read_text()
+        added = " ".join(f"CAP_{name}" for name in agent["securityContext"]["capabilities"]["add"])
+        self.assertIn(f"CapabilityBoundingSet={added}\n", unit)
+        self.assertEqual([mount["name"] for mount in agent["volumeMounts"]], [volume["name"] for volume in pod["volumes"]])
+        self.assertNotIn(":", "".join(mount["mountPath"] for mount in agent["volumeMounts"]))
 
     def test_programs_are_hardened(self):
         for program, path in self.programs.items():
