@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "fuzz/fuzz_input.h"
 #include "ima/ima_record_reader.h"
 
 namespace {
@@ -15,12 +16,6 @@ ima_log log_of(const std::uint8_t *data, std::size_t size)
     log.capacity = log.end = size;
     log.file_offset = size;
     return log;
-}
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
 }
 
 // Reads what a client of the event reads.

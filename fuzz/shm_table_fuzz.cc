@@ -15,6 +15,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "fuzz/fuzz_input.h"
 #include "ima_cache/semaphore_lock.h"
 #include "ima_cache/shm_table.h"
 #include "platform/byte_cursor.h"
@@ -40,12 +41,6 @@ struct fuzzed_object {
         return std::unique_ptr<shmht_handle>(at_create_shmht(name.c_str(), path.c_str(), 0));
     }
 };
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 bool take_entry(byte_cursor &input, std::size_t &index, shmht_entry &entry)
 {
