@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "agent/debug_trace.h"
+#include "agent/metrics.h"
 #include "agent/status.h"
 #include "platform/remote_attestation_api.h"
 
@@ -38,6 +39,7 @@ bool echo_nonce(const Request &request, Response &response, nonce_buffer &copy, 
 template <class Request, class Record, class Response>
 struct two_source_operation {
     const char *name;
+    const char *method;  // as the contract names it
     bool traces_no_data; // whether an answer without evidence is traced
     std::uint32_t (*ask_bmc)(const Request *, Record *);
     std::uint32_t (*ask_local)(const Request *, Record *, remote_attestation_api_client,
@@ -59,16 +61,21 @@ void answer_from_two_sources(const two_source_operation<Request, Record, Respons
                              std::uint32_t request_id, Response &response)
 {
     Record records[2] = {}; // the node's, the BMC's
-    bool bmc_answered = operation.ask_bmc(request, &records[1]) == ATTEST_OK;
+    std::uint32_t bmc_status = operation.ask_bmc(request, &records[1]);
+    bool bmc_answered = bmc_status == ATTEST_OK;
     std::uint32_t local_status = operation.ask_local(request, &records[0], client, request_id);
     bool local_answered = local_status == ATTEST_OK;
+    count_source(operation.method, SOURCE_BMC, bmc_status);
+    count_source(operation.method, SOURCE_NODE, local_status);
 
     if (local_answered || bmc_answered) {
         std::uint32_t count = local_answered && bmc_answered ? 2 : 1;
         response.node_data = {local_answered ? &records[0] : &records[1], count};
         response.present |= Response::has_node_data;
-    } else if (operation.traces_no_data) {
-        trace_no_data(operation.name, local_status);
+    } else {
+        count_empty_answer(operation.method);
+        if (operation.traces_no_data)
+            trace_no_data(operation.name, local_status);
     }
     operation.send(client, &response, 1, 0, request_id);
     // A source that failed has left its record empty; releasing that does nothing.

@@ -5,6 +5,7 @@
 #include "agent/answer_rule.h"
 #include "agent/cpuless_cards.h"
 #include "agent/ima_request.h"
+#include "agent/metrics.h"
 #include "bmc/bmc_operations.h"
 #include "boot_log/event_log_reader.h"
 #include "ima/ima_retrieval.h"
@@ -20,6 +21,7 @@ using client_handle = remote_attestation_api_client;
 constexpr two_source_operation<get_certificate_request, SystemCertificates, get_certificate_response>
     certificate_operation = {
         .name = "get_certificate",
+        .method = "GetCertificate",
         .traces_no_data = true,
         .ask_bmc = attestation_get_certchain_bmc,
         .ask_local = [](const get_certificate_request *request, SystemCertificates *record, client_handle,
@@ -29,6 +31,7 @@ constexpr two_source_operation<get_certificate_request, SystemCertificates, get_
 
 constexpr two_source_operation<attest_pcr_request, NodePCRData, attest_pcr_response> pcr_operation = {
     .name = "attest_pcrs",
+    .method = "AttestPcrs",
     .traces_no_data = true,
     .ask_bmc = attestation_attest_pcrs_bmc,
     .ask_local = [](const attest_pcr_request *request, NodePCRData *record, client_handle,
@@ -40,6 +43,7 @@ constexpr two_source_operation<get_platform_boot_integrity_event_logs_request, N
                                get_platform_boot_integrity_event_logs_response>
     boot_log_operation = {
         .name = "get_platform_boot_integrity_event_logs",
+        .method = "GetPlatformBootIntegrityEventLogs",
         .traces_no_data = false,
         .ask_bmc = attestation_get_bmc_sb_event_logs,
         .ask_local = [](const get_platform_boot_integrity_event_logs_request *, NodeBootIntegrityLog *record,
@@ -51,6 +55,7 @@ constexpr two_source_operation<get_platform_ima_event_logs_request, NodeIMAData,
                                get_platform_ima_event_logs_response>
     ima_operation = {
         .name = "get_platform_ima_event_logs",
+        .method = "GetPlatformImaEventLogs",
         .traces_no_data = false,
         .ask_bmc = attestation_get_bmc_ima_event_logs,
         .ask_local =
@@ -120,15 +125,19 @@ std::uint8_t collect_hw_integrity(const get_platform_hw_integrity_request *reque
                                   std::uint32_t *local_status)
 {
     constexpr const char *operation = "get_platform_hw_integrity";
+    constexpr const char *method = "GetPlatformHwIntegrity";
     std::uint8_t count = 0;
     *local_status = get_platform_hw_integrity_local(request, &records[0]);
+    count_source(method, SOURCE_NODE, *local_status);
     if (*local_status == ATTEST_OK) {
         attest_trace_as(operation, "Received data from local Zuvari");
         count = 1;
     } else {
         message_release(records[0]); // a failed local operation may leave what it could collect
     }
-    if (get_platform_hw_integrity_bmc(request, &records[count]) == ATTEST_OK) {
+    std::uint32_t bmc_status = get_platform_hw_integrity_bmc(request, &records[count]);
+    count_source(method, SOURCE_BMC, bmc_status);
+    if (bmc_status == ATTEST_OK) {
         attest_trace_as(operation, "Received data from BMC");
         ++count;
     }
@@ -138,6 +147,8 @@ std::uint8_t collect_hw_integrity(const get_platform_hw_integrity_request *reque
         attest_trace_as(operation, "Received data from CPUless cards %d", cards);
         count = static_cast<std::uint8_t>(count + cards);
     }
+    if (count == 0)
+        count_empty_answer(method);
     return count;
 }
 

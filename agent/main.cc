@@ -4,11 +4,13 @@
 #include <malloc.h>
 
 #include "agent/debug_trace.h"
+#include "agent/gauges.h"
 #include "agent/server_start.h"
 #include "agent/signals.h"
 #include "agent/status.h"
 #include "agent/system_messages.h"
 #include "platform/levm.h"
+#include "platform/metrics.h"
 #include "platform/node_identity.h"
 #include "platform/process_manager.h"
 #include "trust_anchor/local_init.h"
@@ -62,7 +64,9 @@ int main(int argc, char **argv)
                              "Attestation Agent: Unable to instantiate levm\n");
         return 0;
     }
-    // The agent serves what it can: neither a trace nor the trust anchor is needed to answer.
+    // The agent serves what it can: neither metrics, nor a trace, nor the trust anchor is needed to answer.
+    metrics_collect_with(collect_agent_gauges, nullptr);
+    metrics_start(at_event_manager);
     attest_dbg_init();
     attestation_local_init();
     at_install_signal_handlers();
@@ -81,6 +85,7 @@ int main(int argc, char **argv)
         remote_attestation_api_server_deactivate(at_server_handle);
         remote_attestation_api_server_handle_destroy(at_server_handle);
     }
+    metrics_stop();
     levm_destroy(at_event_manager);
     attest_dbg_deinit();
     return 0;

@@ -4,6 +4,7 @@
 
 #include "agent/debug_trace.h"
 #include "agent/ima_request.h"
+#include "agent/metrics.h"
 #include "agent/status.h"
 #include "bmc/bmc_operations.h"
 #include "ima/ima_retrieval.h"
@@ -27,7 +28,9 @@ void send_bmc_part(remote_attestation_api_client client, const get_platform_ima_
                    std::uint32_t request_id)
 {
     owned_message<NodeIMAData> bmc;
-    if (attestation_get_bmc_ima_event_logs(request, bmc.get()) == ATTEST_OK)
+    std::uint32_t status = attestation_get_bmc_ima_event_logs(request, bmc.get());
+    count_source("StreamPlatformImaEventLogs", SOURCE_BMC, status);
+    if (status == ATTEST_OK)
         send_message(client, *bmc, 0, request_id);
 }
 

@@ -1,5 +1,7 @@
 #include "agent/system_messages.h"
 
+#include "agent/metrics.h"
+
 namespace {
 
 constexpr std::uint32_t CODE_BASE = 0x1CA00000;
@@ -38,5 +40,6 @@ constexpr message_record msg_rec_attestation_agent_event_log_not_found =
 
 void raise_system_message(const message_record &record, const char *argument)
 {
+    count_system_message(record.mnemonic);
     emit_errmsg(&record, static_cast<std::uint32_t>(record.severity), argument);
 }

@@ -10,6 +10,7 @@
 
 #include "agent/agent_state.h"
 #include "agent/debug_trace.h"
+#include "agent/metrics.h"
 #include "bmc/rest_reply.h"
 #include "platform/auth_services.h"
 #include "platform/base64.h"
@@ -99,6 +100,7 @@ void apply_common_settings(transfer &made, const url_buffer &url, const char *bo
 void trace_curl_failure(CURLcode code, const char *error_text)
 {
     constexpr const char *OPERATION = "perform_rest_call";
+    count_bmc_error(static_cast<int>(code));
     attest_trace_as(OPERATION, "\nlibcurl: (%d) ", static_cast<int>(code));
     if (error_text[0] != '\0')
         attest_trace_as(OPERATION, "REST Error Buffer: %s", error_text);

@@ -2,6 +2,7 @@
 
 #include "agent/agent_state.h"
 #include "agent/debug_trace.h"
+#include "agent/metrics.h"
 #include "agent/system_messages.h"
 #include "ima/deduplication.h"
 #include "ima/ima_events_skip.h"
@@ -129,6 +130,8 @@ void read_live_list(ima_retrieval &retrieval, live_start start)
             return;
         if (outcome == chunk_outcome::complete)
             offer_to_cache(retrieval, live);
+        if (outcome == chunk_outcome::end_of_log)
+            note_list_length(live.precedes + live.events_read);
         if (outcome == chunk_outcome::end_of_log ||
             (retrieval.event_count != 0 && live.events_read >= retrieval.event_count))
             return;

@@ -4,6 +4,7 @@
 
 #include "agent/agent_state.h"
 #include "agent/debug_trace.h"
+#include "agent/metrics.h"
 #include "agent/node_location.h"
 #include "boot_log/uptime.h"
 #include "ima/deduplication.h"
@@ -98,6 +99,8 @@ std::uint32_t finish(ima_retrieval &retrieval)
     }
     if (!retrieval.stream)
         return retrieval.status;
+    if (retrieval.status != ATTEST_ERR_FLOW_PAUSED)
+        count_source("StreamPlatformImaEventLogs", SOURCE_NODE, retrieval.status);
     return retrieval.status == ATTEST_ERR_FLOW_PAUSED ? ATTEST_ERR_FLOW_PAUSED : ATTEST_ERR_MORE_DATA;
 }
 

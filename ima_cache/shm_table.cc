@@ -286,3 +286,17 @@ std::int32_t at_shmht_search(shmht_handle *handle, const void *key, std::uint64_
     at_sem_rdunlock(semid);
     return found ? 0 : -1;
 }
+
+bool at_shmht_usage(shmht_handle *handle, shmht_usage *usage)
+{
+    *usage = {};
+    int semid = static_cast<int>(shm_load(handle->header->semid));
+    if (at_sem_rdlock(semid) < 0)
+        return false;
+    table_counters counters{};
+    bool sound = read_counters(*handle, counters);
+    at_sem_rdunlock(semid);
+    if (sound)
+        *usage = {handle->bucket_count, counters.entries, counters.collisions};
+    return sound;
+}

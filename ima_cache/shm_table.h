@@ -47,3 +47,9 @@ std::int32_t at_shmht_insert(shmht_handle *handle, const void *key, std::uint64_
 // 0 with *value; or -1, with *value unchanged: not found, not locked, or damaged.
 std::int32_t at_shmht_search(shmht_handle *handle, const void *key, std::uint64_t key_len,
                              std::uint64_t *value);
+
+// How full the table is. False, with zeros, when it is not locked or damaged.
+struct shmht_usage {
+    std::uint64_t buckets, entries, collisions;
+};
+bool at_shmht_usage(shmht_handle *handle, shmht_usage *usage);

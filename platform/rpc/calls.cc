@@ -11,6 +11,7 @@
 #include "platform/rpc/grpc_server.h"
 #include "platform/rpc/introspection.h"
 #include "platform/rpc/methods.h"
+#include "platform/rpc/rpc_metrics.h"
 
 namespace {
 
@@ -51,6 +52,7 @@ void drop_waiting(rpc_call &call)
 void finish(rpc_call &call, rpc_code code, const std::string &text)
 {
     call.finishing = true;
+    call.outcome = code;
     rpc_reactor_finish(call.reactor, code, text);
 }
 
@@ -64,20 +66,28 @@ void pump(rpc_call &call)
     } else if (!call.queue.empty()) {
         call.writing = true;
         call.finishing = call.ended && call.queue.size() == 1;
+        call.outcome = call.finishing ? rpc_code::ok : call.outcome;
         rpc_reactor_write(call.reactor, call.queue.front(), call.finishing);
     } else if (call.ended) {
         finish(call, call.code, call.text);
     }
 }
 
+void last_word(rpc_call &call)
+{
+    call.ended = true;
+    call.paused = false;
+    if (call.requested)
+        rpc_time_answer(*call.method, call.asked);
+}
+
 void end_locked(rpc_call &call, rpc_code code, std::string text)
 {
     if (call.ended)
         return;
-    call.ended = true;
+    last_word(call);
     call.code = code;
     call.text = std::move(text);
-    call.paused = false;
     drop_waiting(call);
     pump(call);
     look_for_room(*call.client);
@@ -102,10 +112,8 @@ void queue_locked(rpc_call &call, rpc_message message, bool last)
     if (call.queue.empty())
         call.progress_ms = rpc_now_ms();
     call.queue.push_back(std::move(message));
-    if (last) {
-        call.ended = true;
-        call.paused = false;
-    }
+    if (last)
+        last_word(call);
     pump(call);
 }
 
@@ -138,6 +146,7 @@ void request_locked(const std::shared_ptr<rpc_call> &call, std::span<const std::
     ++client.undelivered;
     client.undelivered_bytes += bytes.size();
     call->requested = true;
+    call->asked = std::chrono::steady_clock::now();
     rpc_post(*client.shared, {rpc_event::kind::request, call->client, call, {bytes.begin(), bytes.end()}});
 }
 
@@ -193,6 +202,8 @@ std::string refuse_operation(rpc_shared &shared, std::uint64_t peer, const rpc_c
                              const rpc_method &method)
 {
     const std::string operation(rpc_method_name(method));
+    rpc_count_call(&method, rpc_code::permission_denied);
+    rpc_count_refusal("operation");
     const std::string who = rpc_caller_text(caller);
     rpc_refusal_tell(shared.refusals, shared.limits.log_interval_ms, rpc_refusal::operation, operation,
                      rpc_peer_endpoint(peer), who + " is not allowed to ask for it");
@@ -221,6 +232,7 @@ std::shared_ptr<rpc_call> rpc_call_open(rpc_shared &shared, std::string_view pee
         client->has_called = true;
     const rpc_method *method = rpc_method_find(path);
     if (method == nullptr) {
+        rpc_count_call(nullptr, rpc_code::unimplemented);
         *code = rpc_code::unimplemented;
         *text = "no such operation";
         return nullptr;
@@ -276,8 +288,10 @@ void rpc_call_written(rpc_call &call, bool ok)
     call.writing = false;
     call.progress_ms = rpc_now_ms();
     drop_front(call);
-    if (!ok)
+    if (!ok) {
+        call.outcome = rpc_code::cancelled;
         cancel_locked(call);
+    }
     pump(call);
     look_for_room(*call.client);
     const bool next_question = call.method->kind == rpc_method_kind::reflection && call.queue.empty() &&
@@ -298,6 +312,7 @@ void rpc_call_done(const std::shared_ptr<rpc_call> &call)
 {
     rpc_client &client = *call->client;
     const std::lock_guard guard(client.lock);
+    rpc_count_call(call->method, call->outcome);
     call->reactor = nullptr;
     call->writing = false;
     call->cancelled = true;

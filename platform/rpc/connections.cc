@@ -11,6 +11,7 @@
 
 #include "platform/operator_log.h"
 #include "platform/rpc/calls.h"
+#include "platform/rpc/rpc_metrics.h"
 #include "platform/rpc/server.h"
 #include "platform/status.h"
 
@@ -59,9 +60,11 @@ void tell_if_refused(const rpc_connection &connection)
         info.tcpi_bytes_received == 0)
         return;
     const std::string reason = rpc_handshake_reason();
-    if (!reason.empty())
-        rpc_refusal_tell(server.shared->refusals, server.limits.log_interval_ms, rpc_refusal::connection,
-                         "connection", connection.remote, reason);
+    if (reason.empty())
+        return;
+    rpc_count_refusal("handshake");
+    rpc_refusal_tell(server.shared->refusals, server.limits.log_interval_ms, rpc_refusal::connection,
+                     "connection", connection.remote, reason);
 }
 
 // Either side may have ended it: gRPC shuts the descriptor down before it closes its own.

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/operator_log.h"
+#include "platform/rpc/rpc_metrics.h"
 #include "platform/rpc/server.h"
 #include "platform/status.h"
 
@@ -61,6 +62,7 @@ bool accept_one(remote_attestation_api_server &server)
         rpc_connection_open(server, std::move(accepted), remote);
         return true;
     }
+    rpc_count_refusal("full");
     std::uint32_t held_back = 0;
     if (rpc_log_allowed(server.full_log, server.limits.log_interval_ms, &held_back))
         operator_log(LOG_WARNING, "connection from %s refused: all %u are taken (%u more refused)",

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "platform/operator_log.h"
+#include "platform/rpc/rpc_metrics.h"
 #include "platform/rpc/server.h"
 
 namespace {
@@ -15,6 +16,7 @@ constexpr std::size_t MOST_FORMER = 4;
 void use_certificates(remote_attestation_api_server &server, rpc_tls tls)
 {
     rpc_grpc_server_ptr grpc = rpc_grpc_start(server.shared, tls);
+    rpc_count_reload("certificates", grpc != nullptr);
     if (grpc == nullptr) {
         operator_log(LOG_ERR,
                      "TLS setting %s: gRPC does not take the new files; those read before stay in use",
@@ -38,6 +40,7 @@ void reload_certificates(remote_attestation_api_server &server)
     rpc_tls tls;
     std::string why;
     if (rpc_tls_read(settings.tls_directory, &tls, &why) != 0) {
+        rpc_count_reload("certificates", false);
         if (std::exchange(server.tls_complaint, why) != why)
             operator_log(LOG_ERR, "TLS setting %s; the files read before stay in use", why.c_str());
         return;
@@ -56,7 +59,9 @@ void reload_allow_list(remote_attestation_api_server &server)
     settings.allow_mark = mark;
     std::shared_ptr<const rpc_allow_list> list;
     std::string why;
-    if (rpc_allow_file_read(settings.allow_file, &list, &why) != 0) {
+    const bool taken = rpc_allow_file_read(settings.allow_file, &list, &why) == 0;
+    rpc_count_reload("allow-list", taken);
+    if (!taken) {
         if (std::exchange(server.allow_complaint, why) != why)
             operator_log(LOG_ERR, "ATTEST_ALLOW %s; the list read before stays in force", why.c_str());
         return;

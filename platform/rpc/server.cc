@@ -6,8 +6,10 @@
 #include <syslog.h>
 #include <utility>
 
+#include "platform/metrics.h"
 #include "platform/operator_log.h"
 #include "platform/rpc/calls.h"
+#include "platform/rpc/rpc_metrics.h"
 #include "platform/status.h"
 
 namespace {
@@ -107,6 +109,7 @@ std::uint32_t start(remote_attestation_api_server &server,
         operator_log(LOG_ERR, "the remote attestation API cannot be served: gRPC does not start");
         return platform_status_from_errno(EIO);
     }
+    metrics_collect_with(rpc_collect, &server);
     const char *whom = "without TLS";
     if (server.settings.tls.on())
         whom = server.settings.allow != nullptr ? "to the clients of ATTEST_ALLOW"
@@ -118,6 +121,7 @@ std::uint32_t start(remote_attestation_api_server &server,
 
 void stop(remote_attestation_api_server &server)
 {
+    metrics_collect_no_more(rpc_collect, &server);
     rpc_listener_close(server);
     rpc_connection_close_all(server, ESHUTDOWN);
     server.sweep.reset();

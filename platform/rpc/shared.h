@@ -12,6 +12,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -82,12 +83,13 @@ struct rpc_call {
     const rpc_method *method = nullptr;
     std::uint32_t request_id = 0;
 
-    rpc_reactor *reactor = nullptr; // null when gRPC is done with the call
-    std::deque<rpc_message> queue;  // the front is being written while `writing`
-    std::uint64_t progress_ms = 0;  // when the client last moved
-    bool reading = true;            // a message of the client is awaited
-    bool requested = false;         // the request is in the inbox or with the agent
-    bool delivered = false;         // the agent has the request
+    std::chrono::steady_clock::time_point asked; // when the request was there
+    rpc_reactor *reactor = nullptr;              // null when gRPC is done with the call
+    std::deque<rpc_message> queue;               // the front is being written while `writing`
+    std::uint64_t progress_ms = 0;               // when the client last moved
+    bool reading = true;                         // a message of the client is awaited
+    bool requested = false;                      // the request is in the inbox or with the agent
+    bool delivered = false;                      // the agent has the request
     bool writing = false;
     bool ended = false; // the agent, or the layer, has said its last word: `code`, `text`
     bool finishing = false;
@@ -97,6 +99,7 @@ struct rpc_call {
     bool resuming = false;   // told to go on, and nothing sent since
     rpc_code code = rpc_code::ok;
     std::string text;
+    rpc_code outcome = rpc_code::cancelled; // what gRPC was told last
 };
 
 struct rpc_shared {

@@ -123,7 +123,7 @@ kov_status kovc_device_capability(kovc_session *session, std::uint32_t capabilit
         return KOV_ERR_INVALID_PARAM;
     if (capability != KOV_CAPABILITY_PCR_READ && capability != KOV_CAPABILITY_PCR_QUOTE)
         return KOV_ERR_CAPABILITY;
-    return guarded([&] {
+    return counted([&] {
         bool present = false;
         tpm_connection *connection = nullptr;
         kov_status status = session_connection(*session, &connection);
@@ -156,7 +156,7 @@ kov_status kovc_pcr_read(kovc_session *session, std::uint32_t algorithm, std::ui
         return KOV_ERR_ALGORITHM;
     if (pcr_index >= tpm_pcr_count)
         return KOV_ERR_PCR_INDEX;
-    return guarded([&] {
+    return counted([&] {
         TPM2B_DIGEST digest{};
         UINT32 counter = 0;
         tpm_connection *connection = nullptr;
@@ -190,7 +190,7 @@ kov_status kovc_tpm2_pcr_quote(kovc_session *session, std::uint32_t reserved, co
         return KOV_ERR_PCR_INDEX;
     if (nonce_length > KOV_MAX_NONCE_BYTES)
         return KOV_ERR_NONCE_SIZE;
-    return guarded([&] {
+    return counted([&] {
         signed_quote made;
         const quote_request request{key_name, bank, static_cast<std::uint32_t>(mask), {nonce, nonce_length}};
         kov_status status = make_quote(*session, request, made);

@@ -107,7 +107,7 @@ kov_status kovc_so_read(kovc_session *session, std::uint32_t reserved, const cha
     *length = 0;
     if (session == nullptr || reserved != 0 || name == nullptr)
         return KOV_ERR_INVALID_PARAM;
-    return guarded([&] {
+    return counted([&] {
         std::vector<std::uint8_t> content;
         const kov_status status = read_object(*session, name, content);
         return status == KOV_SUCCESS ? hand_out(content, data, length) : status;
@@ -128,7 +128,7 @@ kov_status kovc_partward_get_uniqueid_digests(kovc_session *session, std::uint32
     const tpm_algorithm *digest = tpm_algorithm_of_number(algorithm);
     if (digest == nullptr)
         return KOV_ERR_ALGORITHM;
-    return guarded([&] {
+    return counted([&] {
         std::vector<std::uint8_t> digests;
         kov_status status = uid_digests(*session->context, db_type, *digest, digests);
         if (status == KOV_SUCCESS)

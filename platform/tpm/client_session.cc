@@ -160,7 +160,7 @@ kov_status kovc_init_context(kovc_context **context, const char *user_name, std:
         return KOV_ERR_INVALID_PARAM;
     if (registered_ipc.init == nullptr || registered_alloc == nullptr)
         return KOV_ERR_NO_CALLBACKS;
-    return guarded([&] {
+    return counted([&] {
         auto made = std::make_unique<kovc_context>();
         made->user = user_name;
         made->ipc = registered_ipc;
@@ -192,7 +192,7 @@ kov_status kovc_app_login(kovc_context *context, std::uint64_t device_handle, co
     *session = nullptr;
     if (context == nullptr || login == nullptr)
         return KOV_ERR_INVALID_PARAM;
-    return guarded([&] {
+    return counted([&] {
         auto opened = std::make_unique<kovc_session>(context);
         kov_status status = accept_login(*context, *login, opened->secret);
         if (status != KOV_SUCCESS)

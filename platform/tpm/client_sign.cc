@@ -50,7 +50,7 @@ kov_status kovc_sign_init(kovc_session *session, const char *user_name, const ch
     *signing = nullptr;
     if (session == nullptr || user_name == nullptr || key_name == nullptr)
         return KOV_ERR_INVALID_PARAM;
-    return guarded([&] {
+    return counted([&] {
         if (session->context->user != user_name)
             return kov_status{KOV_ERR_LOGIN};
         const tpm_algorithm *digest = tpm_algorithm_of_number(algorithm);
@@ -97,7 +97,7 @@ kov_status kovc_sign_final(kovc_session *session, kovc_signing *signing, std::ui
     session->signings.erase(held);
     if (signature == nullptr || length == nullptr)
         return KOV_ERR_INVALID_PARAM;
-    return guarded([&] {
+    return counted([&] {
         esys_ptr<TPMT_SIGNATURE> made;
         const kov_status status = sign_digest(*session, *ending, made);
         if (status != KOV_SUCCESS)

@@ -8,6 +8,8 @@
 #include <tss2/tss2_rc.h>
 #include <tss2/tss2_tpm2_types.h>
 
+#include "platform/metrics.h"
+
 namespace {
 
 struct own_text {
@@ -36,6 +38,11 @@ constexpr own_text own_texts[] = {
     {KOV_ERR_CAPABILITY, "unknown capability number"},
     {KOV_ERR_CRYPTO, "digest library failed"},
 };
+
+constexpr metric_family errors = {metric_kind::counter,
+                                  "attest_tpm_errors_total",
+                                  "Operations of the trust anchor that failed.",
+                                  {"reason"}};
 
 constexpr kov_status errno_mask = 0x0000FFFF;
 
@@ -82,4 +89,19 @@ const char *kov_status_string(kov_status status)
         return "unknown trust-anchor status";
     const char *text = Tss2_RC_Decode(status);
     return text != nullptr ? text : "unknown trust-anchor status";
+}
+
+kov_status kov_status_counted(kov_status status)
+{
+    if (status == KOV_SUCCESS || !metrics_wanted())
+        return status;
+    const auto *found = std::find_if(std::begin(own_texts), std::end(own_texts),
+                                     [status](const own_text &row) { return row.status == status; });
+    if (found != std::end(own_texts))
+        metric_add(errors, {found->text});
+    else if ((status & ~errno_mask) == KOV_ERR_ERRNO)
+        metric_add(errors, {"system error"});
+    else
+        metric_add(errors, {"refused by the TPM"});
+    return status;
 }

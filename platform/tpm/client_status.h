@@ -15,7 +15,7 @@ kov_status kov_status_from_tss(TSS2_RC code);
 // on: a code of 1 would read as success.
 bool tpm_response_code_plausible(TSS2_RC code);
 
-// Runs an operation of the public interface: what the standard library throws (memory) ends here.
+// Runs a part of an operation: what the standard library throws (memory) ends here.
 template <class Operation>
 kov_status guarded(Operation operation) noexcept
 {
@@ -26,4 +26,14 @@ kov_status guarded(Operation operation) noexcept
     } catch (const std::exception &) {
         return KOV_ERR_INVALID_PARAM; // a length beyond what a container takes
     }
+}
+
+// The status again, counted (platform/metrics.h) when it is a failure.
+kov_status kov_status_counted(kov_status status);
+
+// Runs an operation of the public interface.
+template <class Operation>
+kov_status counted(Operation operation) noexcept
+{
+    return kov_status_counted(guarded(operation));
 }
