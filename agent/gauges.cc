@@ -14,8 +14,6 @@ constexpr metric_family gauge(const char *name, const char *help)
 
 constexpr metric_family build = {
     metric_kind::gauge, "attest_build_info", "Always 1; the version is its label.", {"version"}};
-constexpr metric_family paused =
-    gauge("attest_ima_stream_paused", "1 while an IMA stream is paused and recorded to go on.");
 constexpr metric_family trust_anchor =
     gauge("attest_trust_anchor_ready", "1 when the trust anchor could be set up at the start.");
 constexpr metric_family cache_ready = gauge("attest_ima_cache_ready", "1 when the IMA cache can be used.");
@@ -41,7 +39,6 @@ void collect_agent_gauges(void *)
 {
     metric_set(build, {ATTEST_VERSION}, 1);
     set(trust_anchor, at_agent_state.capability_pcr_read);
-    set(paused, at_agent_state.at_paused_stream.paused != 0 ? 1 : 0);
     set(cache_ready, at_agent_state.ima_cache_ready);
     ima_cache_usage cache{};
     if (at_agent_state.ima_cache_ready != 0 && at_ima_cache_usage(&cache)) {

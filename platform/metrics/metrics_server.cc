@@ -29,7 +29,7 @@ namespace {
 constexpr std::size_t MOST_CONNECTIONS = 8;
 constexpr std::uint64_t CONNECTION_MS = 5'000;
 // A request line with the few header fields of a collector.
-constexpr std::size_t LARGEST_REQUEST = 8 * 1024;
+constexpr std::size_t LARGEST_REQUEST = 8192;
 constexpr int BACKLOG = 16;
 
 struct watch_deleter {

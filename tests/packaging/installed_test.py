@@ -1,5 +1,6 @@
 """What `cmake --install` lays out: documents that say what the programs do, programs that are hardened, a unit that is
 confined."""
+import json
 import os
 import pathlib
 import re
@@ -136,6 +137,19 @@ class Installed(unittest.TestCase):
         self.assertIn(f"CapabilityBoundingSet={added}\n", unit)
         self.assertEqual([mount["name"] for mount in agent["volumeMounts"]], [volume["name"] for volume in pod["volumes"]])
         self.assertNotIn(":", "".join(mount["mountPath"] for mount in agent["volumeMounts"]))
+
+    def test_every_metric_is_documented_and_the_dashboard_asks_for_no_other(self):
+        family = re.compile(r'(?:metric_kind::\w+,\s*|gauge\()"(attest_\w+)"')
+        counted = {name for room in AGENT_ROOMS for path in (SOURCE / room).rglob("*.cc")
+                   for name in family.findall(path.read_text())}
+        described = {name for line in (SOURCE / "docs/metrics.md").read_text().splitlines() if line.startswith("| `attest_")
+                     for name in re.findall(r"`(attest_\w+)`", line.split("|")[1])}
+        self.assertEqual(described, counted)
+        dashboard = json.loads((SOURCE / "packaging/grafana-dashboard.json").read_text())
+        shown = {re.sub("_bucket$", "", name) for panel in dashboard["panels"] for target in panel["targets"]
+                 for name in re.findall(r"\battest_\w+", target["expr"])}
+        self.assertEqual(shown, counted)
+        self.assertEqual(len({panel["id"] for panel in dashboard["panels"]}), len(dashboard["panels"]))
 
     def test_programs_are_hardened(self):
         for program, path in self.programs.items():
