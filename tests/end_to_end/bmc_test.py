@@ -1,0 +1,185 @@
+"""A node with a BMC: its records beside the node's own, and what is left of them when the BMC misbehaves."""
+import json
+import os
+import pathlib
+import re
+import signal
+import subprocess
+import unittest
+
+import node
+
+OPERATIONS = {  # attestctl's command: the name under which the agent traces its relay
+    ("certificate",): "attestation_get_certchain_bmc",
+    ("pcrs", "--pcr", "0,7,10"): "attestation_attest_pcrs_bmc",
+    ("boot-log",): "attestation_get_bmc_sb_event_logs",
+    ("ima-log",): "attestation_get_bmc_ima_event_logs",
+    ("hw-integrity",): "get_platform_hw_integrity_bmc",
+}
+BOOT_LOG = OPERATIONS[("boot-log",)]
+BOTH, OWN = ["node", "bmc"], ["node"]
+LIMIT_S = 100  # far more than a request may take, and less than the BMC stalls
+
+FAILED = r"FETCH\(\): Failed to fetch data from BMC$"
+
+
+def libcurl(*codes):
+    return fr"perform_rest_call\(\): \nlibcurl: \(({'|'.join(map(str, codes))})\)"
+
+
+def status(code):
+    return fr"perform_rest_call\(\): Response code: {code}$"
+
+
+CONNECT, TIMEOUT, RESET, TLS, WRITE = 7, 28, 56, 35, 23
+# What the BMC does wrong, and the trace of it after the relay's start line: expressions, one a line, none left out.
+# Once the login is through the call's body is traced.
+SENDING = r"rest_operation\(\): Sending \{\"data\":\[\"\d\",\"node\",\"[A-Za-z0-9+/=]*\"\]\}$"
+CURL_SAYS = r"perform_rest_call\(\): (REST Error Buffer|Curl Error): \S"
+RECEIVED = r"FETCH\(\): Received response \d+$"
+FAULTS = {
+    "login-tls-failure": [libcurl(TLS), CURL_SAYS],
+    "login-reset-handshake": [libcurl(TLS, RESET), CURL_SAYS],
+    "login-stall-handshake": [libcurl(TIMEOUT), CURL_SAYS],
+    "login-401": [status(401)],
+    "login-500": [status(500)],
+    "login-redirect": [status(302)],
+    "login-stall-before-headers": [libcurl(TIMEOUT), CURL_SAYS],
+    "login-stall-after-headers": [libcurl(TIMEOUT), CURL_SAYS],
+    "login-reset-before-headers": [libcurl(RESET), CURL_SAYS],
+    "login-reset-after-headers": [libcurl(RESET), CURL_SAYS],
+    "login-no-cookie": [SENDING, status(401)],
+    "call-tls-failure": [SENDING, libcurl(TLS), CURL_SAYS],
+    "call-reset-handshake": [SENDING, libcurl(TLS, RESET), CURL_SAYS],
+    "call-stall-handshake": [SENDING, libcurl(TIMEOUT), CURL_SAYS],
+    "call-401": [SENDING, status(401)],
+    "call-500": [SENDING, status(500)],
+    "call-redirect": [SENDING, status(302)],
+    "call-stall-before-headers": [SENDING, libcurl(TIMEOUT), CURL_SAYS],
+    "call-stall-after-headers": [SENDING, libcurl(TIMEOUT), CURL_SAYS],
+    "call-reset-before-headers": [SENDING, libcurl(RESET), CURL_SAYS],
+    "call-reset-after-headers": [SENDING, libcurl(RESET), CURL_SAYS],
+    "call-slow-pieces": [SENDING, libcurl(TIMEOUT), CURL_SAYS],
+    "call-huge-reply": [SENDING, r"local_write_cb\(\): Failed to realloc \d+ bytes$", libcurl(WRITE), CURL_SAYS],
+    "call-not-ok": [SENDING, r"parse_data\(\): Failure on BMC, msg: No blob$"],
+    "call-status-first": [SENDING, r"parse_data\(\): Malformed Response \d+"],
+    "call-no-data": [SENDING, r"parse_data\(\): Malformed Response \d+"],
+    "call-garbage-base64": [SENDING, r"rest_operation\(\): (Base64 decode failed, err :|No valid data received)"],
+    "call-truncated-message": [SENDING, RECEIVED],
+}
+
+
+BUSY = {"call-huge-reply": [SENDING, libcurl(TIMEOUT), CURL_SAYS]}  # on a machine that is too slow for it
+
+
+def set_fault(name):
+    subprocess.run(["node-bmc", "fault", name], check=True)
+
+
+def sources(*command):
+    """Whose records the answer to the command has, in their order."""
+    done = node.attestctl("--json", "--timeout", str(LIMIT_S), *command, timeout=3 * LIMIT_S)
+    return [record["node_name"] for record in json.loads(done.stdout.splitlines()[0])["node_data"]]
+
+
+def relay_trace(operation):
+    """What was traced since the operation's last start."""
+    lines = node.trace()
+    starts = [i for i, line in enumerate(lines) if line.startswith(f"{operation}(): Starting ")]
+    return lines[starts[-1] + 1:]
+
+
+def found_leaks():
+    """Asks an instrumented agent for its leaks; None where there is no such agent."""
+    library = pathlib.Path(node.agent_program()).parents[1] / "tests/support/libattest_leak_check.so"
+    if not library.exists():
+        return None
+    before = len(node.agent_words())
+    os.kill(node.agent_pid(), signal.SIGUSR2)
+    node.wait_for(lambda: re.search("^(no leaks|leaks found)$", node.agent_words()[before:], re.M), "the leak check")
+    return node.agent_words()[before:]
+
+
+class Bmc(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        library = pathlib.Path(node.agent_program()).parents[1] / "tests/support/libattest_leak_check.so"
+        if library.exists():
+            node.restart(f"LD_PRELOAD={library}", "ASAN_OPTIONS=verify_asan_link_order=0")
+
+    def tearDown(self):
+        set_fault("none")
+
+    def expect_trace(self, operation, expected):
+        """The lines of the operation's last relay, in their order, are one of the lists expected and no others."""
+        relay = ("perform_rest_call", "rest_operation", "parse_data", "local_write_cb", "login_cert", operation)
+        lines = [line for line in relay_trace(operation) if line.startswith(tuple(f"{name}(): " for name in relay))]
+        self.assertTrue(any(len(lines) == len(patterns) and
+                            all(re.match(pattern.replace("FETCH", operation), line)
+                                for line, pattern in zip(lines, patterns)) for patterns in expected), lines)
+
+
+class Evidence(Bmc):
+    def test_every_operation_and_the_stream_have_both_records(self):
+        for command, operation in OPERATIONS.items():
+            with self.subTest(command):
+                self.assertEqual(sources(*command), BOTH)
+                if command != ("ima-log",):  # parsing a list traces more than the ring holds
+                    self.assertRegex(relay_trace(operation)[1], f"^{RECEIVED.replace('FETCH', operation)}")
+        done = node.attestctl("--json", "ima-log", "--stream")
+        messages = [json.loads(line) for line in done.stdout.splitlines()]
+        counts = {name: sum(len(message.get("events", [])) for message in messages if message["node_name"] == name)
+                  for name in BOTH}
+        self.assertEqual(counts, {"node": 2675, "bmc": 297})
+
+    def test_records_are_those_of_another_machine(self):
+        own, other = node.ask("pcrs", "--pcr", "10")["node_data"]
+        for record, name in ((own, "a"), (other, "b")):
+            recorded = json.loads((node.DATA / f"recorded-{name}-pcrs.json").read_text())["sha256"]["10"]
+            self.assertEqual(record["pcrs"][0]["value"], recorded)
+        own, other = node.ask("certificate")["node_data"]
+        self.assertNotEqual(own["certs"][0]["data"], other["certs"][0]["data"])
+
+
+class Misbehaviour(Bmc):
+    def test_the_node_answers_by_itself_and_says_why(self):
+        listed = subprocess.run(["node-bmc", "faults"], check=True, capture_output=True, text=True).stdout
+        self.assertEqual({line.split()[0] for line in listed.splitlines()}, {*FAULTS, "call-one-byte-pieces"})
+        for fault, expected in FAULTS.items():
+            with self.subTest(fault):
+                set_fault(fault)
+                self.assertEqual(sources("boot-log"), OWN)
+                # A record that came and cannot be decoded is not spoken of again.
+                end = [] if expected[-1] == RECEIVED else [FAILED]
+                self.expect_trace(BOOT_LOG, [[*lines, *end] for lines in (expected, BUSY.get(fault, expected))])
+        set_fault("none")
+        self.assertEqual(sources("boot-log"), BOTH)
+        leaks = found_leaks()
+        if leaks is not None:
+            self.assertTrue(leaks.endswith("no leaks\n"), leaks)
+
+    def test_records_without_their_end_leave_nothing(self):
+        set_fault("call-truncated-message")
+        for command in OPERATIONS:
+            with self.subTest(command):
+                self.assertEqual(sources(*command), OWN)
+        leaks = found_leaks()
+        if leaks is not None:
+            self.assertTrue(leaks.endswith("no leaks\n"), leaks)
+
+    def test_a_reply_in_single_bytes_is_put_together(self):
+        set_fault("call-one-byte-pieces")
+        self.assertEqual(sources("pcrs", "--pcr", "0"), BOTH)
+
+    def test_a_bmc_that_is_not_there(self):
+        self.addCleanup(node.restart)
+        for address, expected in (("none", [r"login_cert\(\): No address of a BMC: "]),
+                                  ("169.254.0.18", [libcurl(CONNECT), CURL_SAYS])):
+            with self.subTest(address):
+                node.restart(f"ATTEST_BMC_ADDRESS={address}")
+                self.assertEqual(sources("boot-log"), OWN)
+                self.expect_trace(BOOT_LOG, [[*expected, FAILED]])
+
+
+if __name__ == "__main__":
+    unittest.main()
