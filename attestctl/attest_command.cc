@@ -103,7 +103,7 @@ bool remember(const settings &chosen, const evidence &got, std::span<const check
 
 int run_attest(const settings &chosen, client &c)
 {
-    trusted_roots roots;
+    chosen_roots roots;
     if (!read_chosen_roots(chosen, roots))
         return EXIT_USAGE;
     verified_lists state;
@@ -120,12 +120,12 @@ int run_attest(const settings &chosen, client &c)
         return EXIT_USAGE;
     static constexpr std::array SUBJECTS = {subject::identity, subject::attestation_key, subject::quote,
                                             subject::boot_log, subject::hardware,        subject::ima_list};
-    const std::vector<check> checks = judge(got, SUBJECTS, roots);
+    const std::vector<check> checks = judge(got, SUBJECTS, roots.node, roots.for_bmc());
     std::string out;
     if (chosen.json)
-        append_json_report(out, chosen, got, checks, roots.pinned());
+        append_json_report(out, chosen, got, checks, roots.node.pinned());
     else
-        append_report(out, got, checks, roots.pinned());
+        append_report(out, got, checks, roots.node.pinned());
     write_data(out);
     if (!remember(chosen, got, checks, state) || !flush_data() || !complete)
         return EXIT_USAGE;

@@ -6,7 +6,7 @@
 
 int run_certificate(const settings &chosen, client &c)
 {
-    trusted_roots roots;
+    chosen_roots roots;
     const std::optional<std::string> nonce = choose_nonce(chosen);
     if (!nonce || !read_chosen_roots(chosen, roots))
         return EXIT_USAGE;

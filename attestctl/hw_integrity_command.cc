@@ -5,7 +5,7 @@
 
 int run_hw_integrity(const settings &chosen, client &c)
 {
-    trusted_roots roots;
+    chosen_roots roots;
     const std::optional<std::string> nonce = choose_nonce(chosen);
     if (!nonce || !read_chosen_roots(chosen, roots))
         return EXIT_USAGE;

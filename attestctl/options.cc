@@ -133,6 +133,8 @@ constexpr auto OPTIONS = std::to_array<option_row>({
 
     {"--root", "FILE", CERTIFICATES, take_text<&settings::root_file>,
      "the root certificates that are trusted: one in DER, or several in PEM", NEEDS_TEXT},
+    {"--bmc-root", "FILE", CERTIFICATES, take_text<&settings::bmc_root_file>,
+     "those trusted for the BMC, whose evidence then has to come (default: those of --root)", NEEDS_TEXT},
     {"--state", "FILE", of(command_id::attest), take_text<&settings::state_file>,
      "remember how far the IMA list was verified, and ask only for what is new (made if absent)", NEEDS_TEXT},
     {"--name", "NAME", of(command_id::certificate), take_text<&settings::cert_name>,

@@ -29,7 +29,8 @@ struct settings {
     std::chrono::milliseconds timeout{30000};
 
     bool json = false;
-    std::string root_file; // of certificates that evidence is verified against; empty: any root will do
+    std::string root_file;     // of certificates that evidence is verified against; empty: any root will do
+    std::string bmc_root_file; // the same for a management controller's; empty: as for the node's own
 
     std::string state_file; // how far IMA lists have been verified; empty: nothing is remembered
 

@@ -5,31 +5,32 @@
 #include "attestctl/output.h"
 #include "attestctl/report.h"
 
-bool read_chosen_roots(const settings &chosen, trusted_roots &roots)
+bool read_chosen_roots(const settings &chosen, chosen_roots &roots)
 {
     std::string error;
-    if (chosen.root_file.empty() || read_roots(chosen.root_file, roots, error))
+    if ((chosen.root_file.empty() || read_roots(chosen.root_file, roots.node, error)) &&
+        (chosen.bmc_root_file.empty() || read_roots(chosen.bmc_root_file, roots.bmc.emplace(), error)))
         return true;
     complain(error);
     return false;
 }
 
 int conclude(const settings &chosen, client &c, evidence &got, std::span<const subject> subjects,
-             const trusted_roots &roots)
+             const chosen_roots &roots)
 {
     const bool needs_attestation_key =
         std::find(subjects.begin(), subjects.end(), subject::attestation_key) != subjects.end();
     const ask_result result = fetch_signers(c, needs_attestation_key, got);
     if (result.status != ask_status::answered)
         complain(result.text);
-    const std::vector<check> checks = judge(got, subjects, roots);
+    const std::vector<check> checks = judge(got, subjects, roots.node, roots.for_bmc());
     std::string out;
     if (chosen.json) {
         out += '{';
-        append_json_checks(out, checks, roots.pinned());
+        append_json_checks(out, checks, roots.node.pinned());
         out += "}\n";
     } else {
-        append_checks(out, checks, roots.pinned());
+        append_checks(out, checks, roots.node.pinned());
     }
     write_data(out);
     if (!flush_data() || result.status != ask_status::answered)

@@ -117,7 +117,8 @@ void judge_subject(judgement &j, subject what)
 
 } // namespace
 
-std::vector<check> judge(const evidence &got, std::span<const subject> subjects, const trusted_roots &roots)
+std::vector<check> judge(const evidence &got, std::span<const subject> subjects, const trusted_roots &roots,
+                         const trusted_roots *bmc_roots)
 {
     std::vector<check> rows;
     std::vector<source> sources;
@@ -130,7 +131,8 @@ std::vector<check> judge(const evidence &got, std::span<const subject> subjects,
         return whole.rows;
     for (std::size_t i = 0; i < sources.size(); ++i) {
         const source &one = sources[i];
-        judgement j{got, one, roots, {}, {}, {source_name(sources, i), {}}};
+        const bool of_bmc = i > 0 && bmc_roots != nullptr;
+        judgement j{got, one, of_bmc ? *bmc_roots : roots, {}, {}, {source_name(sources, i), {}}};
         if (one.identity != nullptr)
             j.identity = read_certificates(*one.identity, got.identity_request.cert_name());
         if (one.attestation_key != nullptr)
@@ -142,5 +144,9 @@ std::vector<check> judge(const evidence &got, std::span<const subject> subjects,
     }
     if (std::find(subjects.begin(), subjects.end(), subject::ima_list) != subjects.end())
         judge_ima_stream(got, sources, rows);
+    if (bmc_roots != nullptr && sources.size() == 1) {
+        add(whole, "BMC", failed("no evidence came from one"));
+        rows.push_back(whole.rows.front());
+    }
     return rows;
 }

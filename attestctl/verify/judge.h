@@ -15,4 +15,8 @@ enum class subject { identity, attestation_key, quote, boot_log, ima_list, hardw
 // One list of rows for the sources that any of these kinds of evidence came from, the node itself first. A
 // source without a record of one kind fails there. Sources are told apart by the names of their nodes, and
 // those of the same name by their order.
-std::vector<check> judge(const evidence &got, std::span<const subject> subjects, const trusted_roots &roots);
+//
+// With `bmc_roots` they are what is trusted for all sources but the first, and one that is alone fails for
+// that.
+std::vector<check> judge(const evidence &got, std::span<const subject> subjects, const trusted_roots &roots,
+                         const trusted_roots *bmc_roots = nullptr);

@@ -518,6 +518,27 @@ TEST(verify, sources_are_judged_side_by_side)
     }
 }
 
+TEST(verify, bmc_is_held_to_roots_of_its_own_and_has_to_be_there)
+{
+    const forged bmc = good_evidence("bmc");
+    forged f = good_evidence();
+    const auto wrong = [&f](const trusted_roots &node, const trusted_roots &of_bmc) {
+        strings rows;
+        for (const check &row : judge(f.got, SUBJECTS, node, &of_bmc))
+            if (row.outcome != check_outcome::passed)
+                rows.push_back(row.source + ": " + row.name);
+        return rows;
+    };
+    EXPECT_THAT(wrong(f.roots, bmc.roots), ElementsAre(": BMC"));
+    const trusted_roots node_roots = f.roots;
+    add_source(f, bmc);
+    EXPECT_THAT(wrong(node_roots, bmc.roots), IsEmpty());
+    EXPECT_THAT(wrong(node_roots, node_roots),
+                ElementsAre("bmc: identity root", "bmc: attestation key root"));
+    EXPECT_THAT(wrong(bmc.roots, bmc.roots),
+                ElementsAre("rack1: identity root", "rack1: attestation key root"));
+}
+
 TEST(verify, source_without_one_kind_fails_there)
 {
     forged f = good_evidence();
