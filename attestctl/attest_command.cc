@@ -1,45 +1,12 @@
-#include <array>
-
+#include "attestctl/attest_many.h"
+#include "attestctl/attest_memory.h"
+#include "attestctl/attest_report.h"
 #include "attestctl/evidence_files.h"
 #include "attestctl/output.h"
-#include "attestctl/report.h"
-#include "attestctl/state.h"
 #include "attestctl/text.h"
 #include "attestctl/verdict.h"
 
 namespace {
-
-void append_report(std::string &out, const evidence &got, std::span<const check> checks, bool roots_pinned)
-{
-    out += "Evidence\n";
-    for (const arrival &row : got.arrivals)
-        out += format("  %-29s %s  ", row.kind.c_str(), row.came ? "came   " : "missing") +
-               (row.came ? counted(row.sources, "source") + ": " : "") + row.text + '\n';
-    append_checks(out, checks, roots_pinned);
-}
-
-// One object a node: {"target" or "from", "evidence": [...], and what append_json_checks says}.
-void append_json_report(std::string &out, const settings &chosen, const evidence &got,
-                        std::span<const check> checks, bool roots_pinned)
-{
-    out += '{';
-    if (chosen.from_directory.empty())
-        append_json_member(out, "target", chosen.target);
-    else
-        append_json_member(out, "from", chosen.from_directory);
-    out += ",\"evidence\":[";
-    for (const arrival &row : got.arrivals) {
-        out += &row == got.arrivals.data() ? "{" : ",{";
-        append_json_member(out, "kind", row.kind);
-        out += ",\"came\":" + std::string(row.came ? "true" : "false") +
-               ",\"sources\":" + std::to_string(row.sources) + ',';
-        append_json_member(out, "text", row.text);
-        out += '}';
-    }
-    out += "],";
-    append_json_checks(out, checks, roots_pinned);
-    out += "}\n";
-}
 
 // Asks the node, and saves what it says where the user wants that. False, after a complaint, when there is
 // nothing to judge; `complete` when all questions were answered and all was saved.
@@ -85,18 +52,21 @@ bool read_evidence(const settings &chosen, evidence &got)
     return false;
 }
 
-// Remembers the lists of a node that was verified; what is known of any other stays. False, and a complaint.
-bool remember(const settings &chosen, const evidence &got, std::span<const check> checks,
-              verified_lists &state)
+// Keeps what a verified node leaves for later attestations. False, and a complaint, when that cannot be.
+bool leave_memory(const settings &chosen, const evidence &got, std::span<const check> checks,
+                  attest_memory &memory)
 {
     std::string error;
-    if (chosen.state_file.empty() || !all_passed(checks))
-        return true;
-    state.nodes[chosen.target] = lists_to_remember(got);
-    if (write_state(state, error))
-        return true;
-    complain(error);
-    return false;
+    const bool known = !memory.keeps_pins || is_pinned(memory, chosen.target);
+    const bool pinned = keep(memory, memory_of(chosen.target, got, checks));
+    if (all_passed(checks) && !write_memory(memory, error))
+        return complain(error), false;
+    if (pinned)
+        complain("pinned " + chosen.target + " in " + printable(chosen.pin_file));
+    else if (!known)
+        complain(printable(chosen.pin_file) + " has no pins of " + chosen.target +
+                 ", and gets none of a node that does not verify");
+    return true;
 }
 
 } // namespace
@@ -104,30 +74,32 @@ bool remember(const settings &chosen, const evidence &got, std::span<const check
 int run_attest(const settings &chosen, client &c)
 {
     chosen_roots roots;
+    attest_memory memory;
+    std::string error;
     if (!read_chosen_roots(chosen, roots))
         return EXIT_USAGE;
-    verified_lists state;
-    std::string error;
-    if (!chosen.state_file.empty() && !read_state(chosen.state_file, state, error)) {
+    if (!read_memory(chosen, memory, error)) {
         complain(error);
         return EXIT_USAGE;
     }
+    if (!chosen.targets_file.empty())
+        return attest_many(chosen, roots, memory);
+    roots = roots_for(memory, chosen.target, roots);
     evidence got;
-    got.remembered = state.nodes[chosen.target];
+    got.remembered = recall_lists(memory, chosen.target);
     bool complete = true;
     if (!(chosen.from_directory.empty() ? ask_for_evidence(chosen, c, got, complete)
                                         : read_evidence(chosen, got)))
         return EXIT_USAGE;
-    static constexpr std::array SUBJECTS = {subject::identity, subject::attestation_key, subject::quote,
-                                            subject::boot_log, subject::hardware,        subject::ima_list};
-    const std::vector<check> checks = judge(got, SUBJECTS, roots.node, roots.for_bmc());
+    std::vector<check> checks = judge(got, EVERY_SUBJECT, roots.node, roots.for_bmc());
+    check_memory(checks, memory, chosen.target, got);
     std::string out;
     if (chosen.json)
-        append_json_report(out, chosen, got, checks, roots.node.pinned());
+        append_json_report(out, chosen, got, checks, roots.node.vouched_for());
     else
-        append_report(out, got, checks, roots.node.pinned());
+        append_report(out, got, checks, roots.node.vouched_for());
     write_data(out);
-    if (!remember(chosen, got, checks, state) || !flush_data() || !complete)
+    if (!leave_memory(chosen, got, checks, memory) || !flush_data() || !complete)
         return EXIT_USAGE;
     return all_passed(checks) ? EXIT_DONE : EXIT_NO_EVIDENCE;
 }

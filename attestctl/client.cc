@@ -4,10 +4,10 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include <google/protobuf/stubs/logging.h>
 #include <grpcpp/generic/generic_stub.h>
@@ -247,19 +247,24 @@ stream_state finish(stream_call &s, stream_state state)
     return state;
 }
 
+// Log lines of the libraries would stand between ours; what they say is in the status of the call.
+void silence_libraries()
+{
+    setenv("GRPC_VERBOSITY", "NONE", 0);
+    google::protobuf::SetLogHandler(nullptr);
+}
+
 } // namespace
 
 client_owner make_client(const settings &chosen, std::string &error)
 {
-    // Log lines of the libraries would stand between ours; what they say is in the status of the call.
-    setenv("GRPC_VERBOSITY", "NONE", 0);
-    google::protobuf::SetLogHandler(nullptr);
-
+    static std::once_flag silenced;
+    std::call_once(silenced, silence_libraries);
     const std::shared_ptr<grpc::ChannelCredentials> credentials = make_credentials(chosen, error);
     if (!credentials)
         return nullptr;
     grpc::ChannelArguments arguments;
-    arguments.SetMaxReceiveMessageSize(INT_MAX);
+    arguments.SetMaxReceiveMessageSize(chosen.largest_answer);
     // Nodes stand on an internal network: evidence does not travel through whatever proxy the user's shell
     // names.
     arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);

@@ -83,7 +83,13 @@ ask_result stream_ima_log(client &c, const evidence &into, const message_taker &
         note_message(state, message);
         return take(message);
     };
-    return ask_stream(c, request, count, [] { return false; });
+    const auto too_late = [&into] {
+        return into.deadline && std::chrono::steady_clock::now() >= *into.deadline;
+    };
+    ask_result result = ask_stream(c, request, count, too_late);
+    if (result.status == ask_status::stopped && too_late())
+        return {ask_status::timed_out, "the IMA list did not come to an end in time"};
+    return result;
 }
 
 // Takes back the lists that do not lead from where they were asked for to the quote, and gives their names.

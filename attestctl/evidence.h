@@ -1,6 +1,8 @@
 // Everything that a node is asked for in one attestation.
 #pragma once
 
+#include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -60,6 +62,8 @@ struct evidence {
     api::get_platform_hw_integrity_response hw_integrity;
     std::vector<remembered_list> remembered;
     ima_start start; // of the lists: after what is remembered, as far as it still holds
+    std::optional<std::chrono::steady_clock::time_point>
+        deadline; // of the IMA list, which has no end by itself
     std::vector<ima_list> ima_lists;
     std::vector<arrival> arrivals;
 };

@@ -106,6 +106,8 @@ bool read_kept_list(const json &content, const kept_file &file, const char *name
 bool replace_kept_json(kept_file &file, const json &content, std::string &error)
 {
     const std::string text = content.dump(1, ' ', false, json::error_handler_t::replace) + '\n';
+    if (file.existed && text == file.content)
+        return true;
     kept_file now;
     if (!read_kept_file(file.path, now, error))
         return false;

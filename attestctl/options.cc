@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 
+#include "attestctl/checks_help.h"
 #include "attestctl/text.h"
 
 namespace {
@@ -21,30 +22,25 @@ bool to_number(std::string_view text, T &number)
 
 bool take_target(settings &into, std::string_view value)
 {
-    // An IPv6 address has brackets, so that its port can be told.
-    const bool bracketed = value.starts_with('[');
-    const std::size_t colon = bracketed ? value.find("]:") + 1 : value.find(':');
-    if (colon == 0 || colon >= value.size() || (bracketed && colon <= 2))
-        return false;
-    const std::string_view port = value.substr(colon + 1);
-    std::uint16_t number = 0;
-    if (!to_number(port, number) || number == 0)
-        return false;
-    const auto outside_of_a_host = [](char c) { return c <= ' ' || c == '/' || c == ',' || c == 0x7f; };
-    if (std::any_of(value.begin(), value.end(), outside_of_a_host))
-        return false;
     into.target = value;
-    return true;
+    return is_target(value);
 }
 
-bool take_timeout(settings &into, std::string_view value)
+template <auto Member>
+bool take_seconds(settings &into, std::string_view value)
 {
     constexpr double LONGEST_S = 86400;
     double seconds = 0;
     if (!to_number(value, seconds) || !std::isfinite(seconds) || seconds < 0.001 || seconds > LONGEST_S)
         return false;
-    into.timeout = std::chrono::milliseconds(std::llround(seconds * 1000));
+    into.*Member = std::chrono::milliseconds(std::llround(seconds * 1000));
     return true;
+}
+
+bool take_jobs(settings &into, std::string_view value)
+{
+    constexpr std::size_t MOST = 256; // a thread each
+    return to_number(value, into.jobs) && into.jobs > 0 && into.jobs <= MOST;
 }
 
 bool take_nonce(settings &into, std::string_view value)
@@ -95,15 +91,8 @@ bool take_flag(settings &into, std::string_view)
     return into.*Member = true;
 }
 
-constexpr unsigned of(command_id id)
-{
-    return 1U << static_cast<unsigned>(id);
-}
-
 constexpr unsigned EVERY = ~0U;
 constexpr unsigned LOGS = of(command_id::boot_log) | of(command_id::ima_log);
-constexpr unsigned CERTIFICATES = of(command_id::certificate) | of(command_id::pcrs) |
-                                  of(command_id::hw_integrity) | of(command_id::attest);
 
 struct option_row {
     std::string_view name;
@@ -115,6 +104,7 @@ struct option_row {
 };
 
 constexpr std::string_view NEEDS_TEXT = "must not be empty";
+constexpr std::string_view NEEDS_SECONDS = "must be a number of seconds from 0.001 to 86400";
 constexpr std::string_view NEEDS_NUMBER = "must be a number from 0 to 18446744073709551615";
 
 constexpr auto OPTIONS = std::to_array<option_row>({
@@ -126,9 +116,8 @@ constexpr auto OPTIONS = std::to_array<option_row>({
     {"--key", "FILE", EVERY, take_text<&settings::key_file>, "own private key, PEM", NEEDS_TEXT},
     {"--server-name", "NAME", EVERY, take_text<&settings::server_name>,
      "name in the node's certificate, where it is not HOST", NEEDS_TEXT},
-    {"--timeout", "SECONDS", EVERY, take_timeout,
-     "longest wait for an answer, or between the messages of a stream (default 30)",
-     "must be a number of seconds from 0.001 to 86400"},
+    {"--timeout", "SECONDS", EVERY, take_seconds<&settings::timeout>,
+     "longest wait for an answer, or between the messages of a stream (default 30)", NEEDS_SECONDS},
     {"--json", "", EVERY, take_flag<&settings::json>, "one JSON object a line", ""},
 
     {"--root", "FILE", CERTIFICATES, take_text<&settings::root_file>,
@@ -137,6 +126,14 @@ constexpr auto OPTIONS = std::to_array<option_row>({
      "those trusted for the BMC, whose evidence then has to come (default: those of --root)", NEEDS_TEXT},
     {"--state", "FILE", of(command_id::attest), take_text<&settings::state_file>,
      "remember how far the IMA list was verified, and ask only for what is new (made if absent)", NEEDS_TEXT},
+    {"--pin", "FILE", of(command_id::attest), take_text<&settings::pin_file>,
+     "keep what the node is like at the first use, and demand it later (made if absent)", NEEDS_TEXT},
+    {"--targets", "FILE", of(command_id::attest), take_text<&settings::targets_file>,
+     "attest many nodes, HOST:PORT a line ('#' begins a comment), a line of result each", NEEDS_TEXT},
+    {"--jobs", "N", of(command_id::attest), take_jobs, "nodes that are asked at the same time (default 32)",
+     "must be a number from 1 to 256"},
+    {"--node-timeout", "SECONDS", of(command_id::attest), take_seconds<&settings::node_timeout>,
+     "longest time for all of one node, with --targets (default 600)", NEEDS_SECONDS},
     {"--name", "NAME", of(command_id::certificate), take_text<&settings::cert_name>,
      "\"Kestrin VOXA\" or \"Kestrin AIK\" (default: the node's choice, the latter)", NEEDS_TEXT},
     {"--nonce", "HEX", of(command_id::certificate) | of(command_id::pcrs) | of(command_id::hw_integrity),
@@ -178,49 +175,6 @@ constexpr auto COMMANDS = std::to_array<command_row>({
     {command_id::attest, "attest", "ask for everything and judge it"},
 });
 
-// What a command checks, by the rows of its output.
-struct checks_row {
-    unsigned commands;
-    std::string_view text;
-};
-constexpr auto CHECKS = std::to_array<checks_row>({
-    {CERTIFICATES,
-     "of the certificates of \"identity\" and \"attestation key\":\n"
-     "  certificates     root, CA and the certificate that was asked for, each in DER and nothing after it\n"
-     "  chain            the path from the certificate over the CA to the root: signatures, dates, CA "
-     "flags,\n"
-     "                   key usage, keys and digests of at least 112 bits of strength\n"
-     "  root             with --root: is one of the file's. Without it nothing but the answer vouches for "
-     "the\n"
-     "                   root, and chain and verdict say so\n"
-     "  nonce            is the one that was sent\n"
-     "  signature        over nonce, algorithm and certificates, by the device identity's key\n"},
-    {of(command_id::pcrs) | of(command_id::hw_integrity) | of(command_id::attest),
-     "of the quote:\n"
-     "  quote values     a value for each PCR that was asked for, in that order\n"
-     "  quote form       a whole TPMS_ATTEST, made by a TPM, of type quote\n"
-     "  quote nonce      is the one that was sent\n"
-     "  quote selection  the bank and exactly the PCRs that were asked for\n"
-     "  quote digest     that of the values in the answer\n"
-     "  quote signature  by the attestation key, whose certificates are checked as above\n"},
-    {of(command_id::attest), "  boot log events  whole, and numbered without a gap\n"
-                             "  boot log replay  gives the quoted SHA-256 values of the PCRs that it "
-                             "extends, and of PCRs 0 to 9 and 14 in\n"
-                             "                   any case; says what it leaves unjudged. That digests belong "
-                             "to the data beside them is\n"
-                             "                   not checked\n"},
-    {of(command_id::hw_integrity) | of(command_id::attest),
-     "  hardware identifiers  what the board shows now is what was recorded, entry by entry\n"
-     "  hardware binding      PCR 15 is the extension by the recorded list\n"
-     "  hardware quote ...    as for the quote, over PCR 15 in the bank of --hash-algo\n"},
-    {of(command_id::attest),
-     "  IMA list         numbers without gaps; template hashes recomputed; the "
-     "replay gives the quoted PCR 10;\n"
-     "                   with --state from the last event that was verified, unless the "
-     "node was booted since\n"
-     "                   or the list does not go on from there: then from the begin\n"},
-});
-
 constexpr std::string_view NOTES =
     "\nIn JSON, bytes are hexadecimal; event_name, template_name and digest_algo are text, in which \\\\ "
     "stands for\n"
@@ -242,16 +196,6 @@ void append_options(std::string &out, unsigned commands)
             std::string(row.name) + (row.value.empty() ? "" : " ") + std::string(row.value);
         out += format("  %-20s %s\n", left.c_str(), std::string(row.help).c_str());
     }
-}
-
-void append_checks(std::string &out, unsigned command)
-{
-    if ((CERTIFICATES & command) == 0)
-        return;
-    out += "\nChecks, a row each and for each source of the node; VERIFIED when all of them pass:\n";
-    for (const checks_row &row : CHECKS)
-        if ((row.commands & command) != 0)
-            out += row.text;
 }
 
 std::string program_help()
@@ -276,7 +220,7 @@ std::string command_help(const command_row &command)
     if (command.id == command_id::attest)
         out = "Usage: attestctl [OPTION]... attest\n"
               "Ask for every kind of evidence with fresh nonces, check it, say VERIFIED or NOT VERIFIED.\n";
-    append_checks(out, of(command.id));
+    append_checks_help(out, command.id);
     if (!own.empty())
         out += "\nOptions of this command:\n" + own;
     out += "\nGeneral options:\n";
@@ -302,6 +246,23 @@ struct usage_error {
     std::string text; // empty: none
 };
 
+bool has(const std::vector<const option_row *> &used, std::string_view name)
+{
+    return std::any_of(used.begin(), used.end(), [name](const option_row *row) { return row->name == name; });
+}
+
+usage_error many_nodes_error(const settings &chosen, const std::vector<const option_row *> &used)
+{
+    const bool many = !chosen.targets_file.empty();
+    for (const char *name : {"--jobs", "--node-timeout"})
+        if (has(used, name) && !many)
+            return {std::string(name) + " needs --targets"};
+    for (const char *name : {"--target", "--save", "--from", "--html"})
+        if (has(used, name) && many)
+            return {std::string(name) + " is for one node, and does not go with --targets"};
+    return {};
+}
+
 // What only the whole command line can tell. `used` are the options that it had.
 usage_error whole_line_error(const settings &chosen, const command_row *command,
                              const std::vector<const option_row *> &used)
@@ -325,6 +286,10 @@ usage_error whole_line_error(const settings &chosen, const command_row *command,
         return {"--source needs --format"};
     if (!chosen.save_directory.empty() && !chosen.from_directory.empty())
         return {"--save and --from exclude each other"};
+    if (usage_error error = many_nodes_error(chosen, used); !error.text.empty())
+        return error;
+    if (!chosen.pin_file.empty() && !chosen.from_directory.empty())
+        return {"--pin does not go with --from"};
     if (!chosen.state_file.empty() && !(chosen.save_directory.empty() && chosen.from_directory.empty()))
         return {"--state does not go with --save and --from, which are of whole lists"};
     return {};
@@ -381,6 +346,21 @@ usage_error take_command(line_state &line, std::string_view name)
 }
 
 } // namespace
+
+bool is_target(std::string_view value)
+{
+    // An IPv6 address has brackets, so that its port can be told.
+    const bool bracketed = value.starts_with('[');
+    const std::size_t colon = bracketed ? value.find("]:") + 1 : value.find(':');
+    if (colon == 0 || colon >= value.size() || (bracketed && colon <= 2))
+        return false;
+    const std::string_view port = value.substr(colon + 1);
+    std::uint16_t number = 0;
+    if (!to_number(port, number) || number == 0)
+        return false;
+    const auto outside_of_a_host = [](char c) { return c <= ' ' || c == '/' || c == ',' || c == 0x7f; };
+    return std::none_of(value.begin(), value.end(), outside_of_a_host);
+}
 
 parsed parse_command_line(std::span<const char *const> arguments)
 {

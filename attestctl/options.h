@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <span>
 #include <string>
@@ -29,10 +30,18 @@ struct settings {
     std::chrono::milliseconds timeout{30000};
 
     bool json = false;
+
+    // Many nodes instead of one.
+    std::string targets_file;
+    std::size_t jobs = 32;
+    std::chrono::milliseconds node_timeout{600000};       // for all that one of them is asked for
+    int largest_answer = std::numeric_limits<int>::max(); // bytes of a message that is taken; no option
+
     std::string root_file;     // of certificates that evidence is verified against; empty: any root will do
     std::string bmc_root_file; // the same for a management controller's; empty: as for the node's own
 
     std::string state_file; // how far IMA lists have been verified; empty: nothing is remembered
+    std::string pin_file;   // what nodes were like when they were verified first; empty: nothing is demanded
 
     // Of the commands. Nonces are bytes here; absent: a fresh one.
     std::optional<std::string> cert_name;
@@ -60,4 +69,7 @@ struct parsed {
 
 // `arguments` without the program's name. Options stand before or after the command, as "--name value" or
 // "--name=value".
+// Whether it is HOST:PORT.
+bool is_target(std::string_view text);
+
 parsed parse_command_line(std::span<const char *const> arguments);

@@ -82,7 +82,8 @@ finding check_chain(const certificate_set &set, const trusted_roots &roots)
         return failed(std::move(problem));
     return passed(
         subject_text(*set.device) + ", by " + subject_text(*set.ca) + ", by " + subject_text(*set.root) +
-        (roots.pinned() ? "" : "; UNPINNED: without --root nothing but this answer vouches for the root"));
+        (roots.vouched_for() ? ""
+                             : "; UNPINNED: without --root nothing but this answer vouches for the root"));
 }
 
 finding check_root(const api::SystemCertificates &record, const trusted_roots &roots)

@@ -1,6 +1,7 @@
 // The judgement of what a node sent: rows for each of its sources.
 #pragma once
 
+#include <array>
 #include <span>
 #include <vector>
 
@@ -11,6 +12,9 @@
 // What is judged. Each needs those before it of the same source: signatures are checked by the keys of the
 // certificates.
 enum class subject { identity, attestation_key, quote, boot_log, ima_list, hardware };
+
+inline constexpr std::array EVERY_SUBJECT = {subject::identity, subject::attestation_key, subject::quote,
+                                             subject::boot_log, subject::hardware,        subject::ima_list};
 
 // One list of rows for the sources that any of these kinds of evidence came from, the node itself first. A
 // source without a record of one kind fails there. Sources are told apart by the names of their nodes, and

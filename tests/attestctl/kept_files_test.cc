@@ -48,6 +48,30 @@ protected:
     std::string folder, roots, state, pins;
 };
 
+// Good as well, with other roots, another PCR 5 and another chip 3.
+forged other_good_evidence(const std::string &node_name)
+{
+    forged f = good_evidence(node_name);
+    api::NodeBootIntegrityLog &log = *f.got.boot_log.mutable_node_data(0);
+    api::BOOT_EVENT &event = *log.add_events();
+    event = log.events(log.events_size() - 2);
+    event.set_event_num(static_cast<std::uint32_t>(log.events_size()));
+    event.set_pcr_index(5);
+    std::string &pcr5 = *f.got.pcrs.mutable_node_data(0)->mutable_pcrs(5)->mutable_value();
+    pcr5 = digest(EVP_sha256(), pcr5 + event.digests(1).digest());
+
+    api::tpm_hw_integrity &hardware = *f.got.hw_integrity.mutable_node_data(0);
+    const std::string chip = digest(EVP_sha256(), "another chip");
+    hardware.mutable_uid_digests_db0(3)->set_digest(chip);
+    hardware.mutable_uid_digests_db1(3)->set_digest(chip);
+    std::string recorded;
+    for (const api::UID_DIGEST &one : hardware.uid_digests_db0())
+        recorded += one.digest();
+    hardware.mutable_pcrs(0)->set_value(
+        digest(EVP_sha256(), std::string(32, '\0') + digest(EVP_sha256(), recorded)));
+    return f;
+}
+
 TEST_F(KeptFiles, OnlyWhatIsNewIsAskedForAndStillLeadsToTheQuote)
 {
     outcome done = attest_with_state();
@@ -134,6 +158,44 @@ TEST_F(KeptFiles, WhatDoesNotVerifyIsNotRemembered)
     EXPECT_EQ(content_of(state), kept);
 }
 
+TEST_F(KeptFiles, PinsAreDemandedFromTheSecondUseOn)
+{
+    node.model.evidence.got.boot_log.mutable_node_data(0)->mutable_events(3)->set_pcr_index(5);
+    outcome done = attest("--pin " + pins);
+    EXPECT_EQ(done.status, 1);
+    EXPECT_THAT(done.text, HasSubstr("gets none of a node that does not verify"));
+    EXPECT_FALSE(std::filesystem::exists(pins));
+
+    node.model.evidence = good_evidence(node.model.name);
+    const auto attest_unpinned = [this](const std::string &more) {
+        return attestctl("--target " + node.targets()[0] + " attest --pin " + pins + more);
+    };
+    done = attest_unpinned("");
+    EXPECT_EQ(done.status, 0) << done.text;
+    EXPECT_THAT(done.text, HasSubstr("against roots that are not pinned"));
+    EXPECT_THAT(done.text, HasSubstr("attestctl: pinned 127.0.0.1:"));
+    const std::string kept = content_of(pins);
+    done = attest_unpinned("");
+    EXPECT_EQ(done.status, 0);
+    EXPECT_THAT(done.text, HasSubstr("\nVERIFIED\n")); // by roots that are pinned now
+    EXPECT_THAT(done.text, HasSubstr("PCRs 0-9, 14-15 as pinned"));
+    EXPECT_THAT(done.text, HasSubstr("12 reference digests as pinned"));
+
+    // Another firmware that measures itself well, other roots, other chips that are recorded well.
+    node.model.evidence = other_good_evidence(node.model.name);
+    done = attest_unpinned("");
+    EXPECT_EQ(done.status, 1);
+    EXPECT_THAT(done.text, HasSubstr("NOT VERIFIED: 4 checks failed"));
+    for (const char *row :
+         {"pinned identity root", "pinned attestation root", "pinned PCR 5", "pinned reference 3"})
+        EXPECT_THAT(done.text, MatchesRegex(std::string(".*\n +") + row +
+                                            " +FAIL +pinned is [0-9a-f]{64}, now it is [0-9a-f]{64}\n.*"));
+    node.model.evidence.got.identity.mutable_node_data(0)->set_node_name("rack2");
+    done = attest_unpinned("");
+    EXPECT_THAT(done.text, HasSubstr("was not there when the node was pinned"));
+    EXPECT_EQ(content_of(pins), kept);
+}
+
 TEST_F(KeptFiles, FilesThatAreNoneAskNothingAndStayAsTheyAre)
 {
     ASSERT_EQ(attest_with_state().status, 0);
@@ -160,6 +222,20 @@ TEST_F(KeptFiles, FilesThatAreNoneAskNothingAndStayAsTheyAre)
         EXPECT_THAT(done.text, MatchesRegex("attestctl: [^\n]*state.json[^\n]*\n"));
         EXPECT_EQ(content_of(state), content);
     }
+    const std::vector<std::string> no_pins = {
+        "",
+        "[1",
+        R"({"attestctl_pins":1,"nodes":[{"target":"a","sources":[]}]})",
+        R"({"attestctl_pins":1,"nodes":[{"target":"a","sources":[{"source":"s","identity_root":"00"}]}]})",
+        R"({"attestctl_pins":1,"nodes":[{"target":"a","sources":[{"source":"s","pcrs":[{"pcr":1}]}]}]})",
+        R"({"attestctl_pins":1,"nodes":[{"target":"a","sources":[{"source":"s","references":["0"]}]}]})"};
+    for (const std::string &content : no_pins) {
+        write_content(pins, content);
+        const outcome done = attest("--pin " + pins);
+        EXPECT_EQ(done.status, 2) << content;
+        EXPECT_THAT(done.text, MatchesRegex("attestctl: [^\n]*pins.json[^\n]*\n"));
+        EXPECT_EQ(content_of(pins), content);
+    }
     ASSERT_EQ(mkfifo((folder + "/pipe").c_str(), 0600), 0);
     for (const std::string &path :
          {folder, folder + "/pipe", std::string("/dev/zero"), roots + "/x", std::string("/absent/x")}) {
@@ -168,7 +244,7 @@ TEST_F(KeptFiles, FilesThatAreNoneAskNothingAndStayAsTheyAre)
         EXPECT_THAT(done.text, MatchesRegex("attestctl: [^\n]*\n"));
     }
     EXPECT_THAT(node.asked(), IsEmpty());
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 3); // nothing half-written
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 4); // nothing half-written
 }
 
 } // namespace

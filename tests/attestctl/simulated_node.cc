@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <fstream>
 #include <sstream>
+#include <thread>
 #include <utility>
 
 #include <grpcpp/grpcpp.h>
@@ -110,6 +111,8 @@ public:
             for (std::uint64_t i = at; i < std::min<std::uint64_t>(at + CHUNK, node_.list.size()); ++i)
                 *message.add_events() = node_.list[i];
             writer->Write(message);
+            while (node_.endless && writer->Write(message))
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
             if (at + CHUNK >= node_.list.size())
                 return grpc::Status::OK;
         }

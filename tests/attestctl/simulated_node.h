@@ -14,6 +14,7 @@ struct node_model {
     forged evidence = good_evidence(name);
     std::vector<api::IMA_EVENT> list;
     std::uint32_t resets = 3, restarts = 0;
+    bool endless = false;        // the stream of the list goes on and on
     std::size_t after_quote = 0; // the events at the end that came after the quote
 };
 

@@ -1,0 +1,229 @@
+#include "attestctl/pins.h"
+
+#include <algorithm>
+
+#include "attestctl/kept_json.h"
+#include "attestctl/text.h"
+#include "attestctl/verify/pcr_set.h"
+#include "attestctl/verify/sources.h"
+
+using nlohmann::json;
+
+namespace {
+
+constexpr const char *KIND = "attestctl_pins";
+
+// Firmware, boot loader, shim and provisioning extend these, and nobody after
+// them.
+constexpr pcr_set PINNED_PCRS = 0xc3ff;
+
+// False: it is there, and is none.
+bool read_root(const json &entry, const char *name, std::optional<std::string> &root)
+{
+    return !entry.contains(name) || take_hex(entry, name, sizeof(sha256_digest), root.emplace());
+}
+
+bool read_pcrs(const json &entry, std::map<std::uint32_t, std::string> &pcrs)
+{
+    for (const json &one : list_at(entry, "pcrs")) {
+        std::uint32_t index = 0;
+        std::string value;
+        if (!take(one, "pcr", index) || !take_hex(one, "value", quoted_bank().size, value) ||
+            !pcrs.emplace(index, std::move(value)).second)
+            return false;
+    }
+    return !entry.contains("pcrs") || entry["pcrs"].is_array();
+}
+
+bool read_references(const json &entry, std::optional<std::vector<std::string>> &references)
+{
+    if (!entry.contains("references"))
+        return true;
+    references.emplace();
+    for (const json &one : list_at(entry, "references"))
+        if (!one.is_string() || !from_hex(one.get_ref<const std::string &>(), references->emplace_back()))
+            return false;
+    return entry["references"].is_array();
+}
+
+bool read_source(const json &entry, pinned_source &into)
+{
+    return take(entry, "source", into.source) && read_root(entry, "identity_root", into.identity_root) &&
+           read_root(entry, "attestation_key_root", into.attestation_key_root) &&
+           read_pcrs(entry, into.pcrs) && read_references(entry, into.references);
+}
+
+bool read_node(const json &entry, node_pins &into)
+{
+    std::string target;
+    std::vector<pinned_source> sources;
+    for (const json &one : list_at(entry, "sources"))
+        if (!read_source(one, sources.emplace_back()))
+            return false;
+    return take(entry, "target", target) && !sources.empty() &&
+           into.nodes.emplace(target, std::move(sources)).second;
+}
+
+json source_json(const pinned_source &one)
+{
+    json entry = {{"source", one.source}};
+    if (one.identity_root)
+        entry["identity_root"] = hex(*one.identity_root);
+    if (one.attestation_key_root)
+        entry["attestation_key_root"] = hex(*one.attestation_key_root);
+    if (!one.pcrs.empty())
+        entry["pcrs"] = json::array();
+    for (const auto &[index, value] : one.pcrs)
+        entry["pcrs"].push_back({{"pcr", index}, {"value", hex(value)}});
+    if (one.references)
+        entry["references"] = json::array();
+    for (const std::string &digest : one.references.value_or(std::vector<std::string>()))
+        entry["references"].push_back(hex(digest));
+    return entry;
+}
+
+std::optional<std::string> root_of(const api::SystemCertificates *record)
+{
+    if (record == nullptr || record->certs().empty())
+        return std::nullopt;
+    const sha256_digest digest = sha256_of(record->certs(0).data());
+    return std::string(digest.begin(), digest.end());
+}
+
+pinned_source describe(const source &from, std::string name)
+{
+    pinned_source now{std::move(name), root_of(from.identity), root_of(from.attestation_key), {}, {}};
+    for (std::uint32_t i = 0; from.pcrs != nullptr && i < PINNED_PCRS.size(); ++i)
+        if (const std::string *value = value_of(from.pcrs->pcrs(), i); value != nullptr)
+            now.pcrs[i] = *value;
+    if (from.hw_integrity == nullptr)
+        return now;
+    now.references.emplace();
+    for (const api::UID_DIGEST &one : from.hw_integrity->uid_digests_db0())
+        now.references->push_back(one.digest());
+    return now;
+}
+
+std::vector<pinned_source> describe_all(const evidence &got)
+{
+    std::vector<source> sources;
+    std::vector<pinned_source> now;
+    if (sort_by_source(got, sources))
+        for (std::size_t i = 0; i < sources.size(); ++i)
+            now.push_back(describe(sources[i], source_name(sources, i)));
+    return now;
+}
+
+// Empty texts stand for what is not there.
+finding old_against_new(const std::string &then, const std::string &now)
+{
+    constexpr std::size_t LONGEST = 64; // bytes of SHA-512
+    const auto shown = [](const std::string &digest) {
+        return digest.empty() ? "nothing" : hex_preview(digest, LONGEST);
+    };
+    return failed("pinned is " + shown(then) + ", now it is " + shown(now));
+}
+
+void check_root(check_list &list, const char *name, const std::optional<std::string> &pinned,
+                const std::optional<std::string> &now)
+{
+    if (pinned)
+        add(list, name,
+            pinned == now ? passed("as pinned: SHA-256 " + hex(*pinned))
+                          : old_against_new(*pinned, now.value_or("")));
+}
+
+void check_pcrs(check_list &list, const pinned_source &pinned, const pinned_source &now)
+{
+    pcr_set same;
+    for (const auto &[index, value] : pinned.pcrs) {
+        const auto found = now.pcrs.find(index);
+        const std::string *is = found != now.pcrs.end() ? &found->second : nullptr;
+        if (is != nullptr && *is == value)
+            same.set(index);
+        else
+            add(list, format("pinned PCR %u", index), old_against_new(value, is != nullptr ? *is : ""));
+    }
+    if (same.any())
+        add(list, "pinned PCR values", passed(pcr_text(same) + " as pinned"));
+}
+
+void check_references(check_list &list, const pinned_source &pinned, const pinned_source &now)
+{
+    if (!pinned.references)
+        return;
+    const std::vector<std::string> &then = *pinned.references;
+    const std::vector<std::string> is = now.references.value_or(std::vector<std::string>());
+    for (std::size_t i = 0; i < std::max(then.size(), is.size()); ++i) {
+        const std::string &old = i < then.size() ? then[i] : "";
+        const std::string &fresh = i < is.size() ? is[i] : "";
+        if (i >= then.size() || i >= is.size() || old != fresh)
+            add(list, format("pinned reference %zu", i), old_against_new(old, fresh));
+    }
+    if (then == is)
+        add(list, "pinned references", passed(counted(is.size(), "reference digest") + " as pinned"));
+}
+
+} // namespace
+
+bool read_pins(const std::string &path, node_pins &into, std::string &error)
+{
+    json content;
+    into.nodes.clear();
+    if (!read_kept_json(path, KIND, into.file, content, error))
+        return false;
+    return read_kept_list(content, into.file, "nodes", error,
+                          [&into](const json &entry) { return read_node(entry, into); });
+}
+
+bool write_pins(node_pins &pins, std::string &error)
+{
+    json nodes = json::array();
+    for (const auto &[target, sources] : pins.nodes) {
+        json entries = json::array();
+        for (const pinned_source &one : sources)
+            entries.push_back(source_json(one));
+        nodes.push_back({{"target", target}, {"sources", std::move(entries)}});
+    }
+    return replace_kept_json(pins.file, {{KIND, 1}, {"nodes", std::move(nodes)}}, error);
+}
+
+std::vector<pinned_source> pins_of(const evidence &got)
+{
+    std::vector<pinned_source> now = describe_all(got);
+    for (pinned_source &one : now)
+        std::erase_if(one.pcrs, [](const auto &pcr) { return !PINNED_PCRS[pcr.first]; });
+    return now;
+}
+
+void check_pins(std::vector<check> &rows, const std::vector<pinned_source> &pinned, const evidence &got)
+{
+    const std::vector<pinned_source> now = describe_all(got);
+    const auto named = [](const std::string &name) {
+        return [&name](const pinned_source &one) { return one.source == name; };
+    };
+    for (const pinned_source &then : pinned) {
+        check_list list{printable(then.source), {}};
+        const auto is = std::find_if(now.begin(), now.end(), named(then.source));
+        if (is == now.end()) {
+            add(list, "pinned source", failed("sent nothing, and is pinned"));
+        } else {
+            check_root(list, "pinned identity root", then.identity_root, is->identity_root);
+            check_root(list, "pinned attestation root", then.attestation_key_root, is->attestation_key_root);
+            check_pcrs(list, then, *is);
+            check_references(list, then, *is);
+        }
+        std::move(list.rows.begin(), list.rows.end(), std::back_inserter(rows));
+    }
+    for (const pinned_source &is : now)
+        if (std::none_of(pinned.begin(), pinned.end(), named(is.source)))
+            rows.push_back({"pinned source", check_outcome::failed, "was not there when the node was pinned",
+                            is.source});
+}
+
+bool pins_have_roots(const std::vector<pinned_source> &pinned)
+{
+    return !pinned.empty() && std::all_of(pinned.begin(), pinned.end(), [](const pinned_source &one) {
+        return one.identity_root && one.attestation_key_root;
+    });
+}
