@@ -11,6 +11,10 @@
 
 namespace {
 
+// What the lists of a record may take, so that a hostile BMC's 48 MiB of empty items do not become 3 GB. A
+// kernel's list of 200,000 events takes 21 MB.
+constexpr std::uint64_t RECORD_LISTS_MAX = std::uint64_t{256} << 20;
+
 // An operation that is relayed: a row each.
 struct relayed_operation {
     const char *name;         // under which it traces
@@ -92,8 +96,9 @@ std::uint32_t relay(const relayed_operation &operation, const void *request, voi
         return ATTEST_ERR_NO_DATA;
     }
     attest_trace_as(operation.name, "Received response %d", static_cast<int>(with.response_length));
-    bool decoded = message_decode(operation.reply(),
-                                  std::as_bytes(std::span(with.response.get(), with.response_length)), reply);
+    bool decoded =
+        message_decode(operation.reply(), std::as_bytes(std::span(with.response.get(), with.response_length)),
+                       reply, RECORD_LISTS_MAX);
     return decoded ? ATTEST_OK : ATTEST_ERR_NO_DATA;
 }
 

@@ -290,8 +290,10 @@ std::int64_t message_encode(const message_descriptor &descriptor, const void *me
 // malformed (also a `string` that is no UTF-8), or out of memory. The verdict is that of protobuf's own
 // parsers. Unknown fields are skipped; of a field that comes several times the last counts, of a list all
 // items. A present text is never null; present empty bytes have a null pointer. Depth is that of the
-// structures; memory is at most 64 bytes for each byte decoded.
-bool message_decode(const message_descriptor &descriptor, std::span<const std::byte> bytes, void *message);
+// structures; memory is at most 64 bytes for each byte decoded. Where that is too much, `list_memory` bounds
+// what the items of all lists take, in bytes: a message whose lists take more is malformed.
+bool message_decode(const message_descriptor &descriptor, std::span<const std::byte> bytes, void *message,
+                    std::uint64_t list_memory = UINT64_MAX);
 
 // Frees everything the message owns and leaves it empty, so that a second release does nothing.
 void message_release(const message_descriptor &descriptor, void *message);

@@ -52,8 +52,9 @@ bool count_items(wire_input input, const field_descriptor &field, std::uint32_t 
 
 // At the first item of a list: counts them all and allocates. An empty list is counted once, too: runs
 // without numbers must not make the decoder look through the rest of the message each time.
+// `budget` is the memory that lists may still take.
 bool reserve_items(const wire_input &input, const field_descriptor &field, std::uint32_t tag, void *message,
-                   std::uint32_t &room)
+                   std::uint32_t &room, std::uint64_t &budget)
 {
     if (room != NOT_COUNTED)
         return true;
@@ -63,12 +64,16 @@ bool reserve_items(const wire_input &input, const field_descriptor &field, std::
         return true;
     std::size_t item_size =
         field.kind == field_kind::messages ? field.child->structure_size : sizeof(std::uint32_t);
+    if (std::uint64_t{room} * item_size > budget)
+        return false;
+    budget -= std::uint64_t{room} * item_size;
     any_list list{std::calloc(room, item_size), 0};
     store_member(message, field.offset, list);
     return list.items != nullptr;
 }
 
-bool decode_message(const message_descriptor &descriptor, wire_input input, void *message);
+bool decode_message(const message_descriptor &descriptor, wire_input input, void *message,
+                    std::uint64_t &budget);
 
 // The bytes as a heap copy, NUL-terminated when they are a text. A NUL among them ends the text.
 bool decode_text(const field_descriptor &field, const wire_input &content, void *message)
@@ -99,7 +104,8 @@ bool decode_bytes(const field_descriptor &field, const wire_input &content, void
     return true;
 }
 
-bool decode_child(const field_descriptor &field, std::uint32_t room, wire_input &input, void *message)
+bool decode_child(const field_descriptor &field, std::uint32_t room, wire_input &input, void *message,
+                  std::uint64_t &budget)
 {
     auto list = load_member<any_list>(message, field.offset);
     wire_input content{};
@@ -108,7 +114,7 @@ bool decode_child(const field_descriptor &field, std::uint32_t room, wire_input 
     // Counted before it is filled: what a failure leaves in it is released with the list.
     void *item = list_item(list, *field.child, list.count++);
     store_member(message, field.offset, list);
-    return decode_message(*field.child, content, item);
+    return decode_message(*field.child, content, item, budget);
 }
 
 // All of `numbers`, or the first of them.
@@ -139,7 +145,7 @@ bool decode_numbers(const field_descriptor &field, std::uint32_t tag, std::uint3
 }
 
 bool decode_field(const field_descriptor &field, std::uint32_t tag, std::uint32_t &room, wire_input &input,
-                  void *message)
+                  void *message, std::uint64_t &budget)
 {
     wire_input content{};
     std::uint64_t value = 0;
@@ -160,9 +166,10 @@ bool decode_field(const field_descriptor &field, std::uint32_t tag, std::uint32_
     case field_kind::bytes:
         return get_delimited(input, content) && decode_bytes(field, content, message);
     case field_kind::messages:
-        return reserve_items(input, field, tag, message, room) && decode_child(field, room, input, message);
+        return reserve_items(input, field, tag, message, room, budget) &&
+               decode_child(field, room, input, message, budget);
     case field_kind::u32_list:
-        return reserve_items(input, field, tag, message, room) &&
+        return reserve_items(input, field, tag, message, room, budget) &&
                decode_numbers(field, tag, room, input, message);
     }
     return false;
@@ -181,7 +188,8 @@ const field_descriptor *field_of_tag(const message_descriptor &descriptor, std::
 
 // `message` is empty before; after a false it holds what was decoded until then, in a state that release
 // takes. It calls itself as deep as the tables nest, whatever the bytes say.
-bool decode_message(const message_descriptor &descriptor, wire_input input, void *message)
+bool decode_message(const message_descriptor &descriptor, wire_input input, void *message,
+                    std::uint64_t &budget)
 {
     list_rooms rooms;
     rooms.fill(NOT_COUNTED);
@@ -197,7 +205,7 @@ bool decode_message(const message_descriptor &descriptor, wire_input input, void
             continue;
         }
         std::uint32_t &room = rooms[field->number - 1u];
-        if (!decode_field(*field, tag, room, input, message))
+        if (!decode_field(*field, tag, room, input, message, budget))
             return false;
         if (room != 0) // no list, or one that has items
             present |= field->presence;
@@ -208,13 +216,14 @@ bool decode_message(const message_descriptor &descriptor, wire_input input, void
 
 } // namespace
 
-bool message_decode(const message_descriptor &descriptor, std::span<const std::byte> bytes, void *message)
+bool message_decode(const message_descriptor &descriptor, std::span<const std::byte> bytes, void *message,
+                    std::uint64_t list_memory)
 {
     std::memset(message, 0, descriptor.structure_size);
     const char *begin = reinterpret_cast<const char *>(bytes.data());
     if (bytes.size() > MESSAGE_SIZE_MAX)
         return false;
-    if (!decode_message(descriptor, {begin, begin + bytes.size()}, message)) {
+    if (!decode_message(descriptor, {begin, begin + bytes.size()}, message, list_memory)) {
         message_release(descriptor, message);
         return false;
     }

@@ -212,6 +212,24 @@ TEST(HostileBytes, FewBytesClaimMuchMemory)
     }
 }
 
+// The same with a bound: the item too many is refused, and what came before it is given back.
+TEST(HostileBytes, ListsTakeMoreThanAllowed)
+{
+    constexpr std::uint64_t ITEMS = 1000;
+    std::string wire;
+    for (std::uint64_t i = 0; i < ITEMS; ++i)
+        wire += std::string("\x0a\0", 2);
+    IMACacheBlock message;
+    std::size_t before = heap.live_bytes;
+    EXPECT_FALSE(message_decode(message_descriptor_of<IMACacheBlock>(), std::as_bytes(std::span(wire)),
+                                &message, ITEMS * sizeof(IMA_EVENT) - 1));
+    EXPECT_EQ(heap.live_bytes, before);
+    ASSERT_TRUE(message_decode(message_descriptor_of<IMACacheBlock>(), std::as_bytes(std::span(wire)),
+                               &message, ITEMS * sizeof(IMA_EVENT)));
+    EXPECT_EQ(message.events.count, ITEMS);
+    message_release(message);
+}
+
 TEST(HostileBytes, FailedAllocationLeavesSomething)
 {
     std::mt19937 random(6);
