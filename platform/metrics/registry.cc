@@ -3,12 +3,15 @@
 #include <atomic>
 #include <exception>
 #include <map>
+#include <mutex>
 #include <prometheus/counter.h>
 #include <prometheus/gauge.h>
 #include <prometheus/histogram.h>
 #include <prometheus/registry.h>
 #include <prometheus/text_serializer.h>
 #include <sstream>
+#include <string_view>
+#include <unordered_map>
 
 #include "platform/metrics.h"
 
@@ -38,10 +41,24 @@ std::map<std::string, std::string> labels_of(const metric_family &family, metric
     return labels;
 }
 
-template <class Builder>
-auto &family_of(Builder builder, const metric_family &family)
+// The library finds a series by maps that it builds for each value; found once, it is known by a text. Series
+// live as long as the process.
+template <class Series, class Builder, class... Shape>
+Series &series_of(Builder builder, const metric_family &family, metric_labels labels, const Shape &...shape)
 {
-    return builder.Name(family.name).Help(family.help).Register(registry());
+    static std::mutex lock;
+    static std::unordered_map<std::string, Series *> known;
+    std::string key = family.name;
+    for (const std::string_view value : labels)
+        (key += '\0') += value;
+    const std::lock_guard guard(lock);
+    Series *&series = known[key];
+    if (series == nullptr)
+        series = &builder.Name(family.name)
+                      .Help(family.help)
+                      .Register(registry())
+                      .Add(labels_of(family, labels), shape...);
+    return *series;
 }
 
 // Counting must not cost the caller its work: what memory does not suffice for is not counted.
@@ -66,22 +83,20 @@ bool metrics_wanted()
 void metric_add(const metric_family &counter, metric_labels labels, std::uint64_t count)
 {
     guarded([&] {
-        family_of(prometheus::BuildCounter(), counter)
-            .Add(labels_of(counter, labels))
+        series_of<prometheus::Counter>(prometheus::BuildCounter(), counter, labels)
             .Increment(static_cast<double>(count));
     });
 }
 
 void metric_set(const metric_family &gauge, metric_labels labels, double value)
 {
-    guarded([&] { family_of(prometheus::BuildGauge(), gauge).Add(labels_of(gauge, labels)).Set(value); });
+    guarded([&] { series_of<prometheus::Gauge>(prometheus::BuildGauge(), gauge, labels).Set(value); });
 }
 
 void metric_observe(const metric_family &seconds, metric_labels labels, double value)
 {
     guarded([&] {
-        family_of(prometheus::BuildHistogram(), seconds)
-            .Add(labels_of(seconds, labels), DURATIONS)
+        series_of<prometheus::Histogram>(prometheus::BuildHistogram(), seconds, labels, DURATIONS)
             .Observe(value);
     });
 }
