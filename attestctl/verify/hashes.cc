@@ -78,11 +78,13 @@ sha256_digest sha256_of(std::string_view data)
 
 sha256_digest sha256_of(const sha256_digest &first, const sha256_digest &second)
 {
+    std::array<unsigned char, 2 * sizeof(sha256_digest)> both; // whole blocks are not copied once more
+    std::copy(first.begin(), first.end(), both.begin());
+    std::copy(second.begin(), second.end(), both.begin() + sizeof first);
     sha256_digest digest;
     SHA256_CTX state;
     SHA256_Init(&state);
-    SHA256_Update(&state, first.data(), first.size());
-    SHA256_Update(&state, second.data(), second.size());
+    SHA256_Update(&state, both.data(), both.size());
     SHA256_Final(digest.data(), &state);
     return digest;
 }
