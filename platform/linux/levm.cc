@@ -31,6 +31,9 @@ struct posted_work {
     void *context;
 };
 
+// More than ever waits: the server posts one item at a time.
+constexpr std::size_t ROOM_FOR_WORK = 64;
+
 // Timers fire at most this late for the sake of being merged with others; the library's default is 250 ms.
 constexpr std::uint64_t TIMER_ACCURACY_US = 1000;
 constexpr std::uint64_t US_PER_MS = 1000;
@@ -62,6 +65,7 @@ struct levm {
     levm_watch *watches = nullptr;
     std::mutex lock; // of `posted`
     std::vector<posted_work> posted;
+    std::vector<posted_work> running; // a batch of it; both keep their room, so that posting needs no memory
 };
 
 namespace {
@@ -77,12 +81,12 @@ int run_posted_work(sd_event_source *, int fd, std::uint32_t, void *userdata)
     auto *manager = static_cast<levm *>(userdata);
     eventfd_t ignored = 0;
     eventfd_read(fd, &ignored);
-    std::vector<posted_work> batch;
+    manager->running.clear();
     {
         std::lock_guard guard(manager->lock);
-        batch.swap(manager->posted);
+        manager->running.swap(manager->posted);
     }
-    for (const posted_work &item : batch) {
+    for (const posted_work &item : manager->running) {
         if (manager->stopped.load())
             break;
         item.work(item.context);
@@ -105,8 +109,8 @@ int on_timer(sd_event_source *, std::uint64_t, void *userdata)
     return 0;
 }
 
-// noexcept: out of memory here ends the process, for work that is silently not run would leave its caller
-// waiting for ever.
+// noexcept: out of memory here, beyond the room that there is, ends the process, for work that is silently
+// not run would leave its caller waiting for ever.
 void queue_work(levm &manager, posted_work item) noexcept
 {
     std::lock_guard guard(manager.lock);
@@ -125,6 +129,12 @@ levm_watch *add_to_list(levm *manager, std::unique_ptr<levm_watch> watch)
 
 int open_loop(levm &manager)
 {
+    try {
+        for (std::vector<posted_work> *work : {&manager.posted, &manager.running})
+            work->reserve(ROOM_FOR_WORK);
+    } catch (const std::bad_alloc &) {
+        return -ENOMEM;
+    }
     sd_event *event = nullptr;
     if (int result = sd_event_new(&event); result < 0)
         return result;

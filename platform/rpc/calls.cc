@@ -5,6 +5,7 @@
 #include <atomic>
 #include <charconv>
 #include <cstdlib>
+#include <new>
 #include <utility>
 
 #include "platform/remote_attestation_api.h"
@@ -15,8 +16,11 @@
 
 namespace {
 
+constexpr std::string_view OUT_OF_MEMORY = "out of memory";
+
 // Tells the loop what a queue that has drained allows: the flow-resume callback of a refused stream, and the
-// delivery of requests that were held back.
+// delivery of requests that were held back. What there is no memory for is told later
+// (rpc_client_look_again).
 void look_for_room(rpc_client &client)
 {
     const std::uint64_t low = client.shared->limits.queue_low_bytes;
@@ -25,12 +29,12 @@ void look_for_room(rpc_client &client)
         const auto paused = std::find_if(client.calls.begin(), client.calls.end(),
                                          [](const auto &call) { return call->paused; });
         if (paused != client.calls.end())
-            rpc_post(*client.shared, {rpc_event::kind::drained, (*paused)->client, nullptr, {}});
+            client.resume_wanted =
+                !rpc_post(*client.shared, {rpc_event::kind::drained, (*paused)->client, nullptr, {}});
     }
     if (!client.held.empty() && rpc_client_unread_answers(client) <= low) {
-        for (rpc_event &event : client.held)
-            rpc_post(*client.shared, std::move(event));
-        client.held.clear();
+        while (!client.held.empty() && rpc_post(*client.shared, std::move(client.held.front())))
+            client.held.pop_front();
     }
 }
 
@@ -81,13 +85,23 @@ void last_word(rpc_call &call)
         rpc_time_answer(*call.method, call.asked);
 }
 
-void end_locked(rpc_call &call, rpc_code code, std::string text)
+// Without memory the text is left out.
+void set_text(rpc_call &call, std::string_view text) noexcept
+{
+    try {
+        call.text = text;
+    } catch (const std::bad_alloc &) {
+        call.text.clear();
+    }
+}
+
+void end_locked(rpc_call &call, rpc_code code, std::string_view text)
 {
     if (call.ended)
         return;
     last_word(call);
     call.code = code;
-    call.text = std::move(text);
+    set_text(call, text);
     drop_waiting(call);
     pump(call);
     look_for_room(*call.client);
@@ -107,14 +121,22 @@ std::uint64_t cost_of(const rpc_call &call, std::uint64_t size)
     return size + call.client->shared->limits.message_overhead_bytes;
 }
 
-void queue_locked(rpc_call &call, rpc_message message, bool last)
+// Takes over the message, whose cost counts already. False without memory: the call has ended then.
+bool queue_locked(rpc_call &call, rpc_message message, bool last)
 {
     if (call.queue.empty())
         call.progress_ms = rpc_now_ms();
-    call.queue.push_back(std::move(message));
+    try {
+        call.queue.push_back(std::move(message));
+    } catch (const std::bad_alloc &) {
+        call.client->queued -= message.cost;
+        end_locked(call, rpc_code::resource_exhausted, OUT_OF_MEMORY);
+        return false;
+    }
     if (last)
         last_word(call);
     pump(call);
+    return true;
 }
 
 // Answers of the layer itself are a few bytes, or the contract's description once asked for; they are
@@ -124,12 +146,22 @@ void answer_locked(rpc_call &call, const std::string &bytes, bool last)
     rpc_message message{malloc_ptr<std::byte>(static_cast<std::byte *>(std::malloc(bytes.size() + 1))),
                         bytes.size(), cost_of(call, bytes.size())};
     if (message.bytes == nullptr) {
-        end_locked(call, rpc_code::resource_exhausted, "out of memory");
+        end_locked(call, rpc_code::resource_exhausted, OUT_OF_MEMORY);
         return;
     }
     bytes.copy(reinterpret_cast<char *>(message.bytes.get()), bytes.size());
     call.client->queued += message.cost;
     queue_locked(call, std::move(message), last);
+}
+
+bool post_request(const std::shared_ptr<rpc_call> &call, std::span<const std::byte> bytes) noexcept
+{
+    try {
+        return rpc_post(*call->client->shared,
+                        {rpc_event::kind::request, call->client, call, {bytes.begin(), bytes.end()}});
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
 }
 
 // Of one client the inbox holds at most twice the calls that it may have, and two requests of the largest
@@ -143,11 +175,17 @@ void request_locked(const std::shared_ptr<rpc_call> &call, std::span<const std::
         end_locked(*call, rpc_code::resource_exhausted, "too many calls of this client wait");
         return;
     }
+    // What counts the request comes first: on its own thread the loop counts it off.
     ++client.undelivered;
     client.undelivered_bytes += bytes.size();
     call->requested = true;
     call->asked = std::chrono::steady_clock::now();
-    rpc_post(*client.shared, {rpc_event::kind::request, call->client, call, {bytes.begin(), bytes.end()}});
+    if (post_request(call, bytes))
+        return;
+    call->requested = false;
+    --client.undelivered;
+    client.undelivered_bytes -= bytes.size();
+    end_locked(*call, rpc_code::resource_exhausted, OUT_OF_MEMORY);
 }
 
 void health_locked(rpc_call &call, std::span<const std::byte> bytes, bool watch)
@@ -159,6 +197,11 @@ void health_locked(rpc_call &call, std::span<const std::byte> bytes, bool watch)
         answer_locked(call, rpc_health_answer(health), true);
     else
         end_locked(call, rpc_code::not_found, "no such service");
+}
+
+void tell_over(const std::shared_ptr<rpc_call> &call)
+{
+    call->over_told = rpc_post(*call->client->shared, {rpc_event::kind::call_over, call->client, call, {}});
 }
 
 bool parse_peer(std::string_view peer, std::uint64_t *key)
@@ -318,9 +361,19 @@ void rpc_call_done(const std::shared_ptr<rpc_call> &call)
     call->cancelled = true;
     drop_waiting(*call);
     if (call->requested && !client.gone)
-        rpc_post(*client.shared, {rpc_event::kind::call_over, call->client, call, {}});
+        tell_over(call);
     else
         std::erase(client.calls, call);
+    look_for_room(client);
+}
+
+void rpc_client_look_again(rpc_client &client)
+{
+    const std::lock_guard guard(client.lock);
+    for (const auto &call : client.calls) {
+        if (call->reactor == nullptr && !call->over_told)
+            tell_over(call);
+    }
     look_for_room(client);
 }
 
@@ -374,14 +427,13 @@ std::int32_t rpc_call_send(rpc_call &call, rpc_message message, bool last)
         look_for_room(*call.client);
         return REMOTE_ATTESTATION_API_NO_CLIENT;
     }
-    queue_locked(call, std::move(message), last);
-    return 0;
+    return queue_locked(call, std::move(message), last) ? 0 : REMOTE_ATTESTATION_API_NOT_SENT;
 }
 
-void rpc_call_end(rpc_call &call, rpc_code code, std::string text)
+void rpc_call_end(rpc_call &call, rpc_code code, std::string_view text)
 {
     const std::lock_guard guard(call.client->lock);
-    end_locked(call, code, std::move(text));
+    end_locked(call, code, text);
 }
 
 bool rpc_call_is_outstanding(rpc_call &call)

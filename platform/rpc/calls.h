@@ -31,13 +31,14 @@ std::shared_ptr<rpc_call> rpc_call_find(rpc_client &client, std::uint32_t reques
 
 // Reserves room in the client's queue for a message of `size` bytes: 0 and its cost, or why it is not taken.
 std::int32_t rpc_call_reserve(rpc_call &call, std::uint64_t size, bool last, std::uint64_t *cost);
-// Queues a message for which room was reserved. 0, or REMOTE_ATTESTATION_API_NO_CLIENT with the room given
-// back.
+// Queues a message for which room was reserved. 0; or, with the room given back,
+// REMOTE_ATTESTATION_API_NO_CLIENT or, without memory, REMOTE_ATTESTATION_API_NOT_SENT with the call ended.
 std::int32_t rpc_call_send(rpc_call &call, rpc_message message, bool last);
 void rpc_call_give_room_back(rpc_call &call, std::uint64_t cost);
 
 // Ends the call with a status, after the message that is being written now; what waits behind it is dropped.
-void rpc_call_end(rpc_call &call, rpc_code code, std::string text);
+// Needs no memory, but for a text of some length.
+void rpc_call_end(rpc_call &call, rpc_code code, std::string_view text);
 
 // Whether the agent still owes the call something: it has the request and has not sent its last message.
 bool rpc_call_is_outstanding(rpc_call &call);
@@ -51,6 +52,8 @@ std::uint64_t rpc_client_unread_answers(const rpc_client &client);
 // after the other, or all at once, and never more than one large one is kept.
 bool rpc_client_take_delivery(rpc_client &client, const rpc_event &request);
 
+// Tells the loop what there was no memory for when it was due.
+void rpc_client_look_again(rpc_client &client);
 // Whether a call waits for the client for longer than the limit. `moved`: bytes went out since the last time.
 bool rpc_client_is_stalled(rpc_client &client, std::uint64_t now_ms, bool moved);
 // Before the flow-resume callback: marks the paused streams as resuming; whether there is any.

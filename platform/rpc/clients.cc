@@ -1,6 +1,7 @@
 // The calls of one client together, as the loop sees them, and the inbox.
 #include <algorithm>
 #include <chrono>
+#include <new>
 #include <utility>
 
 #include "platform/rpc/calls.h"
@@ -16,6 +17,17 @@ bool waits_for_client(const rpc_call &call)
     return owes_request || call.writing || call.finishing;
 }
 
+// False without memory.
+bool hold(rpc_client &client, const rpc_event &request)
+{
+    try {
+        client.held.push_back(request);
+        return true;
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+}
+
 bool is_large(const rpc_call &call)
 {
     return !call.queue.empty() && call.queue.front().size >= call.client->shared->limits.large_message_bytes;
@@ -29,16 +41,20 @@ std::uint64_t rpc_now_ms()
     return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
 }
 
-void rpc_post(rpc_shared &shared, rpc_event event)
+bool rpc_post(rpc_shared &shared, rpc_event &&event) noexcept
 {
     const std::lock_guard guard(shared.lock);
     if (shared.closed)
-        return;
-    shared.inbox.push_back(std::move(event));
-    if (std::exchange(shared.posted, true))
-        return;
+        return true;
+    try {
+        shared.inbox.push_back(std::move(event));
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
     // The number, not a pointer: the loop may come to it when the server is gone.
-    levm_post(shared.manager, rpc_server_read_inbox, reinterpret_cast<void *>(shared.server_number));
+    if (!std::exchange(shared.posted, true))
+        levm_post(shared.manager, rpc_server_read_inbox, reinterpret_cast<void *>(shared.server_number));
+    return true;
 }
 
 std::uint64_t rpc_client_unread_answers(const rpc_client &client)
@@ -56,10 +72,10 @@ bool rpc_client_take_delivery(rpc_client &client, const rpc_event &request)
     rpc_call &call = *request.call;
     const std::lock_guard guard(client.lock);
     const bool wanted = !call.cancelled && !call.ended;
-    if (wanted && rpc_client_unread_answers(client) > client.shared->limits.queue_low_bytes) {
-        client.held.push_back(request);
+    // One that cannot be held is delivered early: its answer may then find no room.
+    if (wanted && rpc_client_unread_answers(client) > client.shared->limits.queue_low_bytes &&
+        hold(client, request))
         return false;
-    }
     --client.undelivered;
     client.undelivered_bytes -= request.request.size();
     call.delivered = wanted;
@@ -91,16 +107,22 @@ bool rpc_client_begin_resume(rpc_client &client)
 
 void rpc_client_end_resume(rpc_client &client)
 {
-    std::vector<std::shared_ptr<rpc_call>> abandoned;
-    {
-        const std::lock_guard guard(client.lock);
-        for (const auto &call : client.calls) {
-            if (std::exchange(call->resuming, false))
-                abandoned.push_back(call);
+    std::shared_ptr<rpc_call> abandoned;
+    do {
+        abandoned.reset();
+        {
+            const std::lock_guard guard(client.lock);
+            const auto found = std::find_if(client.calls.begin(), client.calls.end(),
+                                            [](const auto &call) { return call->resuming; });
+            if (found != client.calls.end()) {
+                abandoned = *found;
+                abandoned->resuming = false;
+            }
         }
-    }
-    for (const auto &call : abandoned)
-        rpc_call_end(*call, rpc_code::aborted, "the stream was given up, for another one waited; ask again");
+        if (abandoned != nullptr)
+            rpc_call_end(*abandoned, rpc_code::aborted,
+                         "the stream was given up, for another one waited; ask again");
+    } while (abandoned != nullptr);
 }
 
 bool rpc_client_has_paused(rpc_client &client)

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <linux/tcp.h>
 #include <netinet/in.h>
+#include <new>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <syslog.h>
@@ -71,7 +72,11 @@ void tell_if_refused(const rpc_connection &connection)
 void on_hang_up(void *context, std::uint32_t)
 {
     auto &connection = *static_cast<rpc_connection *>(context);
-    tell_if_refused(connection);
+    try {
+        tell_if_refused(connection);
+    } catch (const std::bad_alloc &) {
+        // Nobody is told.
+    }
     rpc_connection_close(connection, ECONNRESET, false);
 }
 
@@ -88,6 +93,7 @@ bool has_moved(rpc_connection &connection)
 void close_if_stalled(rpc_connection &connection)
 {
     remote_attestation_api_server &server = *connection.server;
+    rpc_client_look_again(*connection.client);
     if (!rpc_client_is_stalled(*connection.client, rpc_now_ms(), has_moved(connection)))
         return;
     std::uint32_t held_back = 0;
@@ -97,9 +103,8 @@ void close_if_stalled(rpc_connection &connection)
     rpc_connection_close(connection, ETIMEDOUT, true);
 }
 
-void on_sweep(void *context)
+void sweep_connections(const remote_attestation_api_server &server)
 {
-    auto &server = *static_cast<remote_attestation_api_server *>(context);
     std::vector<remote_attestation_api_client> clients; // callbacks may change the table
     for (const auto &[client, connection] : server.connections)
         clients.push_back(client);
@@ -107,8 +112,18 @@ void on_sweep(void *context)
         if (rpc_connection *connection = rpc_connection_find(client))
             close_if_stalled(*connection);
     }
-    rpc_reload_changed(server);
-    rpc_reload_end_retired(server);
+}
+
+void on_sweep(void *context)
+{
+    auto &server = *static_cast<remote_attestation_api_server *>(context);
+    try {
+        sweep_connections(server);
+        rpc_reload_changed(server);
+        rpc_reload_end_retired(server);
+    } catch (const std::bad_alloc &) {
+        // The next sweep does it.
+    }
     if (!server.connections.empty() || !server.former.empty())
         levm_watch_timer_rearm(server.sweep.get(), server.limits.sweep_ms);
     else
@@ -135,6 +150,27 @@ void refuse(remote_attestation_api_server &server, int error)
         server.callbacks.connect(0, nullptr, platform_status_from_errno(error));
 }
 
+// Puts the connection into the tables. False without memory, and it is in none.
+bool enter(remote_attestation_api_server &server, std::uint64_t key, std::unique_ptr<rpc_connection> &owned)
+{
+    rpc_connection &connection = *owned;
+    try {
+        connection.client = std::make_shared<rpc_client>();
+        connection.client->id = connection.id;
+        connection.client->shared = server.shared;
+        all_connections[connection.id] = &connection;
+        server.connections.try_emplace(connection.id);
+        const std::lock_guard guard(server.shared->lock);
+        server.shared->peers[key] = connection.client;
+    } catch (const std::bad_alloc &) {
+        all_connections.erase(connection.id);
+        server.connections.erase(connection.id);
+        return false;
+    }
+    server.connections[connection.id] = std::move(owned);
+    return true;
+}
+
 } // namespace
 
 rpc_connection *rpc_connection_find(remote_attestation_api_client client)
@@ -148,7 +184,9 @@ void rpc_connection_open(remote_attestation_api_server &server, unique_fd socket
 {
     const std::uint64_t key = rpc_peer_key(remote.address, remote.port);
     close_former(server, key);
-    auto owned = std::make_unique<rpc_connection>();
+    std::unique_ptr<rpc_connection> owned(new (std::nothrow) rpc_connection);
+    if (owned == nullptr)
+        return refuse(server, ENOMEM);
     rpc_connection &connection = *owned;
     connection.id = next_client();
     connection.server = &server;
@@ -162,16 +200,9 @@ void rpc_connection_open(remote_attestation_api_server &server, unique_fd socket
     if (connection.watch == nullptr)
         return refuse(server, ENOMEM);
     keep_alive(socket.get());
-    connection.client = std::make_shared<rpc_client>();
-    connection.client->id = connection.id;
-    connection.client->shared = server.shared;
-    {
-        const std::lock_guard guard(server.shared->lock);
-        server.shared->peers[key] = connection.client;
-    }
-    all_connections[connection.id] = &connection;
     const remote_attestation_api_client id = connection.id;
-    server.connections[id] = std::move(owned);
+    if (!enter(server, key, owned))
+        return refuse(server, ENOMEM);
     if (server.sweep == nullptr)
         server.sweep.reset(levm_watch_timer(server.manager, server.limits.sweep_ms, on_sweep, &server));
     if (server.callbacks.connect != nullptr)

@@ -8,6 +8,7 @@
 #include <grpcpp/generic/async_generic_service.h>
 #include <grpcpp/grpcpp.h>
 #include <mutex>
+#include <new>
 #include <pthread.h>
 #include <syslog.h>
 #include <thread>
@@ -88,10 +89,21 @@ rpc_caller caller_of(const grpc::GenericCallbackServerContext &context)
     return caller;
 }
 
+// Without memory the text is left out.
 grpc::Status status_of(rpc_code code, const std::string &text)
 {
-    return {static_cast<grpc::StatusCode>(code), text};
+    try {
+        return {static_cast<grpc::StatusCode>(code), text};
+    } catch (const std::bad_alloc &) {
+        return {static_cast<grpc::StatusCode>(code), {}};
+    }
 }
+
+// Ends a call that there is no memory for.
+struct refusal final : grpc::ServerGenericBidiReactor {
+    void refuse() { Finish({grpc::StatusCode::RESOURCE_EXHAUSTED, {}}); }
+    void OnDone() override { delete this; }
+};
 
 } // namespace
 
@@ -117,8 +129,12 @@ struct rpc_reactor final : grpc::ServerGenericBidiReactor {
     void OnReadDone(bool ok) override
     {
         reaction_begins(this);
-        const std::vector<std::byte> bytes = ok ? bytes_of(incoming) : std::vector<std::byte>();
-        rpc_call_read(call, ok, bytes);
+        try {
+            const std::vector<std::byte> bytes = ok ? bytes_of(incoming) : std::vector<std::byte>();
+            rpc_call_read(call, ok, bytes);
+        } catch (const std::bad_alloc &) {
+            rpc_call_end(*call, rpc_code::resource_exhausted, {});
+        }
         reaction_ends(this);
     }
 
@@ -173,9 +189,28 @@ void rpc_reactor_finish(rpc_reactor *reactor, rpc_code code, const std::string &
 struct rpc_grpc_server {
     struct service final : grpc::CallbackGenericService {
         std::shared_ptr<rpc_shared> shared;
+        std::atomic<refusal *> spare = new refusal; // for when there is no memory for one
+
+        ~service() override { delete spare.load(); }
         grpc::ServerGenericBidiReactor *CreateReactor(grpc::GenericCallbackServerContext *context) override
         {
-            return new rpc_reactor(*shared, *context);
+            try {
+                if (spare.load() == nullptr)
+                    delete spare.exchange(new refusal);
+                return new rpc_reactor(*shared, *context);
+            } catch (const std::bad_alloc &) {
+                return refuse();
+            }
+        }
+        // Null, which gRPC takes for an operation that there is not, only when the spare one is taken.
+        grpc::ServerGenericBidiReactor *refuse()
+        {
+            refusal *refusing = spare.exchange(nullptr);
+            if (refusing == nullptr)
+                refusing = new (std::nothrow) refusal;
+            if (refusing != nullptr)
+                refusing->refuse();
+            return refusing;
         }
     };
     service calls;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <new>
 
 #include "platform/metrics.h"
 #include "platform/rpc/server.h"
@@ -64,22 +65,35 @@ const char *name_of(rpc_code code)
     return "unknown";
 }
 
+// What there is no memory to count is not counted.
+template <class Count>
+void count_if_possible(Count count) noexcept
+{
+    try {
+        count();
+    } catch (const std::bad_alloc &) {
+        return;
+    }
+}
+
 } // namespace
 
 void rpc_count_call(const rpc_method *method, rpc_code outcome)
 {
-    metric_add(requests, {method != nullptr ? rpc_method_name(*method) : "unknown", name_of(outcome)});
+    count_if_possible([=] {
+        metric_add(requests, {method != nullptr ? rpc_method_name(*method) : "unknown", name_of(outcome)});
+    });
 }
 
 void rpc_time_answer(const rpc_method &method, std::chrono::steady_clock::time_point asked)
 {
     const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - asked;
-    metric_observe(answer_times, {rpc_method_name(method)}, taken.count());
+    count_if_possible([&] { metric_observe(answer_times, {rpc_method_name(method)}, taken.count()); });
 }
 
 void rpc_count_refusal(std::string_view what)
 {
-    metric_add(refusals, {what});
+    count_if_possible([=] { metric_add(refusals, {what}); });
 }
 
 void rpc_count_reload(std::string_view what, bool taken)

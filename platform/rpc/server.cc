@@ -88,6 +88,18 @@ void handle(remote_attestation_api_server &server, const rpc_event &event)
     }
 }
 
+// An event that there is no memory for ends its client's connection: gRPC's side of a call may be half done,
+// and its client would wait for the rest.
+void handle_or_close(remote_attestation_api_server &server, const rpc_event &event)
+{
+    try {
+        handle(server, event);
+    } catch (const std::bad_alloc &) {
+        if (rpc_connection *connection = rpc_connection_find(event.client->id))
+            rpc_connection_close(*connection, ENOMEM, true);
+    }
+}
+
 std::uint32_t start(remote_attestation_api_server &server,
                     const remote_attestation_api_activation *parameters)
 {
@@ -151,7 +163,7 @@ void rpc_server_read_inbox(void *context)
     }
     for (const rpc_event &event : events) {
         if (server->shared == shared) // a callback may have deactivated the server
-            handle(*server, event);
+            handle_or_close(*server, event);
     }
 }
 

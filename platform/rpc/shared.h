@@ -97,6 +97,7 @@ struct rpc_call {
     bool paused = false;     // a message of this stream was refused
     bool was_paused = false; // and then the client cancelled it
     bool resuming = false;   // told to go on, and nothing sent since
+    bool over_told = false;  // the loop has been told that gRPC is done with the call
     rpc_code code = rpc_code::ok;
     std::string text;
     rpc_code outcome = rpc_code::cancelled; // what gRPC was told last
@@ -129,8 +130,9 @@ constexpr remote_attestation_api_endpoint rpc_peer_endpoint(std::uint64_t key)
     return {static_cast<std::uint32_t>(key >> 16), static_cast<std::uint32_t>(key & 0xFFFF)};
 }
 
-// Puts the event into the inbox and has the loop look at it. From any thread.
-void rpc_post(rpc_shared &shared, rpc_event event);
+// Puts the event into the inbox and has the loop look at it. From any thread. False, and the event is
+// untouched, when there is no memory.
+bool rpc_post(rpc_shared &shared, rpc_event &&event) noexcept;
 
 // Milliseconds of a clock that only goes forward.
 std::uint64_t rpc_now_ms();
