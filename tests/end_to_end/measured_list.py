@@ -65,11 +65,11 @@ class Client:
         call = self.channel.unary_stream(f"{SERVICE}/StreamPlatformImaEventLogs",
                                          api.get_platform_ima_event_logs_request.SerializeToString,
                                          api.NodeIMAData.FromString)
-        return call(api.get_platform_ima_event_logs_request(start_event=start, event_count=count), timeout=120)
+        return call(api.get_platform_ima_event_logs_request(start_event=start, event_count=count), timeout=1200)
 
     def at_once(self, start=0, count=0):
         call = self.channel.unary_unary(f"{SERVICE}/GetPlatformImaEventLogs",
                                         api.get_platform_ima_event_logs_request.SerializeToString,
                                         api.get_platform_ima_event_logs_response.FromString)
         request = api.get_platform_ima_event_logs_request(start_event=start, event_count=count)
-        return call(request, timeout=120).node_data
+        return call(request, timeout=1200).node_data
