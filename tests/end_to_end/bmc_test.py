@@ -105,8 +105,7 @@ class Bmc(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         library = pathlib.Path(node.agent_program()).parents[1] / "tests/support/libattest_leak_check.so"
-        if library.exists():
-            node.restart(f"LD_PRELOAD={library}", "ASAN_OPTIONS=verify_asan_link_order=0")
+        node.restart(*([f"LD_PRELOAD={library}", "ASAN_OPTIONS=verify_asan_link_order=0"] if library.exists() else []))
 
     def tearDown(self):
         set_fault("none")
@@ -180,7 +179,7 @@ class Misbehaviour(Bmc):
         self.assertEqual(sources("pcrs", "--pcr", "0"), BOTH)
 
     def test_a_bmc_that_is_not_there(self):
-        self.addCleanup(node.restart)
+        self.addCleanup(self.setUpClass)
         for address, expected in (("none", [r"login_cert\(\): No address of a BMC: "]),
                                   ("169.254.0.18", [libcurl(CONNECT), CURL_SAYS])):
             with self.subTest(address):
