@@ -2,6 +2,7 @@
 #include "attestctl/attest_memory.h"
 #include "attestctl/attest_report.h"
 #include "attestctl/evidence_files.h"
+#include "attestctl/html/page_file.h"
 #include "attestctl/output.h"
 #include "attestctl/text.h"
 #include "attestctl/verdict.h"
@@ -10,7 +11,7 @@ namespace {
 
 // Asks the node, and saves what it says where the user wants that. False, after a complaint, when there is
 // nothing to judge; `complete` when all questions were answered and all was saved.
-bool ask_for_evidence(const settings &chosen, client &c, evidence &got, bool &complete)
+bool ask_for_evidence(const settings &chosen, client &c, page_file &page, evidence &got, bool &complete)
 {
     std::string error;
     evidence_directory_owner directory;
@@ -23,12 +24,14 @@ bool ask_for_evidence(const settings &chosen, client &c, evidence &got, bool &co
     }
     const message_taker take = [&](const api::NodeIMAData &message) {
         take_ima_message(got.ima_lists, message, got.pcrs, got.start);
+        take_for_page(page, message);
         if (directory)
             save_ima_message(*directory, message);
         return true;
     };
     const ask_result result = fetch_evidence(c, take, got);
     complete = result.status == ask_status::answered;
+    page.trouble = result.text;
     if (!complete)
         complain(result.text);
     if (result.status == ask_status::unreachable || got.arrivals.empty())
@@ -40,11 +43,12 @@ bool ask_for_evidence(const settings &chosen, client &c, evidence &got, bool &co
     return true;
 }
 
-bool read_evidence(const settings &chosen, evidence &got)
+bool read_evidence(const settings &chosen, page_file &page, evidence &got)
 {
     std::string error;
-    const auto take = [&got](const api::NodeIMAData &message) {
+    const auto take = [&](const api::NodeIMAData &message) {
         take_ima_message(got.ima_lists, message, got.pcrs, got.start);
+        take_for_page(page, message);
     };
     if (load_evidence(chosen.from_directory, take, got, error))
         return true;
@@ -85,11 +89,16 @@ int run_attest(const settings &chosen, client &c)
     if (!chosen.targets_file.empty())
         return attest_many(chosen, roots, memory);
     roots = roots_for(memory, chosen.target, roots);
+    page_file page;
+    if (!begin_page(chosen, page, error)) {
+        complain(error);
+        return EXIT_USAGE;
+    }
     evidence got;
     got.remembered = recall_lists(memory, chosen.target);
     bool complete = true;
-    if (!(chosen.from_directory.empty() ? ask_for_evidence(chosen, c, got, complete)
-                                        : read_evidence(chosen, got)))
+    if (!(chosen.from_directory.empty() ? ask_for_evidence(chosen, c, page, got, complete)
+                                        : read_evidence(chosen, page, got)))
         return EXIT_USAGE;
     std::vector<check> checks = judge(got, EVERY_SUBJECT, roots.node, roots.for_bmc());
     check_memory(checks, memory, chosen.target, got);
@@ -99,6 +108,10 @@ int run_attest(const settings &chosen, client &c)
     else
         append_report(out, got, checks, roots.node.vouched_for());
     write_data(out);
+    if (!write_page(chosen, page, got, checks, roots.node, error)) {
+        complain(error);
+        complete = false;
+    }
     if (!leave_memory(chosen, got, checks, memory) || !flush_data() || !complete)
         return EXIT_USAGE;
     return all_passed(checks) ? EXIT_DONE : EXIT_NO_EVIDENCE;

@@ -8,8 +8,27 @@
 
 namespace {
 
-// The name of a digest's algorithm. Number 0 also stands for those without a number: the length tells.
-std::string algorithm_text(const api::BOOT_EVENT_DIGEST &digest)
+void append_event(std::string &out, const api::BOOT_EVENT &event)
+{
+    out += format("%5u  PCR %2u  ", event.event_num(), event.pcr_index()) +
+           event_type_text(event.event_type()) + '\n';
+    for (const api::BOOT_EVENT_DIGEST &digest : event.digests())
+        out += format("       %-7s ", digest_algorithm_text(digest).c_str()) +
+               (digest.has_digest() ? hex_preview(digest.digest(), 64) : "(no digest)") + '\n';
+    if (!event.has_event_data()) {
+        out += "       (no data)\n";
+        return;
+    }
+    for (const std::string &line : event_data_lines(event.event_type(), event.event_data()))
+        out += "       " + line + '\n';
+    if (event.event_size() != event.event_data().size())
+        out += "       (the record says " + counted(event.event_size(), "byte") + ", " +
+               grouped(event.event_data().size()) + " came)\n";
+}
+
+} // namespace
+
+std::string digest_algorithm_text(const api::BOOT_EVENT_DIGEST &digest)
 {
     struct row {
         std::uint32_t number;
@@ -24,26 +43,6 @@ std::string algorithm_text(const api::BOOT_EVENT_DIGEST &digest)
             return known.name;
     return "unknown";
 }
-
-void append_event(std::string &out, const api::BOOT_EVENT &event)
-{
-    out += format("%5u  PCR %2u  ", event.event_num(), event.pcr_index()) +
-           event_type_text(event.event_type()) + '\n';
-    for (const api::BOOT_EVENT_DIGEST &digest : event.digests())
-        out += format("       %-7s ", algorithm_text(digest).c_str()) +
-               (digest.has_digest() ? hex_preview(digest.digest(), 64) : "(no digest)") + '\n';
-    if (!event.has_event_data()) {
-        out += "       (no data)\n";
-        return;
-    }
-    for (const std::string &line : event_data_lines(event.event_type(), event.event_data()))
-        out += "       " + line + '\n';
-    if (event.event_size() != event.event_data().size())
-        out += "       (the record says " + counted(event.event_size(), "byte") + ", " +
-               grouped(event.event_data().size()) + " came)\n";
-}
-
-} // namespace
 
 void append_table(std::string &out, const api::get_platform_boot_integrity_event_logs_response &answer)
 {

@@ -75,17 +75,33 @@ std::string subject_text(const X509 &certificate)
     return '"' + name_text(X509_get_subject_name(&certificate), MOST_BYTES) + '"';
 }
 
+certificate_facts facts_of(const X509 &certificate, std::string_view der)
+{
+    certificate_facts facts = {name_text(X509_get_subject_name(&certificate)),
+                               name_text(X509_get_issuer_name(&certificate)),
+                               time_text(X509_get0_notBefore(&certificate)),
+                               time_text(X509_get0_notAfter(&certificate)),
+                               "(unreadable)",
+                               fingerprint(der)};
+    const EVP_PKEY *const key = X509_get0_pubkey(&certificate);
+    const char *const type = key != nullptr ? EVP_PKEY_get0_type_name(key) : nullptr;
+    if (type != nullptr)
+        facts.key = printable(type, 32) + format(", %d bits", EVP_PKEY_get_bits(key));
+    ERR_clear_error();
+    return facts;
+}
+
 std::vector<std::string> certificate_lines(std::string_view der)
 {
     std::string error;
     const x509_owner certificate = read_certificate(der, error);
     if (!certificate)
         return {error + ": " + hex_preview(der)};
+    const certificate_facts facts = facts_of(*certificate, der);
     return {
-        "subject  " + name_text(X509_get_subject_name(certificate.get())),
-        "issuer   " + name_text(X509_get_issuer_name(certificate.get())),
-        "valid    " + time_text(X509_get0_notBefore(certificate.get())) + " to " +
-            time_text(X509_get0_notAfter(certificate.get())),
-        "sha256   " + fingerprint(der),
+        "subject  " + facts.subject,
+        "issuer   " + facts.issuer,
+        "valid    " + facts.valid_from + " to " + facts.valid_to,
+        "sha256   " + facts.sha256,
     };
 }

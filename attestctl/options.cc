@@ -134,6 +134,8 @@ constexpr auto OPTIONS = std::to_array<option_row>({
      "must be a number from 1 to 256"},
     {"--node-timeout", "SECONDS", of(command_id::attest), take_seconds<&settings::node_timeout>,
      "longest time for all of one node, with --targets (default 600)", NEEDS_SECONDS},
+    {"--html", "FILE", of(command_id::attest), take_text<&settings::html_file>,
+     "write all of it as one page to look at, too", NEEDS_TEXT},
     {"--name", "NAME", of(command_id::certificate), take_text<&settings::cert_name>,
      "\"Kestrin VOXA\" or \"Kestrin AIK\" (default: the node's choice, the latter)", NEEDS_TEXT},
     {"--nonce", "HEX", of(command_id::certificate) | of(command_id::pcrs) | of(command_id::hw_integrity),

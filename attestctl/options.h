@@ -40,6 +40,8 @@ struct settings {
     std::string root_file;     // of certificates that evidence is verified against; empty: any root will do
     std::string bmc_root_file; // the same for a management controller's; empty: as for the node's own
 
+    std::string html_file; // where a page of the attestation goes; empty: none is written
+
     std::string state_file; // how far IMA lists have been verified; empty: nothing is remembered
     std::string pin_file;   // what nodes were like when they were verified first; empty: nothing is demanded
 

@@ -81,13 +81,15 @@ void append_identifiers(std::string &out, const api::tpm_hw_integrity &record)
 
 std::string source_text(const std::string *node_name, std::optional<std::uint64_t> uptime_s)
 {
-    std::string out = "node " + (node_name ? printable(*node_name) : "(without a name)");
-    if (!uptime_s)
-        return out;
-    const std::uint64_t s = *uptime_s;
+    return "node " + (node_name ? printable(*node_name) : "(without a name)") +
+           (uptime_s ? ", up " + uptime_text(*uptime_s) : "");
+}
+
+std::string uptime_text(std::uint64_t seconds)
+{
     const auto part = [](std::uint64_t value) { return static_cast<unsigned>(value); };
-    return out + ", up " + (s >= 86400 ? grouped(s / 86400) + " d " : "") +
-           format("%02u:%02u:%02u", part(s / 3600 % 24), part(s / 60 % 60), part(s % 60));
+    return (seconds >= 86400 ? grouped(seconds / 86400) + " d " : "") +
+           format("%02u:%02u:%02u", part(seconds / 3600 % 24), part(seconds / 60 % 60), part(seconds % 60));
 }
 
 void append_table(std::string &out, const api::get_certificate_response &answer)

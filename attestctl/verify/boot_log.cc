@@ -13,10 +13,6 @@ namespace {
 // Data of the event that says from which locality the firmware started the TPM: this, and one byte.
 constexpr std::string_view STARTUP_LOCALITY("StartupLocality\0", 16);
 
-// Firmware (0 to 7), boot loader (8, 9) and shim (14) extend these and nobody else does: the log accounts for
-// all that is in them, also where it has no event of one. A running system extends the others too.
-constexpr pcr_set PCRS_OF_THE_LOG = 0x43ff;
-
 bool is_startup_locality(const api::BOOT_EVENT &event)
 {
     return event.event_type() == event_type::NO_ACTION && event.pcr_index() == 0 &&
