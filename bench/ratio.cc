@@ -1,7 +1,6 @@
 #include "bench/ratio.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
@@ -59,9 +58,6 @@ bool ratio_job(const char *job, double goal, void (*ours)(benchmark::State &),
 
 int ratio_main(int argc, char **argv)
 {
-    std::FILE *rows = nullptr;
-    if (const char *path = std::getenv("ATTEST_BENCH_ROWS"); path != nullptr)
-        rows = std::fopen(path, "a");
     std::string interleave = "--benchmark_enable_random_interleaving=true";
     std::vector<char *> arguments(argv, argv + argc);
     arguments.push_back(interleave.data());
@@ -81,11 +77,6 @@ int ratio_main(int argc, char **argv)
         double ratio = ours->second / yardstick->second;
         std::printf("%-44s %14.2f %14.2f %8.2f %8.2f  %s\n", job.name.c_str(), ours->second,
                     yardstick->second, ratio, job.goal, ratio <= job.goal ? "holds" : "DOES NOT HOLD");
-        if (rows != nullptr)
-            std::fprintf(rows, "%s\t%.4f\t%.4f\t%.4f\n", job.name.c_str(), ours->second, yardstick->second,
-                         job.goal);
     }
-    if (rows != nullptr)
-        std::fclose(rows);
     return collector.failed ? 1 : 0;
 }

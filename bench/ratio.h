@@ -23,8 +23,7 @@ bool ratio_job(const char *job, double goal, void (*ours)(benchmark::State &),
                void (*yardstick)(benchmark::State &), ratio_rounds rounds = {});
 
 // Runs all jobs and prints the table. Exit status 0 also when a goal is missed: a benchmark measures, it does
-// not fail a build. 1 when a job could not be run. With ATTEST_BENCH_ROWS set, a line a job is appended to
-// that file too: job, ours, yardstick (both in microseconds), goal, with tabs between.
+// not fail a build. 1 when a job could not be run.
 int ratio_main(int argc, char **argv);
 
 #define RATIO_CONCAT_(a, b) a##b
