@@ -93,7 +93,7 @@ TEST_F(Targets, FiveHundredNodesComeToAnEndWhateverSomeOfThemDo)
         content += target + '\n';
 
     ASSERT_EQ(attest(good.targets()[0] + '\n', "--json").status, 0);
-    const long of_one = largest_program_kb();
+    [[maybe_unused]] const long of_one = largest_program_kb();
     const outcome done = attest(content, "--json --jobs 8 --pin " + folder + "/pins");
     EXPECT_EQ(done.status, 1);
     std::map<std::string, nlohmann::json> nodes;
@@ -107,7 +107,9 @@ TEST_F(Targets, FiveHundredNodesComeToAnEndWhateverSomeOfThemDo)
     EXPECT_EQ(nodes[hanging.target]["verified"], false);
     EXPECT_THAT(done.text, HasSubstr("483 nodes: 480 verified, 1 not verified, 2 not asked to the end; "
                                      "480 pinned; "));
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they hold on to what was freed
     EXPECT_LT(largest_program_kb(), 2 * of_one + 64L * 1024);
+#endif
 
     const outcome again = attest(content, "--jobs 8 --pin " + folder + "/pins");
     EXPECT_THAT(again.text, HasSubstr(good.targets()[7] + "  VERIFIED\n")); // by the pins
