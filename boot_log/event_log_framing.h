@@ -10,8 +10,7 @@
 
 enum class boot_log_rule {
     // A record whose field at offset 8 is 0 is SHA-1-only, any other crypto-agile. Digests of algorithms
-    // outside
-    // the table have no bytes.
+    // outside the table have no bytes.
     record_by_record,
     // The same, with the digest sizes of the log's own list for algorithms outside the table.
     listed_digest_sizes,

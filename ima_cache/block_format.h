@@ -1,8 +1,10 @@
 // A block file of the IMA cache, byte for byte (integers little-endian):
 //
-//      0            32        36         40            48            56             64           72 80
-//   | block_hash | version | used_len | first_event | event_count | start_offset | end_offset | create_time |
-//   end_time |
+//     0            32        36         40            48            56
+//   | block_hash | version | used_len | first_event | event_count | start_offset |
+//
+//     64           72            80         88
+//   | end_offset | create_time | end_time | chunks |
 //
 //     88       92
 //   | length | payload | length | payload | ... | zeros, until the block is sealed

@@ -6,8 +6,7 @@
 // Every operation is made with SEM_UNDO: what a process holds when it dies, the kernel gives back. What the
 // lock guards must therefore be readable after a holder's death at any instruction.
 //
-// Operations block without a limit; an interrupted one is taken up again. Errors go to stderr under "semop:
-// ".
+// Operations block without a limit; an interrupted one is taken up again. Errors go to stderr, by perror.
 #pragma once
 
 #include <sys/types.h>

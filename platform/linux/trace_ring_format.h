@@ -18,9 +18,8 @@
 // A writer reserves its cells with one atomic addition to `head`, fills them and commits. Nothing is locked,
 // so three things can be in the way of a reader, and each shows:
 // - a record not committed (its writer is at it, or was killed): its first word is not its position. Its
-// length
-//   is unknown; the next record is found by going on cell by cell until one starts with its own position.
-//   Text cannot look like that: a position has zero bytes, text has none.
+//   length is unknown; the next record is found by going on cell by cell until one starts with its own
+//   position. Text cannot look like that: a position has zero bytes, text has none.
 // - a record overwritten since: `head` has gone more than data_size past it.
 // - a record torn by a writer that slept for a whole lap between reserving and writing: the checksum fails.
 #pragma once

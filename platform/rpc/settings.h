@@ -1,11 +1,11 @@
 // Where to listen and as whom: the activation's parameters and the environment.
 //
 //   ATTEST_PORT           the port when the activation has none: 1 to 65535, by default 50551
-//   ATTEST_TLS_DIR        a directory with the PEM files of tls.h, which turn mutual TLS on; not set or
-//   empty: no TLS ATTEST_ALLOW          a file that says which client may ask for what (allow_list.h); not
-//   set or empty: every
-//                         client that is served may ask for everything
+//   ATTEST_TLS_DIR        a directory with the PEM files of tls.h, which turn mutual TLS on
+//   ATTEST_ALLOW          a file that says which client may ask for what (allow_list.h)
 //   ATTEST_RPC_PLAINTEXT  "1": without TLS other addresses than 127.0.0.0/8 are served too
+//
+// A directory or file that is not set, or empty: no TLS; every client that is served may ask for everything.
 #pragma once
 
 #include <cstdint>

@@ -1,11 +1,12 @@
 // The unique identifiers that the board's chips show to the kernel.
 //
-//   smbios/KIND/N/FIELD  firmware tables: serial numbers and UUID of system, board, chassis; processors;
-//   memory dmi/ATTRIBUTE        the same of the system from /sys/class/dmi/id where the raw table cannot be
-//   read cpu/N, cpu/serial    model and serial number of a processor package from /proc/cpuinfo soc/...,
-//   board/...   serial numbers of a system on chip, of the device tree net/ADDRESS          permanent MAC
-//   address and device id of a network controller on the board storage/ADDRESS      world-wide id or serial
-//   number of a disk on the board
+//   smbios/KIND/N/FIELD     serial numbers and the UUID in the firmware's tables: system, board, chassis,
+//                           processors, memory
+//   dmi/ATTRIBUTE           the same of the system from /sys/class/dmi/id, where that table cannot be read
+//   cpu/N, cpu/serial       model and serial number of a processor package from /proc/cpuinfo
+//   soc/..., board/...      serial numbers of a system on chip, of the device tree
+//   net/ADDRESS             permanent MAC address and device id of a network controller on the board
+//   storage/ADDRESS         world-wide id or serial number of a disk on the board
 //
 // A place never depends on the order in which the kernel found things: ADDRESS is that of the controller on
 // its bus (PCI address, else the device's own name); several identifiers in one place are told apart by "#1",

@@ -3,11 +3,11 @@
 // A JSON object in /etc/attestation_agent/trust_anchor.json, or where ATTEST_TRUST_ANCHOR says:
 //
 //   {"version": 1, "node": "NAME", "demonstration_ca": false,
-//    "keys":    {"RSA_AIK_KEY": {"handle": "0x81014101", "name": "000b..."}, ...},
-//    "objects": {"RSA_AIK_CRT": {"file": "certificates-.../RSA_AIK_CRT.der"}, "OTHER": {"nv_index":
-//    "0x01c00002"}}, "identifiers": [{"place": "net/0000:00:03.0", "sha1": "...", "sha256": "...", "sha384":
-//    "...",
-//                     "sha512": "..."}, ...]}
+//    "keys": {"RSA_AIK_KEY": {"handle": "0x81014101", "name": "000b..."}, ...},
+//    "objects": {"RSA_AIK_CRT": {"file": "certificates-.../RSA_AIK_CRT.der"},
+//                "OTHER": {"nv_index": "0x01c00002"}},
+//    "identifiers": [{"place": "net/0000:00:03.0", "sha1": "...", "sha256": "...",
+//                     "sha384": "...", "sha512": "..."}, ...]}
 //
 // Files are relative to the manifest's directory and stay below it. A key's name is its TPM name, by which
 // attest-provision recognises it.

@@ -1,6 +1,5 @@
 // The reference list of the board's identifiers: its digests, its comparison with the board, its binding to
-// PCR
-// 15. platform/trust_anchor_client.h says what a verifier computes.
+// PCR 15. What a verifier computes is in platform/trust_anchor_client.h.
 #pragma once
 
 #include <cstdint>

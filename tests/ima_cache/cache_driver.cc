@@ -1,11 +1,9 @@
 // Works a cache, for tests that kill it and make its system calls fail.
 //
-//   cache_driver work TARGET    starts, appends until TARGET events are cached, and reads all of them. What
-//   fails
-//                               is tried again in the same process, a few times.
+//   cache_driver work TARGET    starts, appends until TARGET events are cached, and reads all of them.
+//                               What fails is tried again in the same process, a few times.
 //   cache_driver check MOST...  starts, reads all; the number of events must be one of those given; then
-//   appends
-//                               more and reads all again.
+//                               appends more and reads all again.
 //
 // CACHE_FSIZE=BYTES[+] limits the size of files, for the first attempt or (+) for all.
 //
