@@ -92,6 +92,16 @@ ask_result stream_ima_log(client &c, const evidence &into, const message_taker &
     return result;
 }
 
+// Why the list is taken from its begin.
+std::string break_of(const ima_list &list, std::uint64_t asked_after)
+{
+    const std::string verified = grouped(list.begun_after) + ", up to which it was verified before";
+    if (list.earliest != 0 && list.begun_after < asked_after) // nothing came at all
+        return "what follows event " + verified + ", was not asked for, only what follows event " +
+               grouped(asked_after);
+    return "it does not go on from event " + verified;
+}
+
 // Takes back the lists that do not lead from where they were asked for to the quote, and gives their names.
 std::vector<std::string> take_back_broken_lists(evidence &into)
 {
@@ -101,8 +111,7 @@ std::vector<std::string> take_back_broken_lists(evidence &into)
             continue;
         broken.push_back(list.source);
         if (into.start.positions.erase(list.source) != 0)
-            into.start.notes[list.source] = "it does not go on from event " + grouped(list.begun_after) +
-                                            ", up to which it was verified before";
+            into.start.notes[list.source] = break_of(list, into.start.asked_after);
     }
     std::erase_if(into.ima_lists, [](const ima_list &list) { return !is_continued(list); });
     into.start.asked_after = 0;

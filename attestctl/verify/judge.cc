@@ -16,6 +16,7 @@ namespace {
 struct judgement {
     const evidence &got;
     const source &from;
+    bool has_namesake; // another source has the same name
     const trusted_roots &roots;
     certificate_set identity, attestation_key;
     check_list list;
@@ -75,6 +76,9 @@ void judge_hardware(judgement &j)
 
 void judge_ima_list(judgement &j)
 {
+    if (j.has_namesake)
+        return add(j.list, "IMA list",
+                   failed("another source has the same name: whose events came cannot be told"));
     const ima_list *const list = ima_list_of(j.got, j.from);
     if (list == nullptr)
         return add_missing(j, "IMA list numbers");
@@ -132,7 +136,11 @@ std::vector<check> judge(const evidence &got, std::span<const subject> subjects,
     for (std::size_t i = 0; i < sources.size(); ++i) {
         const source &one = sources[i];
         const bool of_bmc = i > 0 && bmc_roots != nullptr;
-        judgement j{got, one, of_bmc ? *bmc_roots : roots, {}, {}, {source_name(sources, i), {}}};
+        const bool has_namesake = std::count_if(sources.begin(), sources.end(), [&one](const source &other) {
+                                      return other.name == one.name;
+                                  }) > 1;
+        judgement j{
+            got, one, has_namesake, of_bmc ? *bmc_roots : roots, {}, {}, {source_name(sources, i), {}}};
         if (one.identity != nullptr)
             j.identity = read_certificates(*one.identity, got.identity_request.cert_name());
         if (one.attestation_key != nullptr)

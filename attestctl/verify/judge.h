@@ -18,7 +18,7 @@ inline constexpr std::array EVERY_SUBJECT = {subject::identity, subject::attesta
 
 // One list of rows for the sources that any of these kinds of evidence came from, the node itself first. A
 // source without a record of one kind fails there. Sources are told apart by the names of their nodes, and
-// those of the same name by their order.
+// those of the same name by their order: but not in the messages of an IMA list, where they fail for that.
 //
 // With `bmc_roots` they are what is trusted for all sources but the first, and one that is alone fails for
 // that.

@@ -3,6 +3,7 @@
 #include <functional>
 
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 #include <openssl/pem.h>
 #include <sys/stat.h>
 
@@ -14,39 +15,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
-
-class KeptFiles : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        std::string name = testing::TempDir() + "keptXXXXXX";
-        folder = mkdtemp(name.data());
-        roots = folder + "/roots.pem";
-        std::string text;
-        for (const std::string &der : node.model.evidence.roots.certificates) {
-            const auto *bytes = reinterpret_cast<const unsigned char *>(der.data());
-            const x509_owner root(d2i_X509(nullptr, &bytes, static_cast<long>(der.size())));
-            const bio_owner out(BIO_new(BIO_s_mem()));
-            PEM_write_bio_X509(out.get(), root.get());
-            char *data = nullptr;
-            const long size = BIO_get_mem_data(out.get(), &data);
-            text.append(data, static_cast<std::size_t>(size));
-        }
-        write_content(roots, text);
-        state = folder + "/state.json";
-        pins = folder + "/pins.json";
-    }
-    void TearDown() override { std::filesystem::remove_all(folder); }
-
-    outcome attest(const std::string &words)
-    {
-        return attestctl("--target " + node.targets()[0] + " attest --root " + roots + ' ' + words);
-    }
-    outcome attest_with_state() { return attest("--state " + state); }
-
-    simulated_node node;
-    std::string folder, roots, state, pins;
-};
 
 // Good as well, with other roots, another PCR 5 and another chip 3.
 forged other_good_evidence(const std::string &node_name)
@@ -71,6 +39,57 @@ forged other_good_evidence(const std::string &node_name)
         digest(EVP_sha256(), std::string(32, '\0') + digest(EVP_sha256(), recorded)));
     return f;
 }
+
+class KeptFiles : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::string name = testing::TempDir() + "keptXXXXXX";
+        folder = mkdtemp(name.data());
+        roots = folder + "/roots.pem";
+        trust(node.model.evidence);
+        state = folder + "/state.json";
+        pins = folder + "/pins.json";
+    }
+    void TearDown() override { std::filesystem::remove_all(folder); }
+
+    // Puts the roots of the evidence behind those in the file.
+    void trust(const forged &evidence)
+    {
+        std::string text = content_of(roots);
+        for (const std::string &der : evidence.roots.certificates) {
+            const auto *bytes = reinterpret_cast<const unsigned char *>(der.data());
+            const x509_owner root(d2i_X509(nullptr, &bytes, static_cast<long>(der.size())));
+            const bio_owner out(BIO_new(BIO_s_mem()));
+            PEM_write_bio_X509(out.get(), root.get());
+            char *data = nullptr;
+            const long size = BIO_get_mem_data(out.get(), &data);
+            text.append(data, static_cast<std::size_t>(size));
+        }
+        write_content(roots, text);
+    }
+
+    // A management controller of this name with 30 events, other than the node in all that is kept of it.
+    source_model &add_bmc(const std::string &name)
+    {
+        source_model &bmc = node.model.bmc.emplace_back();
+        bmc.name = name;
+        bmc.evidence = other_good_evidence(name);
+        bmc.resets = 8;
+        grow(bmc, 30);
+        trust(bmc.evidence);
+        return bmc;
+    }
+
+    outcome attest(const std::string &words)
+    {
+        return attestctl("--target " + node.targets()[0] + " attest --root " + roots + ' ' + words);
+    }
+    outcome attest_with_state() { return attest("--state " + state); }
+
+    simulated_node node;
+    std::string folder, roots, state, pins;
+};
 
 TEST_F(KeptFiles, OnlyWhatIsNewIsAskedForAndStillLeadsToTheQuote)
 {
@@ -145,6 +164,56 @@ TEST_F(KeptFiles, AListThatDoesNotContinueIsTakenFromItsBegin)
     }
 }
 
+TEST_F(KeptFiles, ListsOfTwoSourcesAreRememberedEachByItself)
+{
+    source_model &bmc = add_bmc("bmc");
+    const auto expect_lists = [this](const char *of_node, const char *of_bmc) {
+        const outcome done = attest_with_state();
+        EXPECT_EQ(done.status, 0) << done.text;
+        EXPECT_THAT(done.text, HasSubstr(of_node));
+        EXPECT_THAT(done.text, HasSubstr(of_bmc));
+    };
+    expect_lists("2,500 events, from 1 on", " 30 events, from 1 on");
+    grow(node.model, 7);
+    expect_lists("7 new events after number 2,500", "0 new events after number 30");
+    EXPECT_THAT(node.asked(), ElementsAre(0, 2500));
+    grow(bmc, 1); // and what comes after event 2,507 is asked for
+    expect_lists("0 new events after number 2,507", "taken whole: what follows event 30, up to which");
+    EXPECT_THAT(node.asked(), ElementsAre(2507, 0));
+
+    ++bmc.resets; // and only it
+    bmc.list.resize(10);
+    expect_lists("0 new events after number 2,507",
+                 " 10 events, from 1 on and without gaps; taken whole: the node was booted since");
+    bmc.evidence.got.attestation_key.mutable_node_data(0)->mutable_certs(2)->set_data(
+        make_certificate(device_plan(bmc.evidence.attestation_key)));
+    expect_lists("0 new events after number 2,507", "taken whole: another attestation key");
+    ++node.model.resets;
+    node.model.list.resize(5);
+    grow(bmc, 2);
+    expect_lists(" 5 events, from 1 on and without gaps; taken whole: the node was booted since",
+                 "2 new events after number 10");
+    node.model.list.resize(4);
+    bmc.list.resize(3);
+    expect_lists(" 4 events, from 1 on and without gaps; taken whole: it does not go on from event 5",
+                 " 3 events, from 1 on and without gaps; taken whole: it does not go on from event 12");
+}
+
+TEST_F(KeptFiles, SourcesOfOneNameCannotBeToldApart)
+{
+    ASSERT_EQ(attest_with_state().status, 0);
+    const std::string kept = content_of(state);
+    source_model &bmc = add_bmc(node.model.name);
+    for (const std::size_t events : {30, 0}) {
+        bmc.list.resize(events);
+        const outcome done = attest_with_state();
+        EXPECT_EQ(done.status, 1);
+        EXPECT_THAT(done.text, HasSubstr("NOT VERIFIED: 2 checks failed\n"));
+        EXPECT_THAT(done.text, HasSubstr("another source has the same name: whose events came cannot"));
+        EXPECT_EQ(content_of(state), kept);
+    }
+}
+
 TEST_F(KeptFiles, WhatDoesNotVerifyIsNotRemembered)
 {
     ASSERT_EQ(attest_with_state().status, 0);
@@ -190,10 +259,35 @@ TEST_F(KeptFiles, PinsAreDemandedFromTheSecondUseOn)
          {"pinned identity root", "pinned attestation root", "pinned PCR 5", "pinned reference 3"})
         EXPECT_THAT(done.text, MatchesRegex(std::string(".*\n +") + row +
                                             " +FAIL +pinned is [0-9a-f]{64}, now it is [0-9a-f]{64}\n.*"));
-    node.model.evidence.got.identity.mutable_node_data(0)->set_node_name("rack2");
-    done = attest_unpinned("");
-    EXPECT_THAT(done.text, HasSubstr("was not there when the node was pinned"));
     EXPECT_EQ(content_of(pins), kept);
+}
+
+TEST_F(KeptFiles, PinsOfTwoSourcesAreDemandedOfEachByItself)
+{
+    // "SOURCE: NAME" of the checks that did not pass.
+    const auto failing = [this] {
+        const outcome done = attest("--json --pin " + pins + " 2>/dev/null");
+        const auto report = nlohmann::json::parse(done.text);
+        std::vector<std::string> rows;
+        for (const auto &row : report["checks"])
+            if (row["outcome"] != "pass")
+                rows.push_back(std::string(row["source"]) + ": " + std::string(row["name"]));
+        EXPECT_EQ(done.status, rows.empty() ? 0 : 1);
+        return rows;
+    };
+    EXPECT_THAT(failing(), IsEmpty());
+    source_model &bmc = add_bmc("bmc");
+    EXPECT_THAT(failing(), ElementsAre("bmc: pinned source"));
+    std::filesystem::remove(pins);
+    EXPECT_THAT(failing(), IsEmpty());
+    EXPECT_THAT(failing(), IsEmpty()) << "by the pins";
+
+    bmc.evidence = good_evidence("bmc"); // like the node, which is pinned too
+    trust(bmc.evidence);
+    EXPECT_THAT(failing(), ElementsAre("bmc: pinned identity root", "bmc: pinned attestation root",
+                                       "bmc: pinned PCR 5", "bmc: pinned reference 3"));
+    node.model.bmc.clear();
+    EXPECT_THAT(failing(), ElementsAre("bmc: pinned source"));
 }
 
 TEST_F(KeptFiles, FilesThatAreNoneAskNothingAndStayAsTheyAre)

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <thread>
 #include <utility>
@@ -32,11 +33,11 @@ std::string template_data(const api::IMA_EVENT &event)
     return field(event.digest_algo() + ":\0"s + event.digest()) + field(event.event_name() + "\0"s);
 }
 
-std::string replayed(const node_model &node)
+std::string replayed(const source_model &source)
 {
     std::string value(32, '\0');
-    for (std::size_t i = 0; i + node.after_quote < node.list.size(); ++i)
-        value = digest(EVP_sha256(), value + digest(EVP_sha256(), template_data(node.list[i])));
+    for (std::size_t i = 0; i + source.after_quote < source.list.size(); ++i)
+        value = digest(EVP_sha256(), value + digest(EVP_sha256(), template_data(source.list[i])));
     return value;
 }
 
@@ -53,25 +54,29 @@ public:
     grpc::Status GetCertificate(grpc::ServerContext *, const api::get_certificate_request *request,
                                 api::get_certificate_response *response) override
     {
-        forged f = node_.evidence;
-        const bool identity = request->cert_name() == "Kestrin VOXA";
-        (identity ? f.got.identity_request : f.got.attestation_key_request).set_nonce(request->nonce());
-        sign_certificates(f);
-        *response = identity ? f.got.identity : f.got.attestation_key;
+        for_each_source([&](const source_model &source) {
+            forged f = source.evidence;
+            const bool identity = request->cert_name() == "Kestrin VOXA";
+            (identity ? f.got.identity_request : f.got.attestation_key_request).set_nonce(request->nonce());
+            sign_certificates(f);
+            response->MergeFrom(identity ? f.got.identity : f.got.attestation_key);
+        });
         return grpc::Status::OK;
     }
 
     grpc::Status AttestPcrs(grpc::ServerContext *, const api::attest_pcr_request *request,
                             api::attest_pcr_response *response) override
     {
-        forged f = node_.evidence;
-        f.got.pcrs_request.set_nonce(request->nonce());
-        f.got.pcrs.mutable_node_data(0)->mutable_pcrs(10)->set_value(replayed(node_));
-        quote_pcrs(f, [this](TPMS_ATTEST &quote) {
-            quote.clockInfo.resetCount = node_.resets;
-            quote.clockInfo.restartCount = node_.restarts;
+        for_each_source([&](const source_model &source) {
+            forged f = source.evidence;
+            f.got.pcrs_request.set_nonce(request->nonce());
+            f.got.pcrs.mutable_node_data(0)->mutable_pcrs(10)->set_value(replayed(source));
+            quote_pcrs(f, [&source](TPMS_ATTEST &quote) {
+                quote.clockInfo.resetCount = source.resets;
+                quote.clockInfo.restartCount = source.restarts;
+            });
+            response->MergeFrom(f.got.pcrs);
         });
-        *response = f.got.pcrs;
         return grpc::Status::OK;
     }
 
@@ -80,7 +85,8 @@ public:
                                       const api::get_platform_boot_integrity_event_logs_request *,
                                       api::get_platform_boot_integrity_event_logs_response *response) override
     {
-        *response = node_.evidence.got.boot_log;
+        for_each_source(
+            [&](const source_model &source) { response->MergeFrom(source.evidence.got.boot_log); });
         return grpc::Status::OK;
     }
 
@@ -88,28 +94,31 @@ public:
                                         const api::get_platform_hw_integrity_request *request,
                                         api::get_platform_hw_integrity_response *response) override
     {
-        forged f = node_.evidence;
-        f.got.hw_integrity_request.set_nonce(request->nonce());
-        quote_hardware(f);
-        *response = f.got.hw_integrity;
+        for_each_source([&](const source_model &source) {
+            forged f = source.evidence;
+            f.got.hw_integrity_request.set_nonce(request->nonce());
+            quote_hardware(f);
+            response->MergeFrom(f.got.hw_integrity);
+        });
         return grpc::Status::OK;
     }
 
-    // Begins with the chunk that holds the start event, as a node with a cache does.
+    // First what the management controller has in a message of its own. Begins with the chunk that holds the
+    // start event, as a node with a cache does.
     grpc::Status StreamPlatformImaEventLogs(grpc::ServerContext *,
                                             const api::get_platform_ima_event_logs_request *request,
                                             grpc::ServerWriter<api::NodeIMAData> *writer) override
     {
+        const std::uint64_t start = request->start_event();
         {
             const std::lock_guard lock(mutex_);
-            asked_.push_back(request->start_event());
+            asked_.push_back(start);
         }
-        const std::uint64_t start = request->start_event();
-        for (std::uint64_t at = start == 0 ? 0 : (start - 1) / CHUNK * CHUNK;; at += CHUNK) {
-            api::NodeIMAData message;
-            message.set_node_name(node_.name);
-            for (std::uint64_t i = at; i < std::min<std::uint64_t>(at + CHUNK, node_.list.size()); ++i)
-                *message.add_events() = node_.list[i];
+        const std::uint64_t begin = start == 0 ? 0 : (start - 1) / CHUNK * CHUNK;
+        for (const source_model &bmc : node_.bmc)
+            writer->Write(events_of(bmc, begin, bmc.list.size()));
+        for (std::uint64_t at = begin;; at += CHUNK) {
+            const api::NodeIMAData message = events_of(node_, at, at + CHUNK);
             writer->Write(message);
             while (node_.endless && writer->Write(message))
                 std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -119,6 +128,22 @@ public:
     }
 
 private:
+    void for_each_source(const std::function<void(const source_model &)> &answer) const
+    {
+        answer(node_);
+        for (const source_model &bmc : node_.bmc)
+            answer(bmc);
+    }
+
+    static api::NodeIMAData events_of(const source_model &source, std::uint64_t begin, std::uint64_t end)
+    {
+        api::NodeIMAData message;
+        message.set_node_name(source.name);
+        for (std::uint64_t i = begin; i < std::min<std::uint64_t>(end, source.list.size()); ++i)
+            *message.add_events() = source.list[i];
+        return message;
+    }
+
     const node_model &node_;
     std::mutex mutex_;
     std::vector<std::uint64_t> asked_;
@@ -126,13 +151,13 @@ private:
 
 } // namespace
 
-void grow(node_model &node, std::size_t count)
+void grow(source_model &source, std::size_t count)
 {
     for (std::size_t i = 0; i < count; ++i) {
-        api::IMA_EVENT &event = node.list.emplace_back();
-        event.set_event_num(node.list.size());
+        api::IMA_EVENT &event = source.list.emplace_back();
+        event.set_event_num(source.list.size());
         event.set_template_name("ima-ng");
-        event.set_event_name("/usr/bin/tool-" + std::to_string(node.list.size()));
+        event.set_event_name("/usr/bin/tool-" + std::to_string(source.list.size()));
         event.set_digest_algo("sha256");
         event.set_digest(digest(EVP_sha256(), event.event_name()));
         event.set_pcr(10);
@@ -180,7 +205,7 @@ std::vector<std::uint64_t> simulated_node::asked()
 outcome attestctl(const std::string &words)
 {
     outcome done{-1, {}};
-    FILE *program = popen(("\"$ATTESTCTL\" " + words + " 2>&1").c_str(), "r");
+    FILE *program = popen(("2>&1 \"$ATTESTCTL\" " + words).c_str(), "r");
     std::string piece(1 << 16, '\0');
     for (std::size_t got = 0; (got = std::fread(piece.data(), 1, piece.size(), program)) > 0;)
         done.text.append(piece, 0, got);

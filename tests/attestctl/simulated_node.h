@@ -8,18 +8,23 @@
 
 #include "tests/attestctl/evidence_forge.h"
 
-// What a node is. Changed by a test while nobody asks.
-struct node_model {
+// What a source of evidence is.
+struct source_model {
     std::string name = "rack1";
     forged evidence = good_evidence(name);
     std::vector<api::IMA_EVENT> list;
     std::uint32_t resets = 3, restarts = 0;
-    bool endless = false;        // the stream of the list goes on and on
     std::size_t after_quote = 0; // the events at the end that came after the quote
 };
 
+// What a node is. Changed by a test while nobody asks.
+struct node_model : source_model {
+    std::vector<source_model> bmc; // one, or none
+    bool endless = false;          // the stream of the node's list goes on and on
+};
+
 // Appends good events.
-void grow(node_model &node, std::size_t count);
+void grow(source_model &source, std::size_t count);
 
 class simulated_node {
 public:
@@ -39,7 +44,7 @@ private:
 
 struct outcome {
     int status;       // exit status
-    std::string text; // standard output and error output
+    std::string text; // standard output and, unless the words send it elsewhere, error output
 };
 // attestctl with these words for the shell.
 outcome attestctl(const std::string &words);
