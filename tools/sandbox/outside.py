@@ -210,6 +210,7 @@ def sandbox_arguments(state, build, logs, bmc):
             arguments += ["--ro-bind", os.path.realpath(log), place]
     for directory in (CHECKOUT, build):
         arguments += ["--ro-bind", directory, directory]
+    arguments += counters_arguments()
     directory = os.getcwd()
     if is_hidden(directory):
         arguments += ["--ro-bind", directory, directory]
@@ -220,6 +221,12 @@ def sandbox_arguments(state, build, logs, bmc):
 def root_arguments():
     """The machine's root, read-only, on a root of the sandbox's own: so it can have DISK, which no machine has."""
     return shown("/", PRIVATE)
+
+
+def counters_arguments():
+    """A build that counts what of it is reached (scripts/coverage) writes that into its own directory."""
+    counting = os.environ.get("ATTEST_COUNTERS")
+    return ["--bind", counting, counting] if counting else []
 
 
 def shown(directory, left_out):
