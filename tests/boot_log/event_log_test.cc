@@ -228,6 +228,11 @@ TEST_F(event_log_test, FramesUnknownDigestsByTheLogsOwnList)
         other[field] = 1;
         EXPECT_EQ(read(other + record), ATTEST_ERR_BOOT_LOG_READ);
     }
+    // Cut before the list's count, in it, and behind it.
+    for (std::size_t length : {23, 26, 28}) {
+        std::string cut = spec_id_data({{0x12, 32}}, "").substr(0, length);
+        EXPECT_EQ(read(sha1_record(0, EV_NO_ACTION, no_sha1, cut) + record), ATTEST_ERR_BOOT_LOG_READ);
+    }
 }
 
 TEST_F(event_log_test, FramesALogOfATpm12)
@@ -336,6 +341,8 @@ TEST_F(event_log_test, DumpsNoMoreOfAVariableThanTheEventHolds)
         {uefi_variable(std::string(150, 'n'), 150, "\2", 1),
          {"a:  Name: " + std::string(99, 'n') + "\n", "h:02"}},
         // Not even the fixed fields.
+        {secure_boot().substr(0, 15), {"a:  EventSize: 15\n"}},
+        {secure_boot().substr(0, 23), {"a:  EventSize: 23\n"}},
         {secure_boot().substr(0, 31), {"a:  EventSize: 31\n", "a:  Event: "}}};
     for (const auto &item : cases) {
         std::string record = agile_record(7, EV_EFI_VARIABLE_BOOT, both, item.data);
@@ -350,9 +357,9 @@ TEST_F(event_log_test, DumpsASpecIdEventAsFarAsItReaches)
 {
     // The lines of the data grow with it: one for each field that it holds, and the closing one.
     const std::string data = spec_id_data({{0x04, 20}, {0x0B, 32}}, "vendor");
-    const std::pair<std::size_t, std::size_t> cases[] = {{0, 0},  {15, 0},  {16, 1},  {20, 2}, {22, 2},
-                                                         {23, 3}, {24, 4},  {27, 4},  {28, 5}, {31, 5},
-                                                         {32, 8}, {36, 11}, {37, 13}, {43, 13}};
+    const std::pair<std::size_t, std::size_t> cases[] = {{0, 0},  {15, 0}, {16, 1},  {20, 2},  {21, 2},
+                                                         {22, 2}, {23, 3}, {24, 4},  {27, 4},  {28, 5},
+                                                         {31, 5}, {32, 8}, {36, 11}, {37, 13}, {43, 13}};
     for (const auto &[length, count] : cases) {
         std::string record = sha1_record(0, EV_NO_ACTION, no_sha1, data.substr(0, length));
         frame_and_dump(record);

@@ -1,6 +1,7 @@
 // The decoder on bytes that nobody meant: the same verdict and the same content as protoc's parser, and
 // nothing left allocated.
 #include <gmock/gmock.h>
+#include <sys/mman.h>
 
 #include "api/remote_attestation_api.pb.h"
 #include "tests/message/contract_messages.h"
@@ -228,6 +229,18 @@ TEST(HostileBytes, ListsTakeMoreThanAllowed)
                                &message, ITEMS * sizeof(IMA_EVENT)));
     EXPECT_EQ(message.events.count, ITEMS);
     message_release(message);
+}
+
+TEST(HostileBytes, MessageBeyondTheLimitIsRead)
+{
+    constexpr std::size_t size = MESSAGE_SIZE_MAX + std::size_t{1};
+    void *unreadable = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(unreadable, MAP_FAILED);
+    IMACacheBlock message;
+    EXPECT_FALSE(message_decode(message_descriptor_of<IMACacheBlock>(),
+                                {static_cast<const std::byte *>(unreadable), size}, &message));
+    EXPECT_EQ(message.events.count, 0u);
+    munmap(unreadable, size);
 }
 
 TEST(HostileBytes, FailedAllocationLeavesSomething)
