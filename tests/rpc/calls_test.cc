@@ -1,119 +1,15 @@
-// Calls through a standard gRPC client: operations, bad requests, who is served, health and reflection.
+// Calls through a standard gRPC client: operations, bad requests, who is served.
 #include <cstdlib>
-#include <grpcpp/generic/generic_stub.h>
-#include <grpcpp/grpcpp.h>
-#include <gtest/gtest.h>
 
-#include "api/remote_attestation_api.grpc.pb.h"
-#include "google/protobuf/descriptor.pb.h"
-#include "grpc/health/v1/health.pb.h"
-#include "grpc/reflection/v1alpha/reflection.pb.h"
-#include "platform/owners.h"
 #include "platform/status.h"
-#include "tests/rpc/server_harness.h"
+#include "tests/rpc/calls_fixture.h"
 #include "tests/rpc/tls_files.h"
 
 namespace {
 
 namespace api = remote_attestation_api;
-using grpc::health::v1::HealthCheckRequest;
-using grpc::health::v1::HealthCheckResponse;
-using grpc::reflection::v1alpha::ServerReflectionRequest;
-using grpc::reflection::v1alpha::ServerReflectionResponse;
 
 const std::string SERVICE = "/remote_attestation_api.RemoteAttestationApi/";
-
-// A call of raw bytes. Waits for each step on a queue of its own.
-class raw_call {
-public:
-    raw_call(const std::shared_ptr<grpc::Channel> &channel, const std::string &path) : stub_(channel)
-    {
-        call_ = stub_.PrepareCall(&context, path, &queue_);
-        call_->StartCall(tag());
-        step();
-    }
-    ~raw_call()
-    {
-        context.TryCancel();
-        queue_.Shutdown();
-        void *ignored = nullptr;
-        for (bool ok = false; queue_.Next(&ignored, &ok);) {
-        }
-    }
-    bool write(const std::string &bytes)
-    {
-        const grpc::Slice slice(bytes);
-        call_->Write(grpc::ByteBuffer(&slice, 1), tag());
-        return step();
-    }
-    void writes_done()
-    {
-        call_->WritesDone(tag());
-        step();
-    }
-    bool read(std::string *bytes)
-    {
-        grpc::ByteBuffer buffer;
-        call_->Read(&buffer, tag());
-        if (!step())
-            return false;
-        std::vector<grpc::Slice> slices;
-        buffer.Dump(&slices);
-        bytes->clear();
-        for (const auto &slice : slices)
-            bytes->append(reinterpret_cast<const char *>(slice.begin()), slice.size());
-        return true;
-    }
-    grpc::Status finish()
-    {
-        grpc::Status status;
-        call_->Finish(&status, tag());
-        step();
-        return status;
-    }
-    grpc::ClientContext context;
-
-private:
-    void *tag() { return this; }
-    bool step()
-    {
-        void *ignored = nullptr;
-        bool ok = false;
-        return queue_.Next(&ignored, &ok) && ok;
-    }
-    grpc::GenericStub stub_;
-    grpc::CompletionQueue queue_;
-    std::unique_ptr<grpc::GenericClientAsyncReaderWriter> call_;
-};
-
-// The answer to one message of raw bytes.
-grpc::Status ask(const std::shared_ptr<grpc::Channel> &channel, const std::string &path,
-                 const std::string &request, std::string *answer)
-{
-    raw_call call(channel, path);
-    call.write(request);
-    call.writes_done();
-    call.read(answer);
-    return call.finish();
-}
-
-class Calls : public testing::Test {
-protected:
-    server_harness node;
-    std::shared_ptr<grpc::Channel> channel;
-    std::unique_ptr<api::RemoteAttestationApi::Stub> stub;
-
-    void
-    serve(const std::shared_ptr<grpc::ChannelCredentials> &credentials = grpc::InsecureChannelCredentials())
-    {
-        ASSERT_EQ(node.start(), 0u);
-        grpc::ChannelArguments arguments;
-        arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
-        arguments.SetMaxReceiveMessageSize(-1);
-        channel = grpc::CreateCustomChannel(node.target(), credentials, arguments);
-        stub = api::RemoteAttestationApi::NewStub(channel);
-    }
-};
 
 char node_name[] = "node-a";
 
@@ -392,126 +288,27 @@ protected:
     tls_files files;
     void SetUp() override { setenv("ATTEST_TLS_DIR", files.server_directory().c_str(), 1); }
     void TearDown() override { unsetenv("ATTEST_TLS_DIR"); }
+};
 
-    grpc::Status ask_as(const std::string &who)
-    {
+TEST_F(Tls, OnlyAClientOfTheCaIsServed)
+{
+    ASSERT_EQ(node.start(), 0u);
+    std::size_t refused = 0;
+    for (const std::string who : {"nobody", "stranger", "plaintext", "client"}) {
+        SCOPED_TRACE(who);
         grpc::SslCredentialsOptions options;
         options.pem_root_certs = files.read("ca.crt");
-        if (who != "nobody") {
+        if (who == "client" || who == "stranger") { // the stranger is another CA's
             options.pem_cert_chain = files.read(who + ".crt");
             options.pem_private_key = files.read(who + ".key");
         }
-        serve(who == "plaintext" ? grpc::InsecureChannelCredentials() : grpc::SslCredentials(options));
+        connect(who == "plaintext" ? grpc::InsecureChannelCredentials() : grpc::SslCredentials(options));
         std::string answer;
-        return ask(channel, "/grpc.health.v1.Health/Check", "", &answer);
+        const auto status = ask(channel, "/grpc.health.v1.Health/Check", "", &answer);
+        EXPECT_EQ(status.error_code(), who == "client" ? grpc::StatusCode::OK : grpc::StatusCode::UNAVAILABLE)
+            << status.error_message();
+        EXPECT_TRUE(who == "client" || node.wait_count("disconnect", ++refused));
     }
-};
-
-TEST_F(Tls, AClientOfTheCaIsServed)
-{
-    const auto status = ask_as("client");
-    EXPECT_TRUE(status.ok()) << status.error_message();
-    EXPECT_EQ(node.order(), "connect");
-}
-
-TEST_F(Tls, AClientWithoutCertificateIsRefused)
-{
-    EXPECT_EQ(ask_as("nobody").error_code(), grpc::StatusCode::UNAVAILABLE);
-    EXPECT_TRUE(node.wait_count("disconnect", 1));
-}
-
-TEST_F(Tls, AClientOfAnotherCaIsRefused)
-{
-    EXPECT_EQ(ask_as("stranger").error_code(), grpc::StatusCode::UNAVAILABLE);
-    EXPECT_TRUE(node.wait_count("disconnect", 1));
-}
-
-TEST_F(Tls, APlaintextClientIsRefused)
-{
-    EXPECT_EQ(ask_as("plaintext").error_code(), grpc::StatusCode::UNAVAILABLE);
-    EXPECT_TRUE(node.wait_count("disconnect", 1));
-}
-
-// ---- health and reflection ----
-
-std::string health_request(const std::string &service)
-{
-    HealthCheckRequest request;
-    request.set_service(service);
-    return request.SerializeAsString();
-}
-
-TEST_F(Calls, HealthKnowsTheServerAndTheInstance)
-{
-    serve();
-    for (const std::string service : {"", "rat_agent_test"}) {
-        std::string answer;
-        ASSERT_TRUE(ask(channel, "/grpc.health.v1.Health/Check", health_request(service), &answer).ok());
-        HealthCheckResponse response;
-        ASSERT_TRUE(response.ParseFromString(answer));
-        EXPECT_EQ(response.status(), HealthCheckResponse::SERVING);
-    }
-    std::string answer;
-    for (const auto &request : {health_request("rat_agent_other"), std::string("\xff")})
-        EXPECT_EQ(ask(channel, "/grpc.health.v1.Health/Check", request, &answer).error_code(),
-                  grpc::StatusCode::NOT_FOUND);
-}
-
-TEST_F(Calls, AHealthWatchTellsTheStatusAndStaysOpen)
-{
-    serve();
-    const std::pair<std::string, HealthCheckResponse::ServingStatus> cases[] = {
-        {"rat_agent_test", HealthCheckResponse::SERVING}, {"other", HealthCheckResponse::SERVICE_UNKNOWN}};
-    for (const auto &[service, status] : cases) {
-        raw_call watch(channel, "/grpc.health.v1.Health/Watch");
-        watch.write(health_request(service));
-        watch.writes_done();
-        std::string answer;
-        ASSERT_TRUE(watch.read(&answer));
-        HealthCheckResponse response;
-        ASSERT_TRUE(response.ParseFromString(answer));
-        EXPECT_EQ(response.status(), status);
-        if (service == "rat_agent_test")
-            continue;
-        node.deactivate();
-        EXPECT_FALSE(watch.read(&answer));
-        EXPECT_FALSE(watch.finish().ok());
-    }
-}
-
-TEST_F(Calls, ReflectionListsTheServicesAndGivesTheirContracts)
-{
-    serve();
-    raw_call call(channel, "/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo");
-    ServerReflectionResponse response;
-    const auto exchange = [&](const ServerReflectionRequest &request) {
-        std::string answer;
-        return call.write(request.SerializeAsString()) && call.read(&answer) &&
-               response.ParseFromString(answer);
-    };
-    ServerReflectionRequest request;
-    request.set_list_services("");
-    ASSERT_TRUE(exchange(request));
-    ASSERT_EQ(response.list_services_response().service_size(), 3);
-    const auto listed = response.list_services_response();
-    for (const auto &service : listed.service()) {
-        request.set_file_containing_symbol(service.name());
-        ASSERT_TRUE(exchange(request)) << service.name();
-        EXPECT_EQ(response.file_descriptor_response().file_descriptor_proto_size(), 1) << service.name();
-    }
-    request.set_file_containing_symbol("remote_attestation_api.RemoteAttestationApi");
-    ASSERT_TRUE(exchange(request));
-    google::protobuf::FileDescriptorProto file;
-    ASSERT_TRUE(file.ParseFromString(response.file_descriptor_response().file_descriptor_proto(0)));
-    EXPECT_EQ(file.service(0).method_size(), 6);
-    request.set_file_by_filename(file.name());
-    ASSERT_TRUE(exchange(request));
-    EXPECT_TRUE(response.has_file_descriptor_response());
-    request.set_file_containing_symbol("no.such.thing");
-    ASSERT_TRUE(exchange(request));
-    EXPECT_EQ(response.error_response().error_code(), grpc::StatusCode::NOT_FOUND);
-    call.writes_done();
-    EXPECT_TRUE(call.finish().ok());
 }
 
 } // namespace

@@ -199,16 +199,6 @@ TEST_F(Flow, ACancelledStreamIsAnErrorAndTheConnectionStays)
     EXPECT_EQ(node.order(), "connect stream refused error boot_log");
 }
 
-TEST_F(Flow, ADeadlineWhilePausedIsAnError)
-{
-    serve();
-    auto stream = std::make_unique<client_stream>();
-    stream->context.set_deadline(std::chrono::system_clock::now() + std::chrono::milliseconds(700));
-    stream->reader = stub->StreamPlatformImaEventLogs(&stream->context, {});
-    EXPECT_TRUE(node.wait_count("error", 1));
-    EXPECT_EQ(node.count("disconnect") + node.count("resume"), 0u);
-}
-
 TEST_F(Flow, AStalledClientIsAnErrorThenADisconnect)
 {
     node.limits.stall_ms = 500;
