@@ -74,12 +74,7 @@ bool object_is_sound(int object)
 bool size_object(int object)
 {
     constexpr off_t size = sizeof(ima_cache_meta);
-    int error = uninterrupted([=] { return ftruncate(object, size); });
-    if (error == 0)
-        do
-            error = posix_fallocate(object, 0, size);
-        while (error == EINTR);
-    if (error != 0) {
+    if (uninterrupted([=] { return ftruncate(object, size); }) != 0 || reserve(object, size) != 0) {
         attest_trace_as(LOAD, "ftruncate failed\n");
         return false;
     }

@@ -53,6 +53,14 @@ bool write_or_blank(int fd, std::span<const std::byte> bytes, off_t offset)
     return false;
 }
 
+int reserve(int fd, off_t size)
+{
+    int error = EINTR;
+    while (error == EINTR)
+        error = posix_fallocate(fd, 0, size);
+    return error;
+}
+
 bool is_missing(const char *path)
 {
     struct stat state {};

@@ -27,6 +27,9 @@ int read_at(int fd, std::span<std::byte> bytes, off_t offset);
 // as far as that is possible, and the result is false.
 bool write_or_blank(int fd, std::span<const std::byte> bytes, off_t offset);
 
+// Gives the file its first `size` bytes on disk. 0, or the error (an errno).
+int reserve(int fd, off_t size);
+
 // False also when it cannot be found out that the path does not exist.
 bool is_missing(const char *path);
 

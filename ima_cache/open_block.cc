@@ -16,15 +16,6 @@ namespace {
 constexpr char OPEN[] = "open_cache_block";
 constexpr mode_t BLOCK_MODE = 0600;
 
-// 0, or the error of the reservation.
-int reserve(int fd)
-{
-    int error = EINTR;
-    while (error == EINTR)
-        error = posix_fallocate(fd, 0, static_cast<off_t>(at_ima_cache_limits.block_size));
-    return error;
-}
-
 // In pieces larger than a page: the kernel then keeps the file in larger pieces, too, and all that is read of
 // it later, twice in every append, comes cheaper. Ends at the first write that fails.
 bool fill_with_zeros(int fd)
@@ -60,7 +51,7 @@ unique_fd make_block(std::uint8_t index, const cache_path &unfinished, const cac
         remove_block(unfinished.text);
         clear_block_entry(index);
     });
-    if (int error = reserve(file.get()); error != 0) {
+    if (int error = reserve(file.get(), static_cast<off_t>(at_ima_cache_limits.block_size)); error != 0) {
         if (error == ENOSPC)
             raise_system_message(msg_rec_attestation_agent_ima_disk_cache_full, path.text);
         return unique_fd();

@@ -1,12 +1,12 @@
 #include "ima_cache/semaphore_lock.h"
 
 #include <array>
-#include <cerrno>
 #include <cstdio>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
 #include "agent/debug_trace.h"
+#include "ima_cache/file_io.h"
 
 namespace {
 
@@ -14,10 +14,7 @@ namespace {
 template <std::size_t count>
 int operate(int semid, std::array<sembuf, count> operations)
 {
-    int result = 0;
-    do {
-        result = semop(semid, operations.data(), operations.size());
-    } while (result < 0 && errno == EINTR);
+    int result = uninterrupted([&] { return semop(semid, operations.data(), operations.size()); });
     if (result < 0)
         std::perror("semop: ");
     return result;

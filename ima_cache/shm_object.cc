@@ -1,11 +1,12 @@
 #include "ima_cache/shm_object.h"
 
 #include <bit>
-#include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
+
+#include "ima_cache/file_io.h"
 
 namespace {
 
@@ -15,10 +16,7 @@ bool give_page(const shm_object &object, std::size_t page)
 {
     std::size_t offset = page << object.page_shift;
     std::size_t length = std::size_t{1} << object.page_shift;
-    int result = 0;
-    do {
-        result = madvise(object.base + offset, length, MADV_POPULATE_WRITE);
-    } while (result < 0 && errno == EINTR);
+    int result = uninterrupted([&] { return madvise(object.base + offset, length, MADV_POPULATE_WRITE); });
     // Kernels before 5.14 cannot populate; there the page at least gets its memory, and the first touch maps
     // it.
     if (result < 0 && errno == EINVAL)

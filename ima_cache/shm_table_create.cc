@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cerrno>
 #include <fcntl.h>
 #include <limits>
 #include <memory>
@@ -13,6 +12,7 @@
 #include <unistd.h>
 
 #include "agent/debug_trace.h"
+#include "ima_cache/file_io.h"
 #include "ima_cache/semaphore_lock.h"
 #include "ima_cache/shm_store.h"
 #include "ima_cache/shm_table.h"
@@ -39,13 +39,10 @@ unique_fd open_object(const char *name)
 // the file, and so a creator's death, gives the lock back.
 bool lock_object(int file)
 {
-    int result = 0;
-    do {
-        result = flock(file, LOCK_EX);
-    } while (result < 0 && errno == EINTR);
-    if (result < 0)
-        attest_trace_as(CREATE, "flock failed\n");
-    return result == 0;
+    if (uninterrupted([=] { return flock(file, LOCK_EX); }) == 0)
+        return true;
+    attest_trace_as(CREATE, "flock failed\n");
+    return false;
 }
 
 // Accepts every state that an insert passes through, for another process may be in one.
