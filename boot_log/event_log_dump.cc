@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "agent/debug_trace.h"
 #include "boot_log/efi_text.h"
@@ -102,24 +103,10 @@ void dump_text(const char *operation, const boot_record &record)
 
 void dump_listed_algorithm(const char *operation, std::uint16_t identifier, std::uint16_t digest_size)
 {
+    const auto *known =
+        std::ranges::find(boot_digest_algorithms, identifier, &boot_digest_algorithm::identifier);
     attest_trace_as(operation, "0x%04x (", identifier);
-    switch (identifier) {
-    case 0x0004:
-        attest_trace_as(operation, "SHA1");
-        break;
-    case 0x000B:
-        attest_trace_as(operation, "SHA256");
-        break;
-    case 0x000C:
-        attest_trace_as(operation, "SHA384");
-        break;
-    case 0x000D:
-        attest_trace_as(operation, "SHA512");
-        break;
-    default:
-        attest_trace_as(operation, "Unknown");
-        break;
-    }
+    attest_trace_as(operation, "%s", known != std::end(boot_digest_algorithms) ? known->name : "Unknown");
     attest_trace_as(operation, " (%d bytes)) ", digest_size);
 }
 

@@ -56,13 +56,13 @@ struct boot_digest_algorithm {
     std::uint8_t identifier;
     std::uint16_t digest_size;
     std::uint32_t hash_alg;
-    const char *trace_text;
+    const char *name; // in the trace
 };
 inline constexpr boot_digest_algorithm boot_digest_algorithms[] = {
-    {0x04, SHA1_DIGEST_SIZE, BOOT_HASH_SHA1, "  SHA1"},
-    {0x0B, 32, BOOT_HASH_SHA256, "  SHA256"},
-    {0x0C, 48, BOOT_HASH_SHA384, "  SHA384"},
-    {0x0D, 64, BOOT_HASH_SHA512, "  SHA512"},
+    {0x04, SHA1_DIGEST_SIZE, BOOT_HASH_SHA1, "SHA1"},
+    {0x0B, 32, BOOT_HASH_SHA256, "SHA256"},
+    {0x0C, 48, BOOT_HASH_SHA384, "SHA384"},
+    {0x0D, 64, BOOT_HASH_SHA512, "SHA512"},
 };
 
 // Bytes of the Spec ID data before its number of algorithms, and of one entry of the list.

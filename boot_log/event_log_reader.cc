@@ -61,7 +61,7 @@ bool set_event_data(const boot_record &record, BOOT_EVENT &event)
 void trace_digest(const boot_digest &digest)
 {
     if (digest.algorithm != nullptr)
-        attest_trace_as(READER, "%s", digest.algorithm->trace_text);
+        attest_trace_as(READER, "  %s", digest.algorithm->name);
     else
         attest_trace_as(READER, "  Unknown (0x%04x)", digest.identifier & 0xFF);
     attest_trace_as(READER, " Dgst: ");

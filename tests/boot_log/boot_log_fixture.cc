@@ -1,11 +1,15 @@
 #include "tests/boot_log/boot_log_fixture.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <unistd.h>
 
 #include "agent/debug_trace.h"
+#include "boot_log/event_log_dump.h"
+#include "boot_log/event_log_framing.h"
 #include "boot_log/trace_dump.h"
 #include "tests/support/allocation_faults.h"
 #include "tests/support/trace_capture.h"
@@ -88,6 +92,56 @@ std::string uefi_variable(const std::string &name, std::uint64_t name_length, co
                                          0xAA, 0x0D, 0x00, 0xE0, 0x98, 0x03, 0x2B, 0x8C};
     return std::string(reinterpret_cast<const char *>(guid), sizeof guid) + le64(name_length) +
            le64(data_length) + utf16(name) + data;
+}
+
+std::string secure_boot(std::uint64_t name_length, std::uint64_t data_length)
+{
+    return uefi_variable("SecureBoot", name_length, "\1", data_length);
+}
+
+lines small_log_records()
+{
+    return {sha1_record(0, EV_NO_ACTION, no_sha1, spec_id_data({{0x04, 20}, {0x0B, 32}}, "V")),
+            agile_record(7, EV_EFI_VARIABLE_DRIVER_CONFIG, both, secure_boot()),
+            agile_record(4, EV_EFI_ACTION, {{0x000B, sha256}}, "Exit"),
+            sha1_record(0, EV_EFI_VARIABLE_BOOT, no_sha1, secure_boot()),
+            agile_record(5, 0x80000006, {{0x0012, ""}, {0x0004, sha1}}, "")};
+}
+
+std::string joined(const lines &records)
+{
+    std::string all;
+    for (const std::string &record : records)
+        all += record;
+    return all;
+}
+
+lines traced(const lines &expected)
+{
+    lines all;
+    for (const std::string &line : expected) {
+        const char *name = line[0] == 'a'   ? "attestation_get_local_sb_event_logs(): "
+                           : line[0] == '1' ? "populate_tpm_12_eventlog(): "
+                           : line[0] == 'h' ? "print_hexstring(): \n "
+                                            : "print_asciistring(): \n ";
+        all.push_back(name + line.substr(2));
+    }
+    return all;
+}
+
+void frame_and_dump(const std::string &log)
+{
+    auto exact = std::make_unique<std::byte[]>(log.size());
+    std::memcpy(exact.get(), log.data(), log.size());
+    boot_log_framing framing;
+    boot_log_misfit misfit = {};
+    boot_record record = {};
+    std::span<const std::byte> bytes(exact.get(), log.size());
+    byte_cursor records(bytes);
+    if (!find_boot_log_framing(bytes, framing, misfit))
+        return;
+    while (!records.at_end() && next_boot_record(records, framing, record, misfit))
+        dump_event_data("dump", record);
 }
 
 void boot_log_test::SetUp()

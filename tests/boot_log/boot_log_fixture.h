@@ -41,6 +41,29 @@ std::string spec_id_data(const std::vector<std::pair<std::uint16_t, std::uint16_
 std::string uefi_variable(const std::string &name, std::uint64_t name_length, const std::string &data,
                           std::uint64_t data_length);
 
+using lines = std::vector<std::string>;
+
+// Digests of the records below, and their text in the trace.
+inline const std::string sha1(20, '\x11');
+inline const std::string sha256(32, '\x22');
+inline const std::string no_sha1(20, '\0');
+inline const digest_list both = {{0x0004, sha1}, {0x000B, sha256}};
+inline const std::string sha1_text(40, '1');
+inline const std::string sha256_text(64, '2');
+
+std::string secure_boot(std::uint64_t name_length = 10, std::uint64_t data_length = 1);
+// One record of every kind of event data, both layouts.
+lines small_log_records();
+std::string joined(const lines &records);
+
+// `expected` with the prefix of the reader's two layouts: "a:" crypto-agile, "1:" SHA-1-only, "h:" and "t:"
+// dumps.
+lines traced(const lines &expected);
+
+// Frames and dumps a log in memory that ends where the log ends, so that the sanitizer sees what is read
+// beyond it.
+void frame_and_dump(const std::string &log);
+
 // Starts every test with trace and switches as a fresh agent has them, and the node's name "node0".
 class boot_log_test : public testing::Test {
 protected:

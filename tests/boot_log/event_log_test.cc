@@ -1,67 +1,15 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <unistd.h>
 
-#include "agent/debug_trace.h"
-#include "boot_log/event_log_dump.h"
-#include "boot_log/event_log_framing.h"
+#include "boot_log/event_log_format.h"
 #include "boot_log/trace_dump.h"
 #include "tests/boot_log/boot_log_fixture.h"
 #include "tests/support/allocation_faults.h"
 #include "tests/support/trace_capture.h"
 
 namespace {
-
-using lines = std::vector<std::string>;
-
-const std::string sha1(20, '\x11');
-const std::string sha256(32, '\x22');
-const std::string no_sha1(20, '\0');
-const digest_list both = {{0x0004, sha1}, {0x000B, sha256}};
-
-std::string secure_boot(std::uint64_t name_length = 10, std::uint64_t data_length = 1)
-{
-    return uefi_variable("SecureBoot", name_length, "\1", data_length);
-}
-
-// One record of every kind of event data, both layouts.
-lines small_log_records()
-{
-    return {sha1_record(0, EV_NO_ACTION, no_sha1, spec_id_data({{0x04, 20}, {0x0B, 32}}, "V")),
-            agile_record(7, EV_EFI_VARIABLE_DRIVER_CONFIG, both, secure_boot()),
-            agile_record(4, EV_EFI_ACTION, {{0x000B, sha256}}, "Exit"),
-            sha1_record(0, EV_EFI_VARIABLE_BOOT, no_sha1, secure_boot()),
-            agile_record(5, 0x80000006, {{0x0012, ""}, {0x0004, sha1}}, "")};
-}
-
-std::string joined(const lines &records)
-{
-    std::string all;
-    for (const std::string &record : records)
-        all += record;
-    return all;
-}
-
-// `expected` with the prefix of the reader's two layouts: "a:" crypto-agile, "1:" SHA-1-only, "h:" and "t:"
-// dumps.
-lines traced(const lines &expected)
-{
-    lines all;
-    for (const std::string &line : expected) {
-        const char *name = line[0] == 'a'   ? "attestation_get_local_sb_event_logs(): "
-                           : line[0] == '1' ? "populate_tpm_12_eventlog(): "
-                           : line[0] == 'h' ? "print_hexstring(): \n "
-                                            : "print_asciistring(): \n ";
-        all.push_back(name + line.substr(2));
-    }
-    return all;
-}
-
-const std::string sha1_text(40, '1');
-const std::string sha256_text(64, '2');
-const std::string guid_text = "8be4df61-93ca-11d2-aa0d-00e098032b8c";
 
 class event_log_test : public boot_log_test {};
 
@@ -107,99 +55,6 @@ TEST_F(event_log_test, FillsTheMessageInFileOrder)
                      "3 80000007 4 [1:" + sha256_text + "] 4:45786974",
                      "4 80000002 0 [0:" + std::string(40, '0') + "] 53:" + hex(secure_boot()),
                      "5 80000006 5 [0: 0:" + sha1_text + "] 0:"}));
-}
-
-TEST_F(event_log_test, TracesCryptoAgileRecords)
-{
-    ascii = 1;
-    digest_list wide = {{0x000C, std::string(48, '\x33')}, {0x000D, std::string(64, '\x44')}, {0x0112, ""}};
-    ASSERT_EQ(read(agile_record(7, EV_EFI_VARIABLE_AUTHORITY, both, secure_boot()) +
-                   agile_record(4, EV_EFI_ACTION, wide, "Ex\1it") +
-                   agile_record(8, EV_IPL, {{0x0104, sha1}}, "grub") +
-                   agile_record(0, EV_NO_ACTION, {{0x0004, sha1}}, "\xAB") +
-                   agile_record(5, 0x80000006, {{0x0004, sha1}}, "")),
-              ATTEST_OK);
-    lines expected = {
-        "a:\nEvent 1\n", "a:\n  Logfile position 0x00000000\n", "a:  PCRIndex: 7\n",
-        "a:  EventType: 800000e0 (EFI Variable Authority)\n", "a:  SHA1", "a: Dgst: ", "h:" + sha1_text,
-        "a:  SHA256", "a: Dgst: ", "h:" + sha256_text, "a:  Guid: " + guid_text + "\n",
-        "a:  Name: SecureBoot\n", "a:    VarDataLen: 1\n", "a:    VarData: ", "h:01", "a:\n",
-        "a:    ASCII representation: ", "t:", "a:\n", "a:  Event Size: 53\n",
-        //
-        "a:\nEvent 2\n", "a:\n  Logfile position 0x0000007d\n", "a:  PCRIndex: 4\n",
-        "a:  EventType: 80000007 (EFI Action)\n", "a:  SHA384", "a: Dgst: ", "h:" + std::string(96, '3'),
-        "a:  SHA512", "a: Dgst: ", "h:" + std::string(128, '4'), "a:  Unknown (0x0012)",
-        "a: Dgst: ", "h:", "a:  Action: ", "t:Exit", "a:\n", "a:  Event Size: 5\n",
-        //
-        "a:\nEvent 3\n", "a:\n  Logfile position 0x00000108\n", "a:  PCRIndex: 8\n",
-        "a:  EventType: 0d (Grub2 IPL)\n", "a:  SHA1", "a: Dgst: ", "h:" + sha1_text,
-        "a:  Description: ", "t:grub", "a:\n", "a:  Event Size: 4\n",
-        //
-        "a:\nEvent 4\n", "a:\n  Logfile position 0x00000132\n", "a:  PCRIndex: 0\n",
-        "a:  EventType: 03 (No Action)\n", "a:  SHA1", "a: Dgst: ", "h:" + sha1_text, "a:  EventSize: 1\n",
-        "a:  Event: ", "h:AB", "a:\n", "a:  Event Size: 1\n",
-        //
-        "a:\nEvent 5\n", "a:\n  Logfile position 0x00000159\n", "a:  PCRIndex: 5\n",
-        "a:  EventType: 80000006 (EFI GPT Event)\n", "a:  SHA1", "a: Dgst: ", "h:" + sha1_text,
-        "a:  EventSize: 0\n", "a:  Event: ", "h:", "a:\n", "a:  Event Size: 0\n"};
-    EXPECT_EQ(record_lines(), traced(expected));
-}
-
-TEST_F(event_log_test, TracesSha1OnlyRecords)
-{
-    ascii = 1;
-    ASSERT_EQ(read(sha1_record(
-                       0, EV_NO_ACTION, no_sha1,
-                       spec_id_data({{0x04, 20}, {0x0B, 32}, {0x0C, 48}, {0x0D, 64}, {0x0104, 7}}, "\xFE")) +
-                   sha1_record(7, EV_EFI_VARIABLE_BOOT, no_sha1, secure_boot()) +
-                   sha1_record(7, EV_EFI_VARIABLE_BOOT, no_sha1, secure_boot(10, 0)) +
-                   sha1_record(4, EV_EFI_ACTION, no_sha1, "Exit") + sha1_record(8, EV_IPL, no_sha1, "g") +
-                   sha1_record(1, EV_NO_ACTION, no_sha1, "n") + sha1_record(1, 5, no_sha1, "")),
-              ATTEST_OK);
-    auto head = [](int number, int pcr, const std::string &type) {
-        return lines{"1:\nEvent " + std::to_string(number) + " (TPM 1.2 format)\n",
-                     "1:  PCRIndex: " + std::to_string(pcr) + "\n", "1:  EventType: " + type + "\n",
-                     "1:  Dgst: ", "h:" + std::string(40, '0')};
-    };
-    lines expected;
-    auto expect = [&](const lines &first, const lines &rest) {
-        expected.insert(expected.end(), first.begin(), first.end());
-        expected.insert(expected.end(), rest.begin(), rest.end());
-    };
-    expect(head(1, 0, "03 (No Action)"), {"1:  EfiSpecIDEvent: Spec ID Event03\n",
-                                          "1:    Platform Class: 0 (Client)\n",
-                                          "1:    Spec Version: 2.0(0)\n",
-                                          "1:    UINTN Size: 2 (UINT64)\n",
-                                          "1:    5 Hash Algos: ",
-                                          "1:0x0004 (",
-                                          "1:SHA1",
-                                          "1: (20 bytes)) ",
-                                          "1:0x000b (",
-                                          "1:SHA256",
-                                          "1: (32 bytes)) ",
-                                          "1:0x000c (",
-                                          "1:SHA384",
-                                          "1: (48 bytes)) ",
-                                          "1:0x000d (",
-                                          "1:SHA512",
-                                          "1: (64 bytes)) ",
-                                          "1:0x0104 (",
-                                          "1:Unknown",
-                                          "1: (7 bytes)) ",
-                                          "1:\n    Vendor Info Size: 1",
-                                          "h:FE",
-                                          "1:\n"});
-    lines variable = {"1:  Guid: " + guid_text + "\n", "1:  Name: SecureBoot\n"};
-    expect(head(2, 7, "80000002 (EFI Variable Boot)"), variable);
-    expect({"1:    VarDataLen: 1\n", "1:    VarData: ", "h:01", "1:\n"},
-           {"1:    ASCII representation: ", "t:", "1:\n"});
-    expect(head(3, 7, "80000002 (EFI Variable Boot)"), variable);
-    expect({"1:    VarDataLen: 0\n", "1:    VarData: ", "h:", "1:\n"}, {});
-    expect(head(4, 4, "80000007 (EFI Action)"), {"1:  Action: ", "t:Exit", "1:\n"});
-    expect(head(5, 8, "0d (Grub2 IPL)"), {"1:  EventSize: 1\n", "1:  Event: ", "h:67", "1:\n"});
-    expect(head(6, 1, "03 (No Action)"), {"1:  EventSize: 1\n", "1:  Event: ", "h:6E", "1:\n"});
-    expect(head(7, 1, "05 (Unknown)"), {"1:  EventSize: 0\n", "1:  Event: ", "h:", "1:\n"});
-    EXPECT_EQ(record_lines(), traced(expected));
 }
 
 TEST_F(event_log_test, KeepsEventsWhenTheArrayGrows)
@@ -290,22 +145,6 @@ TEST_F(event_log_test, SaysWhichFieldDoesNotFitWhere)
     }
 }
 
-// Reads a log from memory that ends where the log ends, so that the sanitizer sees what is read beyond it.
-void frame_and_dump(const std::string &log)
-{
-    auto exact = std::make_unique<std::byte[]>(log.size());
-    std::memcpy(exact.get(), log.data(), log.size());
-    boot_log_framing framing;
-    boot_log_misfit misfit = {};
-    boot_record record = {};
-    std::span<const std::byte> bytes(exact.get(), log.size());
-    byte_cursor records(bytes);
-    if (!find_boot_log_framing(bytes, framing, misfit))
-        return;
-    while (!records.at_end() && next_boot_record(records, framing, record, misfit))
-        dump_event_data("dump", record);
-}
-
 TEST_F(event_log_test, SurvivesAnyLengthChanged)
 {
     ascii = 1;
@@ -322,55 +161,6 @@ TEST_F(event_log_test, SurvivesAnyLengthChanged)
         std::uint32_t status = read(changed);
         ASSERT_TRUE(status == ATTEST_OK || (status == ATTEST_ERR_BOOT_LOG_READ && is_empty())) << i;
     }
-}
-
-TEST_F(event_log_test, DumpsNoMoreOfAVariableThanTheEventHolds)
-{
-    struct {
-        std::string data;
-        lines expected;
-    } cases[] = {
-        // The name runs into the data and past the end; lengths that would wrap.
-        {secure_boot(11, 1), {"a:  Name: SecureBoot\n", "a:    VarDataLen: 1\n", "h:01"}},
-        {secure_boot(UINT64_MAX, UINT64_MAX),
-         {"a:  Name: SecureBoot\n", "a:    VarDataLen: 18446744073709551615\n", "h:01"}},
-        {secure_boot(0x8000000000000000u, 0xFFFFFFFFu),
-         {"a:  Name: SecureBoot\n", "a:    VarDataLen: 4294967295\n", "h:01"}},
-        // Only the low 32 bits of the data length count for the dump.
-        {secure_boot(10, 0x100000000u), {"a:  Name: SecureBoot\n", "a:    VarDataLen: 4294967296\n", "h:"}},
-        {uefi_variable(std::string(150, 'n'), 150, "\2", 1),
-         {"a:  Name: " + std::string(99, 'n') + "\n", "h:02"}},
-        // Not even the fixed fields.
-        {secure_boot().substr(0, 15), {"a:  EventSize: 15\n"}},
-        {secure_boot().substr(0, 23), {"a:  EventSize: 23\n"}},
-        {secure_boot().substr(0, 31), {"a:  EventSize: 31\n", "a:  Event: "}}};
-    for (const auto &item : cases) {
-        std::string record = agile_record(7, EV_EFI_VARIABLE_BOOT, both, item.data);
-        frame_and_dump(record);
-        ASSERT_EQ(read(record), ATTEST_OK);
-        for (const std::string &line : traced(item.expected))
-            EXPECT_TRUE(trace_has(line)) << line;
-    }
-}
-
-TEST_F(event_log_test, DumpsASpecIdEventAsFarAsItReaches)
-{
-    // The lines of the data grow with it: one for each field that it holds, and the closing one.
-    const std::string data = spec_id_data({{0x04, 20}, {0x0B, 32}}, "vendor");
-    const std::pair<std::size_t, std::size_t> cases[] = {{0, 0},  {15, 0}, {16, 1},  {20, 2},  {21, 2},
-                                                         {22, 2}, {23, 3}, {24, 4},  {27, 4},  {28, 5},
-                                                         {31, 5}, {32, 8}, {36, 11}, {37, 13}, {43, 13}};
-    for (const auto &[length, count] : cases) {
-        std::string record = sha1_record(0, EV_NO_ACTION, no_sha1, data.substr(0, length));
-        frame_and_dump(record);
-        ASSERT_EQ(read(record), ATTEST_OK);
-        EXPECT_EQ(record_lines().size(), 5 + count + 1) << length;
-    }
-    ASSERT_EQ(read(sha1_record(0, EV_NO_ACTION, no_sha1, data.substr(0, 39))), ATTEST_OK);
-    EXPECT_TRUE(trace_has(traced({"h:7665"})[0]));
-    // A signature without its NUL.
-    ASSERT_EQ(read(sha1_record(0, EV_NO_ACTION, no_sha1, std::string(20, 'S'))), ATTEST_OK);
-    EXPECT_TRUE(trace_has(traced({"1:  EfiSpecIDEvent:" + std::string(16, 'S') + "\n"})[0]));
 }
 
 // The allocations of a log of one record of each layout, in order, and what each one's failure leads to. The

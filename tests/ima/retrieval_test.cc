@@ -248,8 +248,7 @@ TEST_F(retrieval_test, ACacheThatWasCutBackRemovedOrDamagedChangesNoEvent)
                 ASSERT_FALSE(got.empty()) << what << ' ' << start;
                 EXPECT_LE(got.front(), start + 1) << what << ' ' << start;
                 EXPECT_EQ(got.back(), LENGTH) << what << ' ' << start;
-                // A cache that fails on the way is left for its block's begin: events may come again, none is
-                // missing.
+                // A cache that fails is left for its block's begin: events may come again, none is missing.
                 std::sort(got.begin(), got.end());
                 got.erase(std::unique(got.begin(), got.end()), got.end());
                 EXPECT_EQ(got, numbers(got.front(), LENGTH)) << what << ' ' << start;
@@ -299,9 +298,8 @@ TEST_F(retrieval_test, AFailedSendEndsWithAMessageWithoutAnyField)
     struct {
         std::uint32_t ready;
         std::uint64_t start;
-        int failed; // send
-        std::vector<std::uint64_t>
-            next; // first event of the next message; none when nothing is sent any more
+        int failed;                      // send
+        std::vector<std::uint64_t> next; // first event of the next message, if one is sent
     } const cases[] = {
         {0, 0, 1, {}},
         // From a cache that is left, the live list is read: from the begin of the block of the last event
