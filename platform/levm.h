@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 struct levm;
 struct levm_watch;
@@ -40,6 +41,11 @@ std::uint32_t levm_watch_timer_rearm(levm_watch *watch, std::uint64_t delay_ms);
 
 // Ends a watch; its callback is not called any more. Allowed inside the callback itself. Null is allowed.
 void levm_watch_release(levm_watch *watch);
+
+struct levm_watch_deleter {
+    void operator()(levm_watch *watch) const noexcept { levm_watch_release(watch); }
+};
+using levm_watch_ptr = std::unique_ptr<levm_watch, levm_watch_deleter>;
 
 // Runs `work` on the loop's thread, in the order of the posts. From any thread; never runs it in the caller.
 // Work still queued at levm_destroy is dropped without being called: `context` must not be owned by the post

@@ -8,6 +8,7 @@
 #include <list>
 #include <memory>
 #include <netinet/in.h>
+#include <new>
 #include <string>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -32,16 +33,11 @@ constexpr std::uint64_t CONNECTION_MS = 5'000;
 constexpr std::size_t LARGEST_REQUEST = 8192;
 constexpr int BACKLOG = 16;
 
-struct watch_deleter {
-    void operator()(levm_watch *watch) const noexcept { levm_watch_release(watch); }
-};
-using watch_ptr = std::unique_ptr<levm_watch, watch_deleter>;
-
 struct connection {
     unique_fd socket;
     std::string request, answer;
     std::size_t sent = 0;
-    watch_ptr ready, limit; // after `socket`: released before it is closed
+    levm_watch_ptr ready, limit; // after `socket`: released before it is closed
 };
 
 struct collector {
@@ -54,7 +50,7 @@ struct metrics_server {
     levm *manager = nullptr;
     std::string path; // of the UNIX socket, to be removed
     unique_fd listener;
-    watch_ptr accepts;
+    levm_watch_ptr accepts;
     std::list<connection> connections;
 };
 metrics_server server;
@@ -138,9 +134,8 @@ void on_writable(void *context, std::uint32_t)
         forget(one);
 }
 
-void on_readable(void *context, std::uint32_t)
+void take_request(connection &one)
 {
-    auto &one = *static_cast<connection *>(context);
     std::array<char, 2048> part{};
     const ssize_t got = recv(one.socket.get(), part.data(), part.size(), 0);
     if (got < 0 && errno == EAGAIN)
@@ -158,7 +153,18 @@ void on_readable(void *context, std::uint32_t)
         forget(one);
 }
 
-void on_listener(void *, std::uint32_t)
+// Without memory the connection ends without an answer.
+void on_readable(void *context, std::uint32_t)
+{
+    auto &one = *static_cast<connection *>(context);
+    try {
+        take_request(one);
+    } catch (const std::bad_alloc &) {
+        forget(one);
+    }
+}
+
+void accept_one()
 {
     unique_fd accepted(accept4(server.listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!accepted || server.connections.size() >= MOST_CONNECTIONS)
@@ -171,6 +177,15 @@ void on_listener(void *, std::uint32_t)
         &one));
     if (one.ready == nullptr || one.limit == nullptr)
         forget(one);
+}
+
+void on_listener(void *, std::uint32_t)
+{
+    try {
+        accept_one();
+    } catch (const std::bad_alloc &) {
+        return; // it is closed
+    }
 }
 
 // What an agent left that was killed. Only a socket is removed: a path that was mistyped may be anything.
@@ -220,8 +235,7 @@ std::uint32_t metrics_start(levm *manager)
     if (!parse(setting, &where, &server.path)) {
         operator_log(LOG_ERR,
                      "ATTEST_METRICS is \"%s\": metrics are served on a port, on a loopback address with a "
-                     "port, or on "
-                     "unix:PATH; there are none now",
+                     "port, or on unix:PATH; there are none now",
                      setting);
         return platform_status_from_errno(EINVAL);
     }

@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <cstring>
 #include <netinet/in.h>
+#include <new>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <syslog.h>
@@ -73,9 +74,13 @@ bool accept_one(remote_attestation_api_server &server)
 void on_listener(void *context, std::uint32_t)
 {
     auto &server = *static_cast<remote_attestation_api_server *>(context);
-    for (int i = 0; i < ACCEPT_BATCH && server.listener; ++i) {
-        if (!accept_one(server))
-            return;
+    try {
+        for (int i = 0; i < ACCEPT_BATCH && server.listener; ++i) {
+            if (!accept_one(server))
+                return;
+        }
+    } catch (const std::bad_alloc &) {
+        pause_accepting(server, ENOMEM); // the connection that it was for is closed
     }
 }
 

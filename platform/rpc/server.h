@@ -15,11 +15,6 @@
 #include "platform/rpc/settings.h"
 #include "platform/rpc/shared.h"
 
-struct levm_watch_deleter {
-    void operator()(levm_watch *watch) const noexcept { levm_watch_release(watch); }
-};
-using levm_watch_ptr = std::unique_ptr<levm_watch, levm_watch_deleter>;
-
 struct rpc_connection {
     remote_attestation_api_client id = 0;
     remote_attestation_api_server *server = nullptr;
