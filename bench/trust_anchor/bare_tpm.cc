@@ -52,7 +52,7 @@ ESYS_TR bare_tpm::key(const std::string &manifest_file, const char *name)
 
 bool bare_tpm::read_and_quote(std::uint32_t count, std::span<const std::uint8_t> nonce)
 {
-    const tpm_algorithm &bank = *tpm_algorithm_of_id(TPM2_ALG_SHA256);
+    const tpm_algorithm &bank = *tpm_algorithm_of_number(KOV_ALG_SHA256);
     for (std::uint32_t i = 0; i < count; ++i) {
         const TPML_PCR_SELECTION asked{1, {pcr_selection(bank, 1u << i)}};
         TPML_PCR_SELECTION *read = nullptr;

@@ -57,8 +57,6 @@ const char *name_of(rpc_code code)
         return "aborted";
     case rpc_code::unimplemented:
         return "unimplemented";
-    case rpc_code::internal:
-        return "internal";
     case rpc_code::unavailable:
         return "unavailable";
     }

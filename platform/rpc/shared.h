@@ -73,7 +73,6 @@ enum class rpc_code : int {
     resource_exhausted = 8,
     aborted = 10,
     unimplemented = 12,
-    internal = 13,
     unavailable = 14
 };
 

@@ -12,25 +12,11 @@ const std::array<tpm_algorithm, tpm_algorithm_count> tpm_algorithms{{
     {KOV_ALG_SHA512, TPM2_ALG_SHA512, "sha512", 64, EVP_sha512},
 }};
 
-namespace {
-
-template <class Predicate>
-const tpm_algorithm *find_algorithm(Predicate predicate)
-{
-    const auto found = std::find_if(tpm_algorithms.begin(), tpm_algorithms.end(), predicate);
-    return found == tpm_algorithms.end() ? nullptr : &*found;
-}
-
-} // namespace
-
 const tpm_algorithm *tpm_algorithm_of_number(std::uint32_t number)
 {
-    return find_algorithm([number](const tpm_algorithm &row) { return row.number == number; });
-}
-
-const tpm_algorithm *tpm_algorithm_of_id(TPM2_ALG_ID id)
-{
-    return find_algorithm([id](const tpm_algorithm &row) { return row.id == id; });
+    const auto found = std::find_if(tpm_algorithms.begin(), tpm_algorithms.end(),
+                                    [number](const tpm_algorithm &row) { return row.number == number; });
+    return found == tpm_algorithms.end() ? nullptr : &*found;
 }
 
 bool digest_of(const tpm_algorithm &algorithm, std::initializer_list<std::span<const std::uint8_t>> pieces,

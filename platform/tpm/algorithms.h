@@ -23,9 +23,8 @@ inline constexpr std::size_t max_digest_size = 64;
 
 extern const std::array<tpm_algorithm, tpm_algorithm_count> tpm_algorithms;
 
-// Null for a number (an identifier) that is none of the four.
+// Null for a number that is none of the four.
 const tpm_algorithm *tpm_algorithm_of_number(std::uint32_t number);
-const tpm_algorithm *tpm_algorithm_of_id(TPM2_ALG_ID id);
 
 using digest_value = std::array<std::uint8_t, max_digest_size>; // the first digest_size bytes count
 
