@@ -5,6 +5,7 @@
 
 #include "agent/debug_trace.h"
 #include "agent/gauges.h"
+#include "agent/node_location.h"
 #include "agent/server_start.h"
 #include "agent/signals.h"
 #include "agent/status.h"
@@ -71,7 +72,7 @@ int main(int argc, char **argv)
     attestation_local_init();
     at_install_signal_handlers();
 
-    char node_name[32];
+    char node_name[NODE_NAME_SIZE];
     if (platform_get_node_name(node_name, sizeof node_name) != 0) {
         raise_system_message(msg_rec_attestation_agent_init, "Unable to get platform node info");
         return 1;

@@ -153,20 +153,7 @@ TEST_F(session_test, CapabilitiesSayWhatTheTpmCanDo)
 TEST_F(session_test, ABankThatIsNotAllocatedIsAStatus)
 {
     release();
-    {
-        const auto tpm = connect_to(tpm_);
-        TPML_PCR_SELECTION only_sha1{};
-        for (const tpm_algorithm &algorithm : tpm_algorithms)
-            only_sha1.pcrSelections[only_sha1.count++] =
-                pcr_selection(algorithm, algorithm.number == KOV_ALG_SHA1 ? 0xFFFFFF : 0);
-        TPMI_YES_NO done = TPM2_NO;
-        UINT32 ignored = 0;
-        ASSERT_EQ(Esys_PCR_Allocate(tpm->esys, ESYS_TR_RH_PLATFORM, ESYS_TR_PASSWORD, ESYS_TR_NONE,
-                                    ESYS_TR_NONE, &only_sha1, &done, &ignored, &ignored, &ignored),
-                  TSS2_RC_SUCCESS);
-    }
-    tpm_.kill();
-    tpm_.start();
+    keep_sha1_bank_only(tpm_);
     use(tpm_);
     const session_owner session = login();
     std::uint32_t present = 2;

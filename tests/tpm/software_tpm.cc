@@ -184,6 +184,21 @@ std::string file_text(const std::string &path)
     return text.str();
 }
 
+void keep_sha1_bank_only(software_tpm &tpm)
+{
+    TPML_PCR_SELECTION banks{};
+    for (const tpm_algorithm &algorithm : tpm_algorithms)
+        banks.pcrSelections[banks.count++] =
+            pcr_selection(algorithm, algorithm.number == KOV_ALG_SHA1 ? 0xFFFFFF : 0);
+    TPMI_YES_NO done = TPM2_NO;
+    UINT32 ignored = 0;
+    EXPECT_EQ(Esys_PCR_Allocate(connect_to(tpm)->esys, ESYS_TR_RH_PLATFORM, ESYS_TR_PASSWORD, ESYS_TR_NONE,
+                                ESYS_TR_NONE, &banks, &done, &ignored, &ignored, &ignored),
+              TSS2_RC_SUCCESS);
+    tpm.kill();
+    tpm.start();
+}
+
 std::vector<std::uint8_t> file_bytes(const std::string &path)
 {
     const std::string text = file_text(path);

@@ -66,6 +66,9 @@ std::uint32_t tpm_property(tpm_connection &tpm, std::uint32_t property);
 // The handles of a kind, TPM2_TRANSIENT_FIRST, TPM2_LOADED_SESSION_FIRST, TPM2_PERSISTENT_FIRST, ...
 std::vector<std::uint32_t> tpm_handles(tpm_connection &tpm, std::uint32_t first);
 
+// The TPM keeps a SHA-1 bank alone; it is started anew for that. No connection is open.
+void keep_sha1_bank_only(software_tpm &tpm);
+
 std::vector<std::uint8_t> file_bytes(const std::string &path);
 std::string file_text(const std::string &path);
 void write_file(const std::string &path, const std::string &content);

@@ -6,10 +6,9 @@
 
 #include "agent/agent_state.h"
 #include "agent/status.h"
-#include "platform/tpm/manifest.h"
 #include "tests/support/allocation_faults.h"
 #include "tests/support/trace_capture.h"
-#include "tests/trust_anchor/tpm_relay.h"
+#include "tests/trust_anchor/operations_fixture.h"
 #include "trust_anchor/certificate_chain.h"
 #include "trust_anchor/hw_integrity.h"
 #include "trust_anchor/local_init.h"
@@ -19,163 +18,6 @@ namespace {
 
 const fake_answer gone{{}, true};
 const fake_answer refused{tpm_response(TPM2_RC_FAILURE)};
-
-// A request of each kind, with what a record of its kind has to hold when it is whole.
-struct evidence {
-    std::uint32_t status = 0;
-    bool empty = true;
-    bool quoted = false; // or signed
-};
-
-std::uint8_t nonce_bytes[65];
-
-evidence ask_certificates(const char *name, std::size_t nonce_length = 20)
-{
-    get_certificate_request request{};
-    std::string text = name;
-    request.cert_name = text.data();
-    request.nonce = {nonce_bytes, nonce_length};
-    request.present = request.has_cert_name | request.has_nonce;
-    owned_message<SystemCertificates> record;
-    evidence got;
-    got.status = attestation_get_certchain(&request, record.get());
-    got.empty = record->present == 0 && record->node_name == nullptr && record->certs.items == nullptr;
-    got.quoted = (record->present & record->has_signature) != 0;
-    if (got.status == ATTEST_OK) {
-        EXPECT_EQ(record->certs.count, 3u);
-        EXPECT_STREQ(record->certs.items[0].name, (text + " Root").c_str());
-        EXPECT_STREQ(record->certs.items[1].name, (text + " CA").c_str());
-        EXPECT_STREQ(record->certs.items[2].name, name);
-    }
-    return got;
-}
-
-evidence ask_pcrs(std::vector<std::uint32_t> indices, std::size_t nonce_length = 20)
-{
-    attest_pcr_request request{};
-    request.pcr_indices = {indices.data(), static_cast<std::uint32_t>(indices.size())};
-    request.nonce = {nonce_bytes, nonce_length};
-    request.present = request.has_pcr_indices | request.has_nonce;
-    owned_message<NodePCRData> record;
-    evidence got;
-    got.status = attestation_attest_pcrs(&request, record.get());
-    got.empty = record->present == 0 && record->node_name == nullptr && record->pcrs.items == nullptr;
-    got.quoted = (record->present & record->has_quote) != 0;
-    EXPECT_EQ(got.quoted, (record->present & record->has_quote_signature) != 0);
-    if (got.status == ATTEST_OK) {
-        EXPECT_EQ(record->pcrs.count, indices.size() % 256);
-        for (std::uint32_t i = 0; i < record->pcrs.count; ++i)
-            EXPECT_EQ(record->pcrs.items[i].index, indices[i]);
-        EXPECT_NE(record->present & record->has_uptime, 0u);
-    }
-    return got;
-}
-
-evidence ask_hw_integrity(std::size_t nonce_length = 20, std::uint32_t hash_algo = 1)
-{
-    get_platform_hw_integrity_request request{};
-    request.hash_algo = hash_algo;
-    request.nonce = {nonce_bytes, nonce_length};
-    request.present = request.has_hash_algo | request.has_nonce;
-    tpm_hw_integrity record{};
-    evidence got;
-    got.status = get_platform_hw_integrity_local(&request, &record);
-    got.empty = record.present == 0 && record.node_name == nullptr && record.pcrs.items == nullptr;
-    got.quoted = (record.present & record.has_quote) != 0;
-    if (!got.empty) {
-        EXPECT_STREQ(record.key_cert_name, "Kestrin AIK");
-        EXPECT_STREQ(record.source_name, (std::string(record.node_name) + "_zuvari").c_str());
-        EXPECT_EQ(record.pcrs.count, 1u);
-        EXPECT_EQ(record.pcrs.items[0].index, 15u);
-        for (const message_list<UID_DIGEST> *list : {&record.uid_digests_db0, &record.uid_digests_db1})
-            for (std::uint32_t i = 0; i < list->count; ++i)
-                EXPECT_EQ(list->items[i].index, i);
-    }
-    message_release(record);
-    return got;
-}
-
-class operations_test : public ::testing::Test {
-protected:
-    operations_test() { restore(); }
-    ~operations_test() override
-    {
-        kovc_release_context(&at_agent_state.client_context);
-        losing_variable = {};
-    }
-
-    // A provisioned node as it was at first, and the agent started on it.
-    void restore()
-    {
-        kovc_release_context(&at_agent_state.client_context);
-        relay_.heal();
-        losing_variable = {};
-        std::filesystem::copy(provisioned_tpm() + "/node", tpm_.node(),
-                              std::filesystem::copy_options::recursive |
-                                  std::filesystem::copy_options::overwrite_existing);
-        setenv("ATTEST_TPM", relay_.address().c_str(), 1);
-        setenv("ATTEST_TRUST_ANCHOR", tpm_.manifest().c_str(), 1);
-        setenv("ATTEST_NODE_NAME", "card7", 1);
-        trace_captured.clear();
-        ASSERT_EQ(attestation_local_init(), ATTEST_OK);
-        ASSERT_EQ(at_agent_state.capability_pcr_read, 1u);
-        ASSERT_EQ(at_agent_state.capability_pcr_quote, 1u);
-        ASSERT_EQ(at_agent_state.ima_cache_ready, 1u);
-        ASSERT_EQ(trace_captured.back(), "attestation_local_init(): IMA cache initialized");
-        trace_captured.pop_back();
-        ASSERT_THAT(trace_captured,
-                    testing::Not(testing::Contains(testing::HasSubstr("attestation_local_init"))));
-        trace_captured.clear();
-    }
-    // What the agent does when it is started on a node as it is now.
-    std::uint32_t start()
-    {
-        kovc_release_context(&at_agent_state.client_context);
-        trace_captured.clear();
-        return attestation_local_init();
-    }
-
-    manifest node()
-    {
-        manifest read;
-        EXPECT_EQ(manifest_load(tpm_.manifest(), read), KOV_SUCCESS);
-        return read;
-    }
-    std::string object_path(const char *name)
-    {
-        return tpm_.node() + "/" + manifest_find_object(node(), name)->file;
-    }
-    void without_key(const char *name)
-    {
-        manifest changed = node();
-        std::erase_if(changed.keys, [&](const manifest_key &key) { return key.name == name; });
-        write_file(tpm_.manifest(), manifest_text(changed));
-    }
-    // The TPM keeps a SHA-1 bank alone from its next start on.
-    void deallocate_banks()
-    {
-        kovc_release_context(&at_agent_state.client_context);
-        relay_.disconnect();
-        {
-            const auto tpm = connect_to(tpm_);
-            TPML_PCR_SELECTION only_sha1{};
-            for (const tpm_algorithm &algorithm : tpm_algorithms)
-                only_sha1.pcrSelections[only_sha1.count++] =
-                    pcr_selection(algorithm, algorithm.number == KOV_ALG_SHA1 ? 0xFFFFFF : 0);
-            TPMI_YES_NO done = TPM2_NO;
-            UINT32 ignored = 0;
-            EXPECT_EQ(Esys_PCR_Allocate(tpm->esys, ESYS_TR_RH_PLATFORM, ESYS_TR_PASSWORD, ESYS_TR_NONE,
-                                        ESYS_TR_NONE, &only_sha1, &done, &ignored, &ignored, &ignored),
-                      TSS2_RC_SUCCESS);
-        }
-        tpm_.kill();
-        tpm_.start();
-        setenv("ATTEST_TPM", relay_.address().c_str(), 1);
-    }
-
-    software_tpm tpm_{provisioned_tpm()};
-    tpm_relay relay_{tpm_};
-};
 
 TEST_F(operations_test, StartingFailsAtTheStepThatFails)
 {
@@ -350,7 +192,10 @@ TEST_F(operations_test, WithoutANonceThereIsAQuoteAndNoSignature)
 
 TEST_F(operations_test, ABankThatIsNotAllocatedIsAFailedRead)
 {
-    deallocate_banks();
+    kovc_release_context(&at_agent_state.client_context);
+    relay_.disconnect();
+    keep_sha1_bank_only(tpm_);
+    setenv("ATTEST_TPM", relay_.address().c_str(), 1);
     EXPECT_EQ(start(), ATTEST_OK);
     EXPECT_EQ(at_agent_state.capability_pcr_read, 0u);
     EXPECT_EQ(ask_pcrs({0}).status, ATTEST_ERR_NOT_SUPPORTED);
@@ -373,6 +218,26 @@ TEST_F(operations_test, DigestsThatAreMissingFailTheReportButNotTheRest)
     EXPECT_TRUE(trace_has_part("get_platform_hw_integrity_local(): Failed to fetch  the trust anchor is not "
                                "provisioned for 0 type db uids"));
     EXPECT_FALSE(trace_has_part("for 1 type db uids"));
+}
+
+TEST_F(operations_test, ValuesAndQuoteThatDoNotBelongTogetherAreCollectedThreeTimes)
+{
+    const std::pair<const char *, std::function<evidence()>> operations[] = {
+        {"attestation_attest_pcrs", [] { return ask_pcrs({7}); }},
+        {"get_platform_hw_integrity_local", [] { return ask_hw_integrity(); }}};
+    for (const auto &[name, ask] : operations) {
+        const auto told = [name = name](int remaining) {
+            return trace_has(std::string(name) + "(): PCR values and quote not in sync (tries remaining " +
+                             std::to_string(remaining) + ")");
+        };
+        times_out_of_sync = 2;
+        EXPECT_TRUE(ask().quoted) << name;
+        EXPECT_TRUE(told(2) && told(1) && !told(0)) << name;
+        times_out_of_sync = 3;
+        const evidence never = ask();
+        EXPECT_EQ(never.status, ATTEST_ERR_KOV_COMM) << name;
+        EXPECT_TRUE(never.empty && told(0)) << name;
+    }
 }
 
 TEST_F(operations_test, AReportWithoutItsNodesNameEndsTheProcess)
