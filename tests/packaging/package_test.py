@@ -1,5 +1,6 @@
 """The life of an installation, on a machine of its own with systemd (see `machine` beside this): the package is built,
 judged, installed, provisioned, asked over mutual TLS from another network, killed, upgraded, rolled back and purged."""
+import mmap
 import os
 import pathlib
 import re
@@ -52,6 +53,10 @@ def files_of_it():
         found |= {path for path in told.splitlines() if TRACES.search(path) and not path.startswith(str(SOURCE))
                   and not path.startswith(("/etc/systemd/system/operator", "/var/lib/dpkg/info"))}
     return found
+
+
+def semaphore_sets():
+    return [line for line in run("ipcs", "--semaphores").splitlines() if line.startswith("0x")]
 
 
 class Installation(unittest.TestCase):
@@ -213,7 +218,11 @@ class Installation(unittest.TestCase):
         self.assertIn("card7", SETTINGS.read_text())
         shutil.rmtree(TLS)  # the operator's own
         shutil.rmtree(f"/run/systemd/system/{UNIT}.d")
-        run("dpkg", "--purge", "attestation-agent", "attestctl")
+        self.assertEqual(len(semaphore_sets()), 2)
+        # Somebody looks at the cache's metadata meanwhile: its lock stays his.
+        with open("/dev/shm/ima_cache_meta", "r+b") as file, mmap.mmap(file.fileno(), 0):
+            run("dpkg", "--purge", "attestation-agent", "attestctl")
+        self.assertEqual(len(semaphore_sets()), 1)
         run("systemctl", "daemon-reload")
         self.assertEqual(files_of_it() - self.files_before, set())
 
