@@ -157,6 +157,12 @@ TEST(verify, certificates)
          chain},
         {"key that may not sign", replaced(DEVICE, device, [](auto &plan) { plan.usage = "keyAgreement"; }),
          chain},
+        {"root expired",
+         replaced(ROOT, root_plan("identity root"), [](auto &plan) { plan.to_s = -60; }),
+         {"FAIL identity chain", "FAIL identity root"}},
+        {"key of another kind",
+         replaced(DEVICE, device, [](auto &plan) { plan.key = keys().stranger.get(); }),
+         {"FAIL identity signature", "FAIL attestation key signature"}},
         {"CA that did not issue",
          replaced(DEVICE, device,
                   [](auto &plan) {
@@ -183,6 +189,16 @@ TEST(verify, certificates)
          [](forged &f) { replace_certificate(f, DEVICE, ""); },
          {"FAIL identity certificates", "not made identity chain", "not made identity signature",
           "not made attestation key signature"}},
+        {"neither root nor CA",
+         [](forged &f) {
+             identity(f).mutable_certs(ROOT)->clear_data();
+             replace_certificate(f, CA, "");
+         },
+         {"FAIL identity certificates", "not made identity chain", "FAIL identity root"}},
+        {"no certificates at all",
+         [](forged &f) { identity(f).clear_certs(); },
+         {"FAIL identity certificates", "not made identity chain", "FAIL identity root",
+          "not made identity signature", "not made attestation key signature"}},
         {"a fourth certificate",
          [](forged &f) {
              *attestation_key(f).add_certs() = identity(f).certs(CA);
@@ -193,6 +209,12 @@ TEST(verify, certificates)
         {"another certificate than was asked for",
          [](forged &f) { identity(f).mutable_certs(DEVICE)->set_name("Kestrin AIK"); },
          {"FAIL identity certificates"}},
+        {"identity's certificate for the attestation key's",
+         [](forged &f) { attestation_key(f).mutable_certs(DEVICE)->set_name("Kestrin VOXA"); },
+         {"FAIL attestation key certificates"}},
+        {"attestation key's for one that there is not is fine",
+         [](forged &f) { f.got.attestation_key_request.set_cert_name("Customer AIK"); },
+         {}},
         {"nonce one bit off",
          [](forged &f) { flip_bit(*identity(f).mutable_nonce()); },
          {"FAIL identity nonce"}},
@@ -281,6 +303,21 @@ TEST(verify, quote)
              pcrs(f).mutable_pcrs(24)->set_index(32);
          },
          {"FAIL quote selection"}},
+        {"no PCR quoted",
+         requoted([&](auto &quote) { std::ranges::fill(selection(quote).pcrSelect, 0); }),
+         {"FAIL quote selection", "FAIL quote digest"}},
+        {"one value too few",
+         [](forged &f) { pcrs(f).mutable_pcrs()->RemoveLast(); },
+         {"FAIL quote values", "not made quote digest"}},
+        {"more values than can be asked for",
+         [](forged &f) {
+             for (int i = 0; i < 256; ++i)
+                 *pcrs(f).add_pcrs() = pcrs(f).pcrs(23);
+         },
+         {"FAIL quote values", "not made quote digest", "FAIL boot log replay"}},
+        {"value of no PCR",
+         [](forged &f) { pcrs(f).mutable_pcrs(13)->clear_index(); },
+         {"FAIL quote values", "not made quote digest"}},
         {"values swapped",
          [](forged &f) {
              pcrs(f).mutable_pcrs(12)->mutable_value()->swap(*pcrs(f).mutable_pcrs(13)->mutable_value());
@@ -395,6 +432,14 @@ TEST(verify, boot_log)
          replay_fails},
         {"locality that there is not",
          [](forged &f) { events(f)[LOCALITY].mutable_event_data()->back() = 2; }, both_fail},
+        {"another locality", [](forged &f) { events(f)[LOCALITY].mutable_event_data()->back() = 4; },
+         replay_fails},
+        {"locality of two bytes",
+         [](forged &f) {
+             events(f)[LOCALITY].mutable_event_data()->push_back('\0');
+             events(f)[LOCALITY].set_event_size(events(f)[LOCALITY].event_size() + 1);
+         },
+         both_fail},
         {"locality twice",
          [](forged &f) {
              *events(f).Add() = events(f)[LOCALITY];
@@ -414,6 +459,12 @@ TEST(verify, boot_log)
          [](forged &f) { events(f).DeleteSubrange(FIRMWARE_VERSION, events(f).size() - FIRMWARE_VERSION); },
          replay_fails},
         {"PCR that no TPM has", [](forged &f) { events(f)[KERNEL].set_pcr_index(24); }, both_fail},
+        {"event without a PCR", [](forged &f) { events(f)[KERNEL].clear_pcr_index(); }, both_fail},
+        {"event without a type",
+         [](forged &f) { events(f)[KERNEL].clear_event_type(); },
+         {"FAIL boot log events"}},
+        {"digest by no algorithm", [](forged &f) { events(f)[KERNEL].mutable_digests(1)->clear_hash_alg(); },
+         replay_fails},
         {"event without its data",
          [](forged &f) { events(f)[KERNEL].clear_event_data(); },
          {"FAIL boot log events"}},
@@ -441,6 +492,10 @@ TEST(verify, hardware)
          differ},
         {"chip not reported", [&](forged &f) { now(f)->RemoveLast(); }, differ},
         {"nothing reported", [&](forged &f) { now(f)->Clear(); }, differ},
+        {"nothing recorded",
+         [&](forged &f) { recorded(f)->Clear(); },
+         {"FAIL hardware identifiers", "FAIL hardware binding"}},
+        {"entry without a number", [&](forged &f) { now(f)->at(0).clear_index(); }, differ},
         {"entries out of order", [&](forged &f) { now(f)->SwapElements(0, 1); }, differ},
         {"digest of another size", [&](forged &f) { now(f)->at(3).mutable_digest()->resize(20); }, differ},
         {"another list recorded and shown",
@@ -461,6 +516,12 @@ TEST(verify, hardware)
              quote_hardware(f);
          },
          {"FAIL hardware binding"}},
+        {"value of another PCR",
+         [](forged &f) { hardware(f).mutable_pcrs(0)->set_index(14); },
+         {"FAIL hardware binding", "FAIL hardware quote values", "not made hardware quote digest"}},
+        {"bank that there is not is SHA-256",
+         [](forged &f) { f.got.hw_integrity_request.set_hash_algo(9); },
+         {}},
         {"value not quoted",
          [](forged &f) { hardware(f).mutable_pcrs(0)->set_value(std::string(32, 'x')); },
          {"FAIL hardware binding", "FAIL hardware quote digest"}},
@@ -550,10 +611,20 @@ TEST(verify, source_without_one_kind_fails_there)
 TEST(verify, no_source_and_too_many)
 {
     EXPECT_THAT(not_passed({}, {}), ElementsAre("FAIL sources"));
-    forged f = good_evidence();
-    for (int i = 0; i < 1000; ++i)
-        f.got.pcrs.add_node_data()->set_node_name(std::to_string(i));
-    EXPECT_THAT(not_passed(f), ElementsAre("FAIL sources"));
+    const auto crowd = [](auto answer) {
+        return [answer](forged &f) {
+            for (int i = 0; i < 16; ++i)
+                (f.got.*answer).add_node_data()->set_node_name(std::to_string(i));
+        };
+    };
+    const strings refused = {"FAIL sources"};
+    expect_each({
+        {"identities", crowd(&evidence::identity), refused},
+        {"attestation keys", crowd(&evidence::attestation_key), refused},
+        {"PCR values", crowd(&evidence::pcrs), refused},
+        {"boot logs", crowd(&evidence::boot_log), refused},
+        {"hardware", crowd(&evidence::hw_integrity), refused},
+    });
 }
 
 TEST(verify, ima_list_that_did_not_come_fails)
