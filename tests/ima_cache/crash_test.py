@@ -88,6 +88,8 @@ class State:
 
 def drive(*command, under=(), limit=None):
     environment = {**ENVIRONMENT, "CACHE_FSIZE": limit} if limit else ENVIRONMENT
+    if any(word.endswith("+") for word in (*under, limit or "")):
+        environment = {**environment, "GCOV_PREFIX": "/tmp/lost"}  # a build that counts could not write it whole
     process = subprocess.Popen([*under, DRIVER, *map(str, command)], env=environment, stdout=subprocess.PIPE,
                                stderr=subprocess.STDOUT, text=True, start_new_session=True)
     try:
@@ -117,6 +119,8 @@ def calls_of(*command):
             call = re.match(r"\d+\s+(\w+)\(", line)
             if not call:
                 continue
+            if ".gcda" in line:  # a build that counts what it reaches, as it ends
+                break
             counts[call[1]] += 1
             if "/the work begins" in line:
                 points = work
