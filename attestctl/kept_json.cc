@@ -1,8 +1,10 @@
 #include "attestctl/kept_json.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <set>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -64,47 +66,57 @@ const json *member(const json &object, const char *name)
     return found == object.end() ? nullptr : &*found;
 }
 
+// The file's nodes; none where there is no file, and then or with an error: nullptr.
+const json *nodes_of(const json &content, const kept_file &file, const kept_kind &kind, std::string &error)
+{
+    if (!file.existed)
+        return nullptr;
+    std::uint32_t version = 0;
+    const json *nodes = member(content, "nodes");
+    if (file.content.empty())
+        error = printable(file.path) + " is empty";
+    else if (content.is_discarded())
+        error = printable(file.path) + " is no whole JSON text";
+    else if (!take(content, kind.name, version) || version != 1)
+        error = printable(file.path) + " is no file of kind \"" + kind.name + "\", version 1";
+    else if (nodes == nullptr || !nodes->is_array())
+        error = printable(file.path) + " has no list \"nodes\"";
+    return error.empty() ? nodes : nullptr;
+}
+
 } // namespace
 
-bool read_kept_json(const std::string &path, const char *kind, kept_file &file, json &into,
-                    std::string &error)
+bool read_kept_nodes(const std::string &path, const kept_kind &kind, kept_file &file,
+                     const std::function<bool(const std::string &target, const json &entry)> &take_entry,
+                     std::string &error)
 {
-    into = nullptr;
     if (!read_kept_file(path, file, error) || !can_replace_file(path, error))
         return false;
-    if (!file.existed)
-        return true;
-    into = json::parse(file.content, nullptr, false);
-    std::uint32_t version = 0;
-    if (file.content.empty())
-        error = printable(path) + " is empty";
-    else if (into.is_discarded())
-        error = printable(path) + " is no whole JSON text";
-    else if (!take(into, kind, version) || version != 1)
-        error = printable(path) + " is no file of kind \"" + kind + "\", version 1";
-    return error.empty();
-}
-
-bool read_kept_list(const json &content, const kept_file &file, const char *name, std::string &error,
-                    const std::function<bool(const json &entry)> &take_entry)
-{
-    const json *list = member(content, name);
-    if (file.existed && (list == nullptr || !list->is_array()))
-        error = printable(file.path) + " has no list \"" + name + '"';
-    std::size_t number = 0;
-    for (const json &entry : list_at(content, name)) {
-        ++number;
-        if (!take_entry(entry)) {
-            error = printable(file.path) +
-                    format(": entry %zu of \"%s\" is not as attestctl writes it", number, name);
-            break;
+    const json content = json::parse(file.content, nullptr, false);
+    const json *nodes = nodes_of(content, file, kind, error);
+    if (nodes == nullptr)
+        return error.empty();
+    std::set<std::string> targets;
+    for (const json &node : *nodes) {
+        std::string target;
+        const json &entries = list_at(node, kind.entries);
+        if (!take(node, "target", target) || !targets.insert(target).second || entries.empty() ||
+            !std::all_of(entries.begin(), entries.end(),
+                         [&](const json &entry) { return take_entry(target, entry); })) {
+            error = printable(path) + format(": entry %td of \"nodes\" is not as attestctl writes it",
+                                             &node - &nodes->front() + 1);
+            return false;
         }
     }
-    return error.empty();
+    return true;
 }
 
-bool replace_kept_json(kept_file &file, const json &content, std::string &error)
+bool write_kept_nodes(kept_file &file, const kept_kind &kind, const kept_nodes &nodes, std::string &error)
 {
+    json list = json::array();
+    for (const auto &[target, entries] : nodes)
+        list.push_back({{"target", target}, {kind.entries, entries}});
+    const json content = {{kind.name, 1}, {"nodes", std::move(list)}};
     const std::string text = content.dump(1, ' ', false, json::error_handler_t::replace) + '\n';
     if (file.existed && text == file.content)
         return true;

@@ -11,10 +11,9 @@ using nlohmann::json;
 
 namespace {
 
-constexpr const char *KIND = "attestctl_pins";
+constexpr kept_kind KIND = {"attestctl_pins", "sources"};
 
-// Firmware, boot loader, shim and provisioning extend these, and nobody after
-// them.
+// Firmware, boot loader, shim and provisioning extend these, and nobody after them.
 constexpr pcr_set PINNED_PCRS = 0xc3ff;
 
 // False: it is there, and is none.
@@ -51,17 +50,6 @@ bool read_source(const json &entry, pinned_source &into)
     return take(entry, "source", into.source) && read_root(entry, "identity_root", into.identity_root) &&
            read_root(entry, "attestation_key_root", into.attestation_key_root) &&
            read_pcrs(entry, into.pcrs) && read_references(entry, into.references);
-}
-
-bool read_node(const json &entry, node_pins &into)
-{
-    std::string target;
-    std::vector<pinned_source> sources;
-    for (const json &one : list_at(entry, "sources"))
-        if (!read_source(one, sources.emplace_back()))
-            return false;
-    return take(entry, "target", target) && !sources.empty() &&
-           into.nodes.emplace(target, std::move(sources)).second;
 }
 
 json source_json(const pinned_source &one)
@@ -168,24 +156,22 @@ void check_references(check_list &list, const pinned_source &pinned, const pinne
 
 bool read_pins(const std::string &path, node_pins &into, std::string &error)
 {
-    json content;
     into.nodes.clear();
-    if (!read_kept_json(path, KIND, into.file, content, error))
-        return false;
-    return read_kept_list(content, into.file, "nodes", error,
-                          [&into](const json &entry) { return read_node(entry, into); });
+    return read_kept_nodes(
+        path, KIND, into.file,
+        [&into](const std::string &target, const json &entry) {
+            return read_source(entry, into.nodes[target].emplace_back());
+        },
+        error);
 }
 
 bool write_pins(node_pins &pins, std::string &error)
 {
-    json nodes = json::array();
-    for (const auto &[target, sources] : pins.nodes) {
-        json entries = json::array();
+    kept_nodes nodes;
+    for (const auto &[target, sources] : pins.nodes)
         for (const pinned_source &one : sources)
-            entries.push_back(source_json(one));
-        nodes.push_back({{"target", target}, {"sources", std::move(entries)}});
-    }
-    return replace_kept_json(pins.file, {{KIND, 1}, {"nodes", std::move(nodes)}}, error);
+            nodes[target].push_back(source_json(one));
+    return write_kept_nodes(pins.file, KIND, nodes, error);
 }
 
 std::vector<pinned_source> pins_of(const evidence &got)

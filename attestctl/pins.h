@@ -1,5 +1,4 @@
-// What nodes were like when they were verified first, kept in the file of --pin
-// and demanded ever after.
+// What nodes were like when they were verified first, kept in the file of --pin and demanded ever after.
 #pragma once
 
 #include <map>
@@ -11,14 +10,13 @@
 #include "attestctl/evidence.h"
 #include "attestctl/kept_file.h"
 
-// What one source had. What is not there is not demanded: a user may take pins
-// out of the file, and put further PCRs in.
+// What one source had. What is not there is not demanded: a user may take pins out of the file, and put
+// further PCRs in.
 struct pinned_source {
-    std::string source; // see source_name
-    std::optional<std::string> identity_root,
-        attestation_key_root;                           // SHA-256 of the certificates
-    std::map<std::uint32_t, std::string> pcrs;          // of the quoted bank
-    std::optional<std::vector<std::string>> references; // digests of the chips as recorded
+    std::string source;                                             // see source_name
+    std::optional<std::string> identity_root, attestation_key_root; // SHA-256 of the certificates
+    std::map<std::uint32_t, std::string> pcrs;                      // of the quoted bank
+    std::optional<std::vector<std::string>> references;             // digests of the chips as recorded
 };
 
 struct node_pins {
@@ -26,20 +24,18 @@ struct node_pins {
     std::map<std::string, std::vector<pinned_source>> nodes; // by target
 };
 
-// Reads the file; one that does not exist has no node. False, and `error` has
-// one line.
+// Reads the file; one that does not exist has no node. False, and `error` has one line.
 bool read_pins(const std::string &path, node_pins &into, std::string &error);
 
-// Replaces the file. False, and `error` has one line.
+// Replaces the file where something has changed. False, and `error` has one line.
 bool write_pins(node_pins &pins, std::string &error);
 
-// What is to be pinned of a node that was verified: the roots, PCRs 0 to 9, 14
-// and 15, which are the same after each boot of the same software, and the
-// recorded digests.
+// What is to be pinned of a node that was verified: the roots, PCRs 0 to 9, 14 and 15, which are the same
+// after each boot of the same software, and the recorded digests.
 std::vector<pinned_source> pins_of(const evidence &got);
 
-// Adds a row for each kind of pin that holds, and one for each single thing
-// that is not as pinned, old against new. A source that has come or gone fails.
+// Adds a row for each kind of pin that holds, and one for each single thing that is not as pinned, old
+// against new. A source that has come or gone fails.
 void check_pins(std::vector<check> &rows, const std::vector<pinned_source> &pinned, const evidence &got);
 
 // Whether the pins demand both roots of each source.

@@ -9,7 +9,7 @@ using nlohmann::json;
 
 namespace {
 
-constexpr const char *KIND = "attestctl_state";
+constexpr kept_kind KIND = {"attestctl_state", "lists"};
 constexpr std::uint32_t PCR_COUNT = 24;
 
 bool read_pcrs(const json &entry, ima_position &position)
@@ -29,16 +29,6 @@ bool read_list(const json &entry, remembered_list &list)
     return take(entry, "source", list.source) && take_hex(entry, "key", sizeof(sha256_digest), list.key) &&
            take(entry, "resets", list.boot.resets) && take(entry, "restarts", list.boot.restarts) &&
            take(entry, "event", list.position.event) && read_pcrs(entry, list.position);
-}
-
-bool read_node(const json &entry, verified_lists &into)
-{
-    std::string target;
-    std::vector<remembered_list> lists;
-    for (const json &one : list_at(entry, "lists"))
-        if (!read_list(one, lists.emplace_back()))
-            return false;
-    return take(entry, "target", target) && into.nodes.emplace(target, std::move(lists)).second;
 }
 
 json list_json(const remembered_list &list)
@@ -94,24 +84,22 @@ std::string change_since(const remembered_list &then, const remembered_list &now
 
 bool read_state(const std::string &path, verified_lists &into, std::string &error)
 {
-    json content;
     into.nodes.clear();
-    if (!read_kept_json(path, KIND, into.file, content, error))
-        return false;
-    return read_kept_list(content, into.file, "nodes", error,
-                          [&into](const json &entry) { return read_node(entry, into); });
+    return read_kept_nodes(
+        path, KIND, into.file,
+        [&into](const std::string &target, const json &entry) {
+            return read_list(entry, into.nodes[target].emplace_back());
+        },
+        error);
 }
 
 bool write_state(verified_lists &state, std::string &error)
 {
-    json nodes = json::array();
-    for (const auto &[target, lists] : state.nodes) {
-        json entries = json::array();
+    kept_nodes nodes;
+    for (const auto &[target, lists] : state.nodes)
         for (const remembered_list &list : lists)
-            entries.push_back(list_json(list));
-        nodes.push_back({{"target", target}, {"lists", std::move(entries)}});
-    }
-    return replace_kept_json(state.file, {{KIND, 1}, {"nodes", std::move(nodes)}}, error);
+            nodes[target].push_back(list_json(list));
+    return write_kept_nodes(state.file, KIND, nodes, error);
 }
 
 std::vector<remembered_list> lists_to_remember(const evidence &got)

@@ -295,6 +295,8 @@ TEST_F(KeptFiles, FilesThatAreNoneAskNothingAndStayAsTheyAre)
     ASSERT_EQ(attest_with_state().status, 0);
     const std::string good = content_of(state);
     node.asked();
+    const std::size_t begin = good.find('[') + 1, end = good.rfind(']'); // of the node
+    const std::string twice = std::string(good).insert(end, ',' + good.substr(begin, end - begin));
     std::vector<std::string> contents = {"",
                                          "{",
                                          "[]",
@@ -306,7 +308,8 @@ TEST_F(KeptFiles, FilesThatAreNoneAskNothingAndStayAsTheyAre)
                                          R"({"attestctl_state":2,"nodes":[]})",
                                          R"({"attestctl_state":1})",
                                          R"({"attestctl_state":1,"nodes":[7]})",
-                                         R"({"attestctl_state":1,"nodes":[{"target":"a","lists":[{}]}]})"};
+                                         R"({"attestctl_state":1,"nodes":[{"target":"a","lists":[{}]}]})",
+                                         twice};
     for (const char *member : {"\"source\"", "\"key\": \"", "\"event\": ", "\"value\": \"", "\"padded\": "})
         contents.push_back(std::string(good).replace(good.find(member) + 3, 1, "~"));
     for (const std::string &content : contents) {
@@ -339,6 +342,19 @@ TEST_F(KeptFiles, FilesThatAreNoneAskNothingAndStayAsTheyAre)
     }
     EXPECT_THAT(node.asked(), IsEmpty());
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 4); // nothing half-written
+}
+
+TEST_F(KeptFiles, WhatSomebodyElseWritesMeanwhileIsLeftToThem)
+{
+    ASSERT_EQ(attest_with_state().status, 0);
+    grow(node.model, 1);
+    for (const auto &[option, path] : {std::pair("--state ", state), std::pair("--pin ", pins)}) {
+        node.model.meanwhile = [path = path] { write_content(path, "theirs"); };
+        const outcome done = attest(option + path);
+        EXPECT_EQ(done.status, 2);
+        EXPECT_THAT(done.text, HasSubstr(path + " was changed by somebody else meanwhile and is left"));
+        EXPECT_EQ(content_of(path), "theirs");
+    }
 }
 
 } // namespace

@@ -114,6 +114,8 @@ public:
             const std::lock_guard lock(mutex_);
             asked_.push_back(start);
         }
+        if (node_.meanwhile)
+            node_.meanwhile();
         const std::uint64_t begin = start == 0 ? 0 : (start - 1) / CHUNK * CHUNK;
         for (const source_model &bmc : node_.bmc)
             writer->Write(events_of(bmc, begin, bmc.list.size()));

@@ -1,6 +1,7 @@
 // A node on loopback that answers with evidence of the forge, and attestctl as a user starts it.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -19,8 +20,9 @@ struct source_model {
 
 // What a node is. Changed by a test while nobody asks.
 struct node_model : source_model {
-    std::vector<source_model> bmc; // one, or none
-    bool endless = false;          // the stream of the node's list goes on and on
+    std::vector<source_model> bmc;   // one, or none
+    bool endless = false;            // the stream of the node's list goes on and on
+    std::function<void()> meanwhile; // what else happens while the lists are asked for
 };
 
 // Appends good events.
