@@ -131,9 +131,11 @@ class Page(wire.Program):
 
     def looks_good(self):
         """At every width and in both schemes: nothing sticks out, every text can be read, the verdict comes first."""
+        papers = {}
         for width, dark in VIEWS:
             with self.subTest(width=width, dark=dark):
                 value = self.show(width=width, dark=dark)
+                papers[dark] = value("getComputedStyle(document.body).backgroundColor")
                 self.assertEqual(value(TOO_WIDE), 0)
                 self.assertEqual(value(CONTRAST), [])
                 self.assertEqual(value(FIRST_GLANCE)[:2], ["H1", "P"])
@@ -141,6 +143,7 @@ class Page(wire.Program):
                 self.assertEqual(seen_width, width)
                 self.assertGreater(colours, 20)
                 self.assertEqual(self.browser.complaints, [])
+        self.assertNotEqual(papers[False], papers[True])
 
     def test_verified_node(self):
         node = [f"{SOURCE}/tools/node", "--build", BUILD, "--state", self.folder, "--boot-log",

@@ -560,6 +560,35 @@ class Stream(Program):
         self.assertRegex(seen.decode(), r"\r\x1b\[K1,000 events, [\d,]+/s, 0\.\d MB")
         self.assertRegex(seen.decode(), r"\r\x1b\[Kattestctl: received 1,010 events .* in 2 messages.*\r\n\Z")
 
+    def test_progress_of_many_nodes_is_for_terminals(self):
+        main, side = pty.openpty()
+        with FakeNode({}) as node, tempfile.NamedTemporaryFile() as targets:
+            targets.write(f"{node.target}\n127.0.0.1:1\n".encode())
+            targets.flush()
+            with subprocess.Popen([PROGRAM, "attest", "--targets", targets.name, "--jobs", "1"],
+                                  stdout=subprocess.DEVNULL, stderr=side) as child:
+                os.close(side)
+                seen = b""
+                with contextlib.suppress(OSError):  # the terminal's end
+                    while piece := os.read(main, 4096):
+                        seen += piece
+                self.assertEqual(child.wait(30), 1)
+        os.close(main)
+        last = r"\r\x1b\[K2 of 2 nodes: 0 verified, 1 not verified, 1 not asked to the end\r\x1b\[K\Z"
+        self.assertRegex(seen.decode(), last)
+
+    def test_one_of_many_nodes_may_not_send_as_much_as_it_likes(self):
+        large = api.get_platform_boot_integrity_event_logs_response(
+            node_data=[api.NodeBootIntegrityLog(events=[api.BOOT_EVENT(event_data=bytes(17 << 20))])])
+        with FakeNode(as_functions({"GetPlatformBootIntegrityEventLogs": large})) as node, \
+                tempfile.NamedTemporaryFile() as targets:
+            targets.write(node.target.encode())
+            targets.flush()
+            done = run(None, "attest", "--targets", targets.name, "--json")
+        boot_log = next(row for row in json.loads(done.stdout)["evidence"] if row["kind"] == "boot-log")
+        self.assertFalse(boot_log["came"])
+        self.assertIn("RESOURCE_EXHAUSTED", boot_log["text"])
+
     def test_list_does_not_pile_up_in_memory(self):
         message = ima_record(1, 1000, signature=bytes(1000))  # 1.15 MB on the wire
         sent = peak_kb = 0
