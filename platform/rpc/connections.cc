@@ -1,8 +1,10 @@
 // The connection table: connect, disconnect, and what the agent asks of a connection.
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <fcntl.h>
 #include <linux/tcp.h>
+#include <malloc.h>
 #include <netinet/in.h>
 #include <new>
 #include <sys/epoll.h>
@@ -114,11 +116,28 @@ void sweep_connections(const remote_attestation_api_server &server)
     }
 }
 
+// The C library keeps what it has once got: after many clients who did not take their answers, all their
+// queues.
+void give_memory_back(remote_attestation_api_server &server)
+{
+    std::uint64_t queued = 0;
+    for (const auto &[client, connection] : server.connections) {
+        const std::lock_guard guard(connection->client->lock);
+        queued += connection->client->queued;
+    }
+    server.most_queued = std::max(server.most_queued, queued);
+    if (server.most_queued - queued < server.limits.kept_bytes)
+        return;
+    server.most_queued = queued;
+    malloc_trim(0);
+}
+
 void on_sweep(void *context)
 {
     auto &server = *static_cast<remote_attestation_api_server *>(context);
     try {
         sweep_connections(server);
+        give_memory_back(server);
         rpc_reload_changed(server);
         rpc_reload_end_retired(server);
     } catch (const std::bad_alloc &) {

@@ -40,7 +40,10 @@ struct rpc_limits {
     // Messages from this size on may take longer than stall_ms in whole: for them the bytes that the client's
     // machine acknowledged count as moving. Smaller ones need no more than 17 kB/s.
     std::uint64_t large_message_bytes = std::uint64_t{1} << 20;
-    // How often stalled calls are looked for, while there are connections.
+    // When the queues of all clients together have become so much smaller, freed memory goes back to the
+    // kernel. Far more than a usual answer, which would cost its page faults again.
+    std::uint64_t kept_bytes = std::uint64_t{64} << 20;
+    // How often stalled calls and large queues are looked for, while there are connections.
     std::uint64_t sweep_ms = 1'000;
     // Accepting rests this long when the process has run out of descriptors or memory.
     std::uint64_t accept_pause_ms = 100;

@@ -45,6 +45,7 @@ struct remote_attestation_api_server {
     levm_watch_ptr accept_pause; // the timer that ends the rest
     levm_watch_ptr sweep;        // a timer, while there are connections
     std::unordered_map<remote_attestation_api_client, std::unique_ptr<rpc_connection>> connections;
+    std::uint64_t most_queued = 0; // bytes of all queues together, since memory was given back last
 
     rpc_log_limit full_log, accept_log, garbage_log, stall_log;
 };

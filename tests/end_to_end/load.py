@@ -209,6 +209,7 @@ def load(clients, idle, half_open, stalled, seconds, pause):
         client.channel.close()
     node.wait_for(lambda: watch.descriptors() <= watch.idle_descriptors, "the end of the others' descriptors")
     watch.stop()
+    time.sleep(2.5)  # the agent looks at its queues every second
     descriptors = watch.descriptors()
     for client in honest:
         client.channel.close()
