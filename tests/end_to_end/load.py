@@ -47,10 +47,16 @@ OPERATIONS = {
 
 
 def begin(events):
-    """An agent that serves TLS, on a list of so many events that are cached."""
+    """An agent that serves TLS, on a list of so many events, whose whole chunks the cache has."""
     subprocess.run(["sh", "-c", MADE_TLS], check=True, capture_output=True)
     node.IMA_LOG.write_bytes(measured_list.make(events, 3))
     restart()
+    client = Client()
+    client.stall()
+    got = sum(len(message.events) for message in client.stalled)
+    client.channel.close()
+    if got != events:
+        raise AssertionError(f"a list of {got} events instead of {events}")
 
 
 def restart():
@@ -87,7 +93,7 @@ class Client:
         return time.monotonic() - began
 
     def stall(self):
-        """Begins a stream of everything, and takes nothing of it."""
+        """Begins a stream of everything; whoever does not iterate over `stalled` takes nothing of it."""
         call = self.channel.unary_stream(f"{SERVICE}/StreamPlatformImaEventLogs",
                                          api.get_platform_ima_event_logs_request.SerializeToString,
                                          api.NodeIMAData.FromString)
@@ -194,7 +200,7 @@ def ask_by_turns(clients, seconds, pause):
 def load(clients, idle, half_open, stalled, seconds, pause):
     """One load on an agent that `begin` has started; what came of it, as a dictionary."""
     honest = [Client() for _ in range(clients)]
-    ask_by_turns(honest, 0, 0.2)  # all are connected, the cache is filled
+    ask_by_turns(honest, 0, 0.2)  # all are connected
     unloaded = ask_by_turns(honest, seconds, pause)
     watch = Watch()
     stallers = [Client() for _ in range(stalled)]

@@ -1,6 +1,8 @@
 // Preloaded into a program: lets allocations of the program's own code fail, those that its executable itself
-// asks for and not those of the libraries. The file named by FAILING_ALLOCATOR, of struct allocator_control,
-// is how a test governs it (tests/end_to_end/allocation_test.py).
+// asks for and not those of the libraries. What headers of the C++ library have put into the executable is
+// used by the libraries too: there the caller behind it counts. The file named by FAILING_ALLOCATOR, of
+// struct allocator_control, is how a test governs it (tests/end_to_end/allocation_test.py).
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -11,6 +13,7 @@
 #include <new>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <unwind.h>
 
 extern "C" {
 // The C library's own.
@@ -22,14 +25,25 @@ void __libc_free(void *block);                            // NOLINT(bugprone-res
 
 namespace {
 
+// Where a function that is not the program's own lies in the executable, as its symbols say.
+struct code_range {
+    std::uint32_t begin;
+    std::uint32_t end;
+    std::uint32_t anybodys; // not 0: of the C++ library; 0: of another one
+};
+
 struct allocator_control {
     std::atomic<std::uint32_t> armed;
     std::uint32_t fail_at; // the number of the allocation, from 0
     std::atomic<std::uint32_t> asked;
     std::atomic<std::int32_t> live; // blocks that were got while armed and not freed since
+    std::uint32_t for_ever;         // not 0: all from that one on
+    std::uint32_t foreign_count;
+    code_range foreign[8000]; // in ascending order
 };
 
 allocator_control *control;
+std::uintptr_t program_base;
 std::uintptr_t program_begin;
 std::uintptr_t program_end;
 
@@ -71,15 +85,55 @@ void forget(void *block)
     }
 }
 
+enum class owner { program, anybody, library };
+
+owner owner_of(std::uintptr_t address)
+{
+    if (address < program_begin || address >= program_end)
+        return owner::library;
+    std::uintptr_t offset = address - program_base;
+    const code_range *first = control->foreign;
+    const code_range *after =
+        std::upper_bound(first, first + control->foreign_count, offset,
+                         [](std::uintptr_t at, const code_range &one) { return at < one.begin; });
+    if (after == first || offset >= (after - 1)->end)
+        return owner::program;
+    return (after - 1)->anybodys != 0 ? owner::anybody : owner::library;
+}
+
+struct search {
+    std::uintptr_t from; // the frame to begin with
+    bool begun = false;
+    owner found = owner::anybody;
+};
+
+_Unwind_Reason_Code look_at_frame(_Unwind_Context *frame, void *context)
+{
+    auto &wanted = *static_cast<search *>(context);
+    std::uintptr_t address = _Unwind_GetIP(frame);
+    wanted.begun = wanted.begun || address == wanted.from;
+    if (wanted.begun)
+        wanted.found = owner_of(address);
+    return wanted.found == owner::anybody ? _URC_NO_REASON : _URC_END_OF_STACK;
+}
+
 bool is_programs(const void *caller)
 {
+    if (control == nullptr || control->armed == 0)
+        return false;
     auto address = reinterpret_cast<std::uintptr_t>(caller);
-    return control != nullptr && control->armed != 0 && address >= program_begin && address < program_end;
+    owner nearest = owner_of(address);
+    if (nearest != owner::anybody)
+        return nearest == owner::program;
+    search behind{address};
+    _Unwind_Backtrace(look_at_frame, &behind);
+    return behind.found == owner::program;
 }
 
 bool fails()
 {
-    return control->asked++ == control->fail_at;
+    std::uint32_t number = control->asked++;
+    return control->for_ever != 0 ? number >= control->fail_at : number == control->fail_at;
 }
 
 int find_program(dl_phdr_info *info, std::size_t, void *)
@@ -87,6 +141,7 @@ int find_program(dl_phdr_info *info, std::size_t, void *)
     for (int i = 0; i < info->dlpi_phnum; ++i) {
         const auto &part = info->dlpi_phdr[i];
         if (part.p_type == PT_LOAD && (part.p_flags & PF_X) != 0) {
+            program_base = info->dlpi_addr;
             program_begin = info->dlpi_addr + part.p_vaddr;
             program_end = program_begin + part.p_memsz;
         }
