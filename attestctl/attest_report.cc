@@ -7,8 +7,8 @@ void append_report(std::string &out, const evidence &got, std::span<const check>
 {
     out += "Evidence\n";
     for (const arrival &row : got.arrivals)
-        out += format("  %-29s %s  ", row.kind.c_str(), row.came ? "came   " : "missing") +
-               (row.came ? counted(row.sources, "source") + ": " : "") + row.text + '\n';
+        append_row(out, {2, 29}, row.kind, row.came ? "came" : "missing",
+                   (row.came ? counted(row.sources, "source") + ": " : "") + row.text);
     append_checks(out, checks, roots_pinned);
 }
 

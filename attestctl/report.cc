@@ -1,7 +1,68 @@
 #include "attestctl/report.h"
 
+#include <algorithm>
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include "attestctl/json.h"
 #include "attestctl/text.h"
+
+namespace {
+
+// The width of the terminal that is the standard output; 0: it is none, or does not say.
+std::size_t output_columns()
+{
+    winsize size{};
+    return isatty(STDOUT_FILENO) == 1 && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
+
+// Of UTF-8 text in which each character takes one.
+std::size_t columns_of(std::string_view text)
+{
+    return static_cast<std::size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
+}
+
+// Appends the text, which begins in column `begin`, and a line break. What does not fit into so many columns
+// is folded between words into lines that begin there too; 0 columns: nothing is.
+void append_folded(std::string &out, std::size_t columns, std::size_t begin, std::string_view text)
+{
+    constexpr std::size_t LEAST_ROOM = 16; // in less, folding makes nothing more readable
+    const bool folds = columns >= begin + LEAST_ROOM;
+    std::size_t at = begin;
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find(' ', 1), text.size()); // a word, and the blank before it
+        std::string_view word = text.substr(0, end);
+        if (folds && at > begin && at + columns_of(word) > columns) {
+            out += '\n' + std::string(begin, ' ');
+            at = begin;
+            word.remove_prefix(1);
+        }
+        out += word;
+        at += columns_of(word);
+        text.remove_prefix(end);
+    }
+    out += '\n';
+}
+
+} // namespace
+
+void append_row(std::string &out, const row_layout &layout, const std::string &name, const char *outcome,
+                const std::string &reason)
+{
+    constexpr std::size_t LEAST_BESIDE = 80; // in fewer columns there is no room for reasons beside names
+    const std::size_t columns = output_columns();
+    const std::string indent(layout.indent, ' ');
+    if (columns == 0 || columns >= LEAST_BESIDE) {
+        const std::string head = indent + format("%-*s %-8s ", layout.name_width, name.c_str(), outcome);
+        out += head;
+        return append_folded(out, columns, head.size(), reason);
+    }
+    const std::string head = indent + format("%-8s ", outcome);
+    out += head + name + '\n' + std::string(head.size(), ' ');
+    append_folded(out, columns, head.size(), reason);
+}
 
 void append_checks(std::string &out, std::span<const check> checks, bool roots_pinned)
 {
@@ -11,7 +72,7 @@ void append_checks(std::string &out, std::span<const check> checks, bool roots_p
         if (source == nullptr || *source != row.source)
             out += row.source.empty() ? "" : "  node " + row.source + '\n';
         source = &row.source;
-        out += format("    %-28s %-8s ", row.name.c_str(), outcome_text(row.outcome)) + row.reason + '\n';
+        append_row(out, {4, 28}, row.name, outcome_text(row.outcome), row.reason);
     }
     out += verdict_line(checks, roots_pinned) + '\n';
 }

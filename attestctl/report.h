@@ -7,7 +7,18 @@
 
 #include "attestctl/check.h"
 
-// A line a check under a line a source, then the verdict.
+// Where a row begins and what is left for its name, in columns.
+struct row_layout {
+    std::size_t indent;
+    int name_width;
+};
+
+// A row that fits the terminal that is the standard output: name, outcome and reason beside each other, or in
+// a narrow one the reason under the name. Elsewhere, and where a terminal is wide enough, one line.
+void append_row(std::string &out, const row_layout &layout, const std::string &name, const char *outcome,
+                const std::string &reason);
+
+// A row a check under a line a source, then the verdict.
 void append_checks(std::string &out, std::span<const check> checks, bool roots_pinned);
 
 // The members "checks":[{"source","name","outcome","reason"}], "roots_pinned", "verified" and "verdict" of an

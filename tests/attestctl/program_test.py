@@ -1,6 +1,7 @@
 """attestctl, the program, against a server that answers what each test wants."""
 
 import contextlib
+import fcntl
 import hashlib
 import json
 import os
@@ -9,8 +10,10 @@ import re
 import resource
 import signal
 import socket
+import struct
 import subprocess
 import tempfile
+import termios
 import threading
 import time
 import unittest
@@ -320,6 +323,32 @@ class Attest(Program):
         self.assertNotIn("pass", {row["outcome"] for row in machine["checks"]})
         nonces = [r.nonce for r in node.requests[:6] if "nonce" in r.DESCRIPTOR.fields_by_name]
         self.assertEqual(len(set(nonces)), 4)
+
+    def test_report_fits_the_terminal(self):
+        def shown(columns, node):
+            main, side = pty.openpty()
+            fcntl.ioctl(side, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+            with subprocess.Popen([PROGRAM, "--target", node.target, "attest"], stdout=side) as child:
+                os.close(side)
+                seen = b""
+                with contextlib.suppress(OSError):  # the terminal's end
+                    while piece := os.read(main, 4096):
+                        seen += piece
+                self.assertEqual(child.wait(30), 1)
+            os.close(main)
+            return seen.decode().replace("\r\n", "\n")
+
+        with FakeNode(as_functions(hostile_answers())) as node:
+            one_line = run(node.target, "attest").stdout.decode()
+            wide, narrow = shown(80, node), shown(60, node)
+        self.assertGreater(max(map(len, one_line.splitlines())), 80)
+        self.assertEqual(wide.split(), one_line.split())
+        self.assertEqual(sorted(narrow.split()), sorted(one_line.split()))  # the reasons under the names
+        rows = len(re.findall(r"^ {4}\S", one_line, re.MULTILINE))
+        for text, columns in ((wide, 80), (narrow, 60)):
+            long = [line for line in text.splitlines() if len(line) > columns and " " in line.strip()]
+            self.assertEqual([line for line in long if not line.startswith("  node ")], [])
+            self.assertEqual(len(re.findall(r"^ {4}\S", text, re.MULTILINE)), rows)  # no reason looks like one
 
     def test_replay_gives_what_the_machine_and_another_reader_have(self):
         for recorded in ("recorded-a", "recorded-b"):
