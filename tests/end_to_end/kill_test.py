@@ -154,7 +154,8 @@ class Killed(unittest.TestCase):
         else:
             self.count["killed in its start"] += 1
         node.wait_for(lambda: not agent_control.is_running(), "the agent's end")
-        self.assertEqual(agent_control.status(), "signal 9")
+        self.assertEqual(agent_control.status(), "signal 9",
+                         f"after {dict(self.count)}, point {point}: {node.agent_words()[-2000:]}")
         self.count["kills"] += 1
 
     def stream_to_the_end(self, by_hand):
