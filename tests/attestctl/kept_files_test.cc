@@ -250,6 +250,13 @@ TEST_F(KeptFiles, PinsAreDemandedFromTheSecondUseOn)
     EXPECT_THAT(done.text, HasSubstr("PCRs 0-9, 14-15 as pinned"));
     EXPECT_THAT(done.text, HasSubstr("12 reference digests as pinned"));
 
+    auto fewer = nlohmann::json::parse(kept);
+    fewer["nodes"][0]["sources"][0].erase("references");
+    write_content(pins, fewer.dump(1) + '\n');
+    EXPECT_EQ(attest_unpinned("").status, 0);
+    EXPECT_EQ(content_of(pins), fewer.dump(1) + '\n') << "a pin that was taken out stays out";
+    write_content(pins, kept);
+
     // Another firmware that measures itself well, other roots, other chips that are recorded well.
     node.model.evidence = other_good_evidence(node.model.name);
     done = attest_unpinned("");
@@ -303,13 +310,14 @@ TEST_F(KeptFiles, FilesThatAreNoneAskNothingAndStayAsTheyAre)
                                          "null",
                                          "\xff\xfe",
                                          good.substr(0, good.size() / 2),
-                                         std::string(17 << 20, ' '),
+                                         good + std::string(17 << 20, ' '),
                                          std::string(200000, '['),
                                          R"({"attestctl_state":2,"nodes":[]})",
                                          R"({"attestctl_state":1})",
                                          R"({"attestctl_state":1,"nodes":[7]})",
                                          R"({"attestctl_state":1,"nodes":[{"target":"a","lists":[{}]}]})",
                                          twice};
+    contents.push_back(std::string(good).replace(good.find("\"pcr\": 10"), 9, "\"pcr\": 24"));
     for (const char *member : {"\"source\"", "\"key\": \"", "\"event\": ", "\"value\": \"", "\"padded\": "})
         contents.push_back(std::string(good).replace(good.find(member) + 3, 1, "~"));
     for (const std::string &content : contents) {
