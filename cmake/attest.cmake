@@ -1,3 +1,9 @@
+# What the thread sanitizer is told of libraries that are not built for it is part of every program.
+if(ATTEST_SANITIZE MATCHES thread)
+  add_library(attest_thread_sanitizer OBJECT ${CMAKE_SOURCE_DIR}/tests/support/thread_sanitizer.cc)
+  link_libraries($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:$<TARGET_OBJECTS:attest_thread_sanitizer>>)
+endif()
+
 # attest_library(NAME SOURCES... [LINK ...]): one room of the house as a static library.
 function(attest_library name)
   cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})

@@ -10,23 +10,6 @@
 
 #include "platform/owners.h"
 
-#ifdef __SANITIZE_THREAD__
-// Allocations and system calls of gRPC, protobuf and abseil, whose own locks are not visible, are no
-// evidence.
-extern "C" const char *__tsan_default_options()
-{
-    return "ignore_noninstrumented_modules=1";
-}
-// Members of gRPC's objects whose inline code the linker took from a file that is instrumented. The room
-// itself has neither a std::function nor code that runs inside the others.
-extern "C" const char *__tsan_default_suppressions()
-{
-    return "race:grpc::Status\nrace:~ServerCallbackReaderWriterImpl\nrace_top:std::_Function_base\nrace_top:"
-           "std::function\n"
-           "race_top:std::swap<std::_Any_data>\n";
-}
-#endif
-
 namespace {
 
 constexpr std::chrono::seconds LONG_ENOUGH{60};
