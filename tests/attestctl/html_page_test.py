@@ -173,6 +173,7 @@ class Page(wire.Program):
         self.attest(hostile_node(), 1)
         page = pathlib.Path(self.path).read_bytes()
         self.assertIsNone(wire.STEERING.search(page.decode()))
+        self.assertIn(b"&quot;&#39;&gt;&lt;img src=x", page)  # fit for an attribute, too
         self.looks_good()
         value = self.show()
         self.assertEqual(value("document.title").split(":")[0], "NOT VERIFIED")

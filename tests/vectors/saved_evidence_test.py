@@ -103,13 +103,14 @@ class Damaged(unittest.TestCase):
 
 
 class Node:
-    """Answers every one-shot question with a record without content, and streams what the test says."""
+    """Answers one-shot questions with a record without content, that for the boot log with no record, and streams what
+    the test says."""
 
     def __init__(self, messages):
         self.server = grpc.server(futures.ThreadPoolExecutor(4))
-        handlers = {
-            method: grpc.unary_unary_rpc_method_handler(lambda r, c: b"\x0a\x00")
-            for method in ("GetCertificate", "AttestPcrs", "GetPlatformBootIntegrityEventLogs")}
+        answers = {"GetCertificate": b"\x0a\x00", "AttestPcrs": b"\x0a\x00", "GetPlatformBootIntegrityEventLogs": b""}
+        handlers = {method: grpc.unary_unary_rpc_method_handler(lambda r, c, answer=answer: answer)
+                    for method, answer in answers.items()}
         handlers["StreamPlatformImaEventLogs"] = grpc.unary_stream_rpc_method_handler(
             lambda r, c: iter(messages), response_serializer=api.NodeIMAData.SerializeToString)
         self.server.add_generic_rpc_handlers(
