@@ -3,12 +3,15 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <dirent.h>
 #include <filesystem>
 #include <linux/ethtool.h>
 #include <linux/sockios.h>
 #include <map>
+#include <memory>
 #include <net/if.h>
 #include <sstream>
+#include <string_view>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <tuple>
@@ -57,12 +60,20 @@ std::string device_path_of(const fs::path &entry)
     return error ? std::string() : device.string();
 }
 
-std::vector<fs::path> entries_of(const std::string &directory)
+struct directory_closer {
+    void operator()(DIR *directory) const noexcept { closedir(directory); }
+};
+
+// By the C library: the standard library's iterator ends the process when there is no memory for a name.
+std::vector<fs::path> entries_of(const std::string &path)
 {
     std::vector<fs::path> entries;
-    std::error_code error;
-    for (fs::directory_iterator at(directory, error), end; !error && at != end; at.increment(error))
-        entries.push_back(at->path());
+    const std::unique_ptr<DIR, directory_closer> directory(opendir(path.c_str()));
+    while (const dirent *entry = directory ? readdir(directory.get()) : nullptr) {
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != "..")
+            entries.push_back(fs::path(path) / name);
+    }
     return entries;
 }
 
