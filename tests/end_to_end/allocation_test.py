@@ -4,6 +4,8 @@ behind, and the next request is answered as ever.
 
 ALLOCATIONS=all tries every one; without it, those of a long row are sampled.
 """
+import contextlib
+import http.client
 import mmap
 import os
 import pathlib
@@ -11,6 +13,7 @@ import re
 import struct
 import subprocess
 import unittest
+import urllib.request
 
 import grpc
 
@@ -23,6 +26,7 @@ from node import agent_control
 BUILD = pathlib.Path(node.agent_program()).parents[1]
 LIBRARY = BUILD / "tests/end_to_end/libfailing_allocator.so"
 CONTROL = "/dev/shm/failing_allocator"
+METRICS = "http://127.0.0.1:9551/metrics"
 ALL = os.environ.get("ALLOCATIONS") == "all"
 # What a call may end with when the memory for it is short: its status, or the end of its connection.
 SAID_CLEARLY = (grpc.StatusCode.RESOURCE_EXHAUSTED, grpc.StatusCode.UNAVAILABLE)
@@ -41,8 +45,8 @@ class Allocations(unittest.TestCase):
             self.control = mmap.mmap(file.fileno(), 0)
         self.start()
 
-    def start(self):
-        node.restart(f"LD_PRELOAD={LIBRARY}", f"FAILING_ALLOCATOR={CONTROL}")
+    def start(self, *settings):
+        node.restart(f"LD_PRELOAD={LIBRARY}", f"FAILING_ALLOCATOR={CONTROL}", *settings)
         self.channel = grpc.insecure_channel(os.environ["NODE_ADDRESS"])
         self.whole = {operation: self.ask(operation) for operation in load.OPERATIONS}
         for operation, answer in self.whole.items():
@@ -100,11 +104,29 @@ class Allocations(unittest.TestCase):
                 problems += [f"{operation}, allocation {number}: {problem}"
                              for problem in self.problems(operation, answer)]
                 tried += reached
-                number += 1 if ALL or number < 40 else number // 4
+                number += 1 if ALL or number < 100 else number // 4
             print(f"{operation}: {asked} allocations, {tried} of them failed; {self.live()} blocks kept", flush=True)
         self.assertEqual(problems, [])
         # What belonged to a call that broke off goes at the agent's next look at its connections.
         node.wait_for(lambda: self.live() < KEPT, "the release of what was got")
+
+    def test_a_scrape_of_the_metrics_without_memory_is_lost_and_no_more(self):
+        self.start("ATTEST_METRICS=9551")
+        reached, number = True, 0
+        while reached:
+            struct.pack_into("<III", self.control, 0, 1, number, 0)
+            self.scrape()
+            reached = struct.unpack_from("<I", self.control, 8)[0] > number
+            struct.pack_into("<I", self.control, 0, 0)
+            number += 1
+            self.assertIn("attest_build_info", self.scrape(), f"after allocation {number} failed")
+        self.assertGreater(number, 10)
+
+    def scrape(self):
+        """What is answered; nothing when the agent ends the connection."""
+        with contextlib.suppress(OSError, http.client.HTTPException), urllib.request.urlopen(METRICS, timeout=30) as answer:
+            return answer.read().decode()
+        return ""
 
     def problems(self, operation, answer):
         found = []
