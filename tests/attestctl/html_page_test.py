@@ -179,6 +179,8 @@ class Page(wire.Program):
         self.assertEqual(value("document.title").split(":")[0], "NOT VERIFIED")
         self.assertEqual(value("document.querySelectorAll('script, style, img, iframe, link, [style]').length"), 2)
         self.assertEqual(self.browser.requests, [f"file://{self.path}"])
+        empty = "(a) => !document.querySelector(`${a.hash} :is(article, td)`)"
+        self.assertEqual(value(f"[...document.querySelectorAll('nav a')].filter({empty}).map((a) => a.hash)"), [])
         files = value("[...document.querySelectorAll('.ima td:nth-child(2)')].map((c) => c.textContent)")
         self.assertEqual(files[:6], [f"/opt/{ATTACKS[0]} signed"] + [f"/opt/{a}" for a in ATTACKS[1:]])
         self.assertEqual(files[6:], [r"/bytes/\xff\x1b[31m\u{202e}\x00", "/plain", "/plain violation", "/plain repeat"])
