@@ -47,7 +47,8 @@ class Allocations(unittest.TestCase):
 
     def start(self, *settings):
         node.restart(f"LD_PRELOAD={LIBRARY}", f"FAILING_ALLOCATOR={CONTROL}", *settings)
-        self.channel = grpc.insecure_channel(os.environ["NODE_ADDRESS"])
+        # A channel with connections of its own: not those that another one had to the agent before.
+        self.channel = grpc.insecure_channel(os.environ["NODE_ADDRESS"], [("grpc.use_local_subchannel_pool", 1)])
         self.whole = {operation: self.ask(operation) for operation in load.OPERATIONS}
         for operation, answer in self.whole.items():
             self.assertTrue(answer and all(answer), operation)
