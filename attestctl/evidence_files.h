@@ -4,10 +4,9 @@
 //   attestation-key.request  attestation-key.response   the same
 //   pcrs.request             pcrs.response              attest_pcr_request and _response
 //                            boot-log.response          get_platform_boot_integrity_event_logs_response
-//   ima-log.messages                                    NodeIMAData as they came, each after its length
-//   (varint) hw-integrity.request     hw-integrity.response      get_platform_hw_integrity_request and
-//   _response SHA256SUMS                                          of all the others, as sha256sum writes and
-//   checks it
+//   hw-integrity.request     hw-integrity.response      get_platform_hw_integrity_request and _response
+//   ima-log.messages         NodeIMAData as they came, each after its length (varint)
+//   SHA256SUMS               of all the others, as sha256sum writes and checks it
 //
 // A question that was not answered has no file for the answer. SHA256SUMS is written last: a directory
 // without it is not whole.

@@ -140,8 +140,8 @@ class Allocations(unittest.TestCase):
         if self.ask(operation) != self.whole[operation]:
             found.append("not answered after it")
         if not agent_control.is_running():
+            found.append(f"the agent died: {agent_control.status()}, {node.agent_words()[-2000:]}")
             self.start()
-            found.append("the agent died")
         return found
 
 
