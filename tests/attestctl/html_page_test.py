@@ -10,7 +10,7 @@ import tempfile
 import unittest
 import zlib
 
-import program_test as wire
+import fake_node as wire
 import remote_attestation_api_pb2 as api
 from browser import Browser
 

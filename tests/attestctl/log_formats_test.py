@@ -5,9 +5,9 @@ import pty
 import subprocess
 import unittest
 
-import program_test
+import fake_node
 import remote_attestation_api_pb2 as api
-from program_test import STREAM, FakeNode, run
+from fake_node import STREAM, FakeNode, run
 
 BOOT_LOG, IMA_LOG = "GetPlatformBootIntegrityEventLogs", "GetPlatformImaEventLogs"
 SPEC_ID = b"Spec ID Event03\0" + bytes(7) + b"\2"
@@ -41,7 +41,7 @@ def ima(*events, node="n"):
     return api.NodeIMAData(node_name=node, events=events)
 
 
-class Formats(program_test.Program):
+class Formats(fake_node.Program):
     def refused(self, answers, command, words, status=1):
         with FakeNode({method: lambda r, c, answer=answer: answer for method, answer in answers.items()}) as node:
             for form in ("raw", "cel-json"):
@@ -118,7 +118,7 @@ class Formats(program_test.Program):
                                (["--source", "n"], "--source needs --format.*")):
             self.expect(run(None, "ima-log", *options), 2, words, "")
         controller, terminal = pty.openpty()
-        done = subprocess.run([program_test.PROGRAM, "ima-log", "--format", "raw"], stdout=terminal, check=False,
+        done = subprocess.run([fake_node.PROGRAM, "ima-log", "--format", "raw"], stdout=terminal, check=False,
                               stderr=subprocess.PIPE)
         os.close(terminal)
         os.close(controller)

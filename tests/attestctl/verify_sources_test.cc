@@ -1,0 +1,150 @@
+// Several sources in one answer, and the roots that they are held to.
+#include <fstream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <openssl/pem.h>
+
+#include "tests/attestctl/wrong_evidence.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+template <typename Answer>
+void add_records(Answer &to, const Answer &from)
+{
+    to.mutable_node_data()->MergeFrom(from.node_data());
+}
+
+// Adds the records of another node's evidence behind those of the first.
+void add_source(forged &f, const forged &other)
+{
+    add_records(f.got.identity, other.got.identity);
+    add_records(f.got.attestation_key, other.got.attestation_key);
+    add_records(f.got.pcrs, other.got.pcrs);
+    add_records(f.got.boot_log, other.got.boot_log);
+    add_records(f.got.hw_integrity, other.got.hw_integrity);
+    f.roots.certificates.insert(f.roots.certificates.end(), other.roots.certificates.begin(),
+                                other.roots.certificates.end());
+}
+
+TEST(verify, sources_are_judged_side_by_side)
+{
+    const std::vector<std::pair<std::string, std::string>> names = {
+        {"bmc", "bmc"}, {"rack1", "rack1 (2)"}, {"", "(without a name)"}, {"\x1b[2J", "\\x1b[2J"}};
+    for (const auto &[name, shown] : names) {
+        forged f = good_evidence();
+        add_source(f, good_evidence(name));
+        EXPECT_THAT(not_passed(f), IsEmpty()) << shown;
+        flip_bit(*f.got.pcrs.mutable_node_data(1)->mutable_pcrs(13)->mutable_value());
+        for (const check &row : judge(f.got, SUBJECTS, f.roots)) {
+            const bool is_wrong = row.source == shown && row.name == "quote digest";
+            EXPECT_EQ(row.outcome != check_outcome::passed, is_wrong) << row.source << ": " << row.name;
+        }
+    }
+}
+
+TEST(verify, bmc_is_held_to_roots_of_its_own_and_has_to_be_there)
+{
+    const forged bmc = good_evidence("bmc");
+    forged f = good_evidence();
+    const auto wrong = [&f](const trusted_roots &node, const trusted_roots &of_bmc) {
+        strings rows;
+        for (const check &row : judge(f.got, SUBJECTS, node, &of_bmc))
+            if (row.outcome != check_outcome::passed)
+                rows.push_back(row.source + ": " + row.name);
+        return rows;
+    };
+    EXPECT_THAT(wrong(f.roots, bmc.roots), ElementsAre(": BMC"));
+    const trusted_roots node_roots = f.roots;
+    add_source(f, bmc);
+    EXPECT_THAT(wrong(node_roots, bmc.roots), IsEmpty());
+    EXPECT_THAT(wrong(node_roots, node_roots),
+                ElementsAre("bmc: identity root", "bmc: attestation key root"));
+    EXPECT_THAT(wrong(bmc.roots, bmc.roots),
+                ElementsAre("rack1: identity root", "rack1: attestation key root"));
+}
+
+TEST(verify, source_without_one_kind_fails_there)
+{
+    forged f = good_evidence();
+    add_source(f, good_evidence("bmc"));
+    f.got.boot_log.mutable_node_data()->RemoveLast();
+    EXPECT_THAT(not_passed(f), ElementsAre("FAIL boot log events"));
+}
+
+TEST(verify, no_source_and_too_many)
+{
+    EXPECT_THAT(not_passed({}, {}), ElementsAre("FAIL sources"));
+    const auto crowd = [](auto answer) {
+        return [answer](forged &f) {
+            for (int i = 0; i < 16; ++i)
+                (f.got.*answer).add_node_data()->set_node_name(std::to_string(i));
+        };
+    };
+    const strings refused = {"FAIL sources"};
+    expect_each({
+        {"identities", crowd(&evidence::identity), refused},
+        {"attestation keys", crowd(&evidence::attestation_key), refused},
+        {"PCR values", crowd(&evidence::pcrs), refused},
+        {"boot logs", crowd(&evidence::boot_log), refused},
+        {"hardware", crowd(&evidence::hw_integrity), refused},
+    });
+}
+
+TEST(verify, ima_list_that_did_not_come_fails)
+{
+    evidence got = good_evidence().got;
+    constexpr std::array ima = {subject::ima_list};
+    const auto names = [&] {
+        std::vector<std::string> failing;
+        for (const check &row : judge(got, ima, {}))
+            if (row.outcome == check_outcome::failed)
+                failing.push_back(row.name);
+        return failing;
+    };
+    EXPECT_THAT(names(), ElementsAre("IMA list numbers", "IMA list")) << "neither a list nor a stream";
+    got.arrivals.push_back({"ima-log", true, 1, ""});
+    EXPECT_THAT(names(), ElementsAre("IMA list numbers")) << "a stream without a list of this source";
+    api::NodeIMAData stranger;
+    stranger.set_node_name("nobody");
+    take_ima_message(got.ima_lists, stranger, got.pcrs);
+    EXPECT_THAT(names(), ElementsAre("IMA list numbers", "IMA list"))
+        << "and one of a source of nothing else";
+}
+
+TEST(roots, files)
+{
+    const auto read = [](const std::string &content, trusted_roots &roots) {
+        const std::string path = testing::TempDir() + "attestctl_roots_test";
+        std::ofstream(path, std::ios::binary) << content;
+        std::string error;
+        return read_roots(path, roots, error) ? "" : error.substr(error.rfind(": ") + 2);
+    };
+    const auto pem = [](const std::string &der) {
+        const auto *at = reinterpret_cast<const unsigned char *>(der.data());
+        const x509_owner certificate(d2i_X509(nullptr, &at, static_cast<long>(der.size())));
+        const bio_owner out(BIO_new(BIO_s_mem()));
+        PEM_write_bio_X509(out.get(), certificate.get());
+        char *text = nullptr;
+        const long length = BIO_get_mem_data(out.get(), &text);
+        return std::string(text, static_cast<std::size_t>(length));
+    };
+    const std::string one = make_certificate(root_plan("one"));
+    const std::string two = make_certificate(root_plan("two"));
+    trusted_roots roots;
+    EXPECT_EQ(read(one, roots), "");
+    EXPECT_TRUE(is_trusted(roots, one) && !is_trusted(roots, two) && roots.pinned());
+    EXPECT_EQ(read("a comment\n" + pem(two) + pem(one), roots), "");
+    EXPECT_TRUE(is_trusted(roots, one) && is_trusted(roots, two));
+    EXPECT_FALSE(is_trusted(roots, one + '\0'));
+    EXPECT_EQ(read(one + '\0', roots), "1 byte after the certificate");
+    EXPECT_EQ(read("", roots), "no DER certificate");
+    EXPECT_EQ(read(pem(one) + pem(two).substr(0, 100), roots), "a PEM certificate that cannot be read");
+    EXPECT_EQ(read("-----BEGIN OTHER-----\nAAAA\n-----END OTHER-----\n", roots), "no certificate in it");
+    EXPECT_EQ(roots.certificates.size(), 2U) << "a file that cannot be read changes nothing";
+}
+
+} // namespace
