@@ -89,7 +89,7 @@ class Killed(unittest.TestCase):
 
     def test_a_verifier_sees_every_event_whenever_the_agent_is_killed(self):
         node.agent("start", "ATTEST_TRACE=none")
-        self.stream(measured_list.Client())
+        self.stream_undisturbed()
         while self.count["kills"] < KILLS:
             swept = self.count["kills"] % 2 == 1
             if swept and self.next_point % NOTED_AFRESH == 0:
@@ -98,7 +98,7 @@ class Killed(unittest.TestCase):
         node.agent("start", "ATTEST_TRACE=none")
         self.listed.grow(1)
         self.last = 0
-        self.stream(measured_list.Client())
+        self.stream_undisturbed()
         verified = subprocess.run(["attest-cache", "verify"], capture_output=True, text=True, check=False)
         self.assertEqual(verified.returncode, 0, verified.stdout + verified.stderr)
         self.check_table()
@@ -112,7 +112,7 @@ class Killed(unittest.TestCase):
         calls = "/tmp/calls"
         node.restart("ATTEST_TRACE=none", "--", "strace", "-D", "-f", "-qq", "-o", calls)
         self.listed.grow(SWEPT_GROWTH)
-        self.stream(measured_list.Client())
+        self.stream_undisturbed()
         pid = node.agent_pid()
         node.agent("kill")
         self.count["kills"] += 1
@@ -176,6 +176,9 @@ class Killed(unittest.TestCase):
         if by_hand:
             killer.join()
         client.channel.close()
+
+    def stream_undisturbed(self):
+        self.assertTrue(self.stream(measured_list.Client()), f"cut off: {node.agent_words()[-2000:]}")
 
     def stream(self, client):
         """Streams from the verifier's last event to the list's end: True; or False, the agent has gone."""

@@ -127,7 +127,10 @@ def end(number):
     if not is_running():
         raise Failure(f"the agent does not run: {status()}")
     remove_file(WANTED_FILE)
-    os.kill(pid(), number)
+    try:
+        os.kill(pid(), number)
+    except ProcessLookupError:
+        pass  # it has just ended by itself; its keeper is about to write that down
     deadline = time.monotonic() + STOP_LIMIT_S
     while is_running():
         if time.monotonic() > deadline:
