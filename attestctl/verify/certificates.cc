@@ -69,6 +69,8 @@ std::string path_problem(const certificate_set &set)
     }
     if (!uses_all(X509_STORE_CTX_get0_chain(context.get()), set))
         return "the CA's certificate is not between the root's and the device's";
+    if (X509_check_ca(set.ca.get()) != 1) // the path takes a key usage or a Netscape type for the flag
+        return "the CA's certificate does not have the CA flag";
     if ((X509_get_key_usage(set.device.get()) & KU_DIGITAL_SIGNATURE) == 0)
         return "the device's key is not for signatures";
     return {};
@@ -77,7 +79,7 @@ std::string path_problem(const certificate_set &set)
 finding check_chain(const certificate_set &set, const trusted_roots &roots)
 {
     if (!set.root || !set.ca || !set.device)
-        return not_made("not all certificates can be read");
+        return not_made("not all certificates are usable");
     if (std::string problem = path_problem(set); !problem.empty())
         return failed(std::move(problem));
     return passed(

@@ -193,10 +193,11 @@ finding check_hashes(const ima_list &list)
 {
     if (!list.hash_problem.empty())
         return failed(list.hash_problem);
-    const std::string unknown = list.not_rebuilt != 0 ? "; of " + counted(list.not_rebuilt, "event") +
-                                                            " the template's data is not in the answer"
-                                                      : "";
-    return passed(grouped(list.hashed) + " template hashes recomputed from the fields" + unknown);
+    const std::string done = grouped(list.hashed) + " template hashes recomputed from the fields";
+    if (list.not_rebuilt != 0) // nothing binds their names and digests to what was extended
+        return not_made(done + "; of " + counted(list.not_rebuilt, "event") +
+                        " the template's data is not in the answer");
+    return passed(done);
 }
 
 // What is wrong with one PCR that counts. Empty: it was as quoted after some event.

@@ -101,6 +101,17 @@ void judge_ima_stream(const evidence &got, const std::vector<source> &sources, s
     std::move(list.rows.begin(), list.rows.end(), std::back_inserter(rows));
 }
 
+// The identity's key signs whatever the node's software gives it, "quotes" that no TPM has made among them.
+void refuse_identity_key(judgement &j)
+{
+    if (!j.identity.device || !j.attestation_key.device ||
+        EVP_PKEY_eq(X509_get0_pubkey(j.identity.device.get()),
+                    X509_get0_pubkey(j.attestation_key.device.get())) != 1)
+        return;
+    j.attestation_key.problem = "of the device identity's key, which signs more than quotes";
+    j.attestation_key.device.reset();
+}
+
 void judge_subject(judgement &j, subject what)
 {
     switch (what) {
@@ -146,6 +157,7 @@ std::vector<check> judge(const evidence &got, std::span<const subject> subjects,
         if (one.attestation_key != nullptr)
             j.attestation_key =
                 read_certificates(*one.attestation_key, got.attestation_key_request.cert_name());
+        refuse_identity_key(j);
         for (const subject what : subjects)
             judge_subject(j, what);
         std::move(j.list.rows.begin(), j.list.rows.end(), std::back_inserter(rows));

@@ -52,7 +52,8 @@ finding check_values(const quote_request &asked, const pcr_list &pcrs)
     return passed(counted(asked.pcrs.size(), "value") + " of bank " + asked.bank->name);
 }
 
-// `quote` is filled as far as a quote was read; only a passed form allows to look into it.
+// `quote` is filled as far as a quote was read; only `readable` allows to look into it, also where the form
+// failed.
 finding check_form(const std::string *bytes, TPMS_ATTEST &quote, bool &readable)
 {
     readable = false;

@@ -197,7 +197,8 @@ std::string make_certificate(const certificate_plan &plan)
     must(X509_gmtime_adj(X509_getm_notBefore(certificate), plan.from_s) != nullptr);
     must(X509_gmtime_adj(X509_getm_notAfter(certificate), plan.to_s) != nullptr);
     must(X509_set_pubkey(certificate, plan.key) == 1);
-    add_extension(certificate, NID_basic_constraints, plan.constraints);
+    if (plan.constraints != nullptr)
+        add_extension(certificate, NID_basic_constraints, plan.constraints);
     add_extension(certificate, NID_key_usage, plan.usage);
     must(X509_sign(certificate, plan.issuer_key, EVP_sha256()) > 0);
     unsigned char *der = nullptr;

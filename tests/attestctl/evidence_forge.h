@@ -27,7 +27,7 @@ struct certificate_plan {
     EVP_PKEY *key;
     const char *issuer;
     EVP_PKEY *issuer_key;
-    const char *constraints = "critical,CA:FALSE";
+    const char *constraints = "critical,CA:FALSE"; // null: none
     const char *usage = "critical,digitalSignature";
     long from_s = -3600, to_s = 3600; // relative to now
 };

@@ -50,6 +50,8 @@ TEST(verify, certificates)
         {"expired", replaced(DEVICE, device, [](auto &plan) { plan.to_s = -60; }), chain},
         {"not valid yet", replaced(CA, ca, [](auto &plan) { plan.from_s = 60; }), chain},
         {"CA without the flag", replaced(CA, ca, [](auto &plan) { plan.constraints = "CA:FALSE"; }), chain},
+        {"CA that says by its key's usage alone that it is one",
+         replaced(CA, ca, [](auto &plan) { plan.constraints = nullptr; }), chain},
         {"CA that may not issue", replaced(CA, ca, [](auto &plan) { plan.usage = "digitalSignature"; }),
          chain},
         {"key that may not sign", replaced(DEVICE, device, [](auto &plan) { plan.usage = "keyAgreement"; }),
@@ -109,6 +111,18 @@ TEST(verify, certificates)
         {"identity's certificate for the attestation key's",
          [](forged &f) { attestation_key(f).mutable_certs(DEVICE)->set_name("Kestrin VOXA"); },
          {"FAIL attestation key certificates"}},
+        {"identity's key for both, its quotes made by hand",
+         [](forged &f) {
+             *attestation_key(f).mutable_certs() = identity(f).certs();
+             attestation_key(f).mutable_certs(DEVICE)->set_name("Kestrin AIK");
+             sign_certificates(f);
+             f.attestation_key = keys().identity.get();
+             f.scheme = signature_scheme::rsassa;
+             quote_pcrs(f);
+             quote_hardware(f);
+         },
+         {"FAIL attestation key certificates", "not made attestation key chain", "not made quote signature",
+          "not made hardware quote signature"}},
         {"attestation key's for one that there is not is fine",
          [](forged &f) { f.got.attestation_key_request.set_cert_name("Customer AIK"); },
          {}},
