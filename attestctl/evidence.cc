@@ -74,6 +74,11 @@ ask_result fetch(client &c, const char *kind, const Request &request, Answer &an
     return result;
 }
 
+bool is_too_late(const evidence &into)
+{
+    return into.deadline && std::chrono::steady_clock::now() >= *into.deadline;
+}
+
 ask_result stream_ima_log(client &c, const evidence &into, const message_taker &take, ima_arrival &state)
 {
     api::get_platform_ima_event_logs_request request;
@@ -83,11 +88,8 @@ ask_result stream_ima_log(client &c, const evidence &into, const message_taker &
         note_message(state, message);
         return take(message);
     };
-    const auto too_late = [&into] {
-        return into.deadline && std::chrono::steady_clock::now() >= *into.deadline;
-    };
-    ask_result result = ask_stream(c, request, count, too_late);
-    if (result.status == ask_status::stopped && too_late())
+    ask_result result = ask_stream(c, request, count, [&into] { return is_too_late(into); });
+    if (result.status == ask_status::stopped && is_too_late(into))
         return {ask_status::timed_out, "the IMA list did not come to an end in time"};
     return result;
 }
@@ -151,9 +153,11 @@ ask_result fetch_certificates(client &c, const char *kind, const char *name,
                               evidence &into)
 {
     request.set_cert_name(name);
-    if (!fresh_nonce(*request.mutable_nonce()))
-        return {ask_status::failed, NO_NONCE};
-    return fetch(c, kind, request, answer, into);
+    if (fresh_nonce(*request.mutable_nonce()))
+        return fetch(c, kind, request, answer, into);
+    ask_result result{ask_status::failed, NO_NONCE};
+    into.arrivals.push_back(failed(kind, result));
+    return result;
 }
 
 ask_result fetch_identity(client &c, evidence &into)
@@ -167,12 +171,15 @@ ask_result fetch_attestation_key(client &c, evidence &into)
                               into.attestation_key, into);
 }
 
-// Takes the steps until one says that asking on makes no sense.
-ask_result take_steps(std::span<const std::function<ask_result()>> steps)
+// Takes the steps until one says that asking on makes no sense, or the time is over.
+ask_result take_steps(std::span<const std::function<ask_result()>> steps, const evidence &into)
 {
-    for (const auto &step : steps)
+    for (const auto &step : steps) {
+        if (is_too_late(into))
+            return {ask_status::timed_out, "the node did not come to an end in time"};
         if (ask_result result = step(); !goes_on(result))
             return result;
+    }
     return {};
 }
 
@@ -201,7 +208,7 @@ arrival arrival_of(const char *kind, const api::get_platform_hw_integrity_respon
 void note_message(ima_arrival &state, const api::NodeIMAData &message)
 {
     state.events += length_of(message.events());
-    state.cut_short = !message.has_node_name() && message.events().empty();
+    state.cut_short = !message.has_node_name();
     if (message.has_node_name() &&
         std::find(state.nodes.begin(), state.nodes.end(), message.node_name()) == state.nodes.end())
         state.nodes.push_back(message.node_name());
@@ -235,7 +242,7 @@ ask_result fetch_evidence(client &c, const message_taker &take_ima, evidence &in
         [&] { return fetch_ima_log(c, take_ima, into); },
         [&] { return fetch(c, HW_INTEGRITY_KIND, into.hw_integrity_request, into.hw_integrity, into); },
     };
-    return take_steps(steps);
+    return take_steps(steps, into);
 }
 
 ask_result fetch_signers(client &c, bool attestation_key_too, evidence &into)
@@ -245,5 +252,5 @@ ask_result fetch_signers(client &c, bool attestation_key_too, evidence &into)
         steps.emplace_back([&] { return fetch_identity(c, into); });
     if (attestation_key_too && !into.attestation_key_request.has_nonce())
         steps.emplace_back([&] { return fetch_attestation_key(c, into); });
-    return take_steps(steps);
+    return take_steps(steps, into);
 }

@@ -29,7 +29,7 @@ arrival arrival_of(const char *kind, const api::get_platform_hw_integrity_respon
 struct ima_arrival {
     std::uint64_t events = 0;
     std::vector<std::string> nodes;
-    bool cut_short = false; // a node that cannot go on ends the stream with a message without any field
+    bool cut_short = false; // a node that cannot go on ends the stream with a message that names none
 };
 void note_message(ima_arrival &state, const api::NodeIMAData &message);
 arrival arrival_of(const ima_arrival &state);
@@ -62,8 +62,7 @@ struct evidence {
     api::get_platform_hw_integrity_response hw_integrity;
     std::vector<remembered_list> remembered;
     ima_start start; // of the lists: after what is remembered, as far as it still holds
-    std::optional<std::chrono::steady_clock::time_point>
-        deadline; // of the IMA list, which has no end by itself
+    std::optional<std::chrono::steady_clock::time_point> deadline; // after which nothing more is asked for
     std::vector<ima_list> ima_lists;
     std::vector<arrival> arrivals;
 };

@@ -8,15 +8,15 @@ namespace {
 
 // What has been seen of a list, whole or in messages.
 struct list_state {
-    std::string node;            // whose record was shown last
-    bool any_source = false;     // a record that names a node came
-    bool last_was_empty = false; // the last record had no field at all
+    std::string node;        // whose record was shown last
+    bool any_source = false; // a record that names a node came, or has events
+    bool cut_short = false;  // the last one names none: the node gave up
 };
 
 void note_record(list_state &state, const api::NodeIMAData &record)
 {
     state.any_source |= record.has_node_name() || !record.events().empty();
-    state.last_was_empty = !record.has_node_name() && !record.has_uptime() && record.events().empty();
+    state.cut_short = !record.has_node_name();
 }
 
 // A head where another node's events begin, then the events. Text is written as it is made.
@@ -66,7 +66,7 @@ int run_at_once(const settings &chosen, client &c, const api::get_platform_ima_e
     }
     if (!flush_data())
         return EXIT_USAGE;
-    return answer.node_data().empty() ? no_list(chosen) : EXIT_DONE;
+    return state.any_source ? EXIT_DONE : no_list(chosen);
 }
 
 // The exit status of a stream that has ended, with a line for everything but a plain end.
@@ -86,7 +86,7 @@ int stream_end(const settings &chosen, const ask_result &result, const list_stat
     if (!state.any_source)
         return no_list(chosen);
     // A node that has to give a stream up ends it with a message without any field.
-    if (state.last_was_empty) {
+    if (state.cut_short) {
         complain(chosen.target + " ended the stream early, after " + received_text(progress));
         return EXIT_NO_EVIDENCE;
     }

@@ -47,7 +47,7 @@ struct ima_file {
     bool has_source = false;  // a record of a source came
     std::string node{};       // of the records that are written
     bool has_node = false;    // one was
-    bool cut_short = false;   // the last message had no field: the node gave up
+    bool cut_short = false;   // the last message named no node: it gave up
     std::uint64_t number = 0; // of the last event
     int status = EXIT_DONE;   // of what went wrong
     std::string error{};      // one line; empty: nothing did
@@ -62,7 +62,7 @@ bool fail(ima_file &file, int status, std::string error)
 
 bool put(ima_file &file, const std::string &bytes)
 {
-    return file.waiting && std::fwrite(bytes.data(), 1, bytes.size(), file.waiting.get()) == bytes.size()
+    return std::fwrite(bytes.data(), 1, bytes.size(), file.waiting.get()) == bytes.size()
                ? true
                : fail(file, EXIT_USAGE,
                       std::string("cannot keep the list in a file: ") + std::strerror(errno));
@@ -70,7 +70,8 @@ bool put(ima_file &file, const std::string &bytes)
 
 bool take_event(ima_file &file, const api::IMA_EVENT &event)
 {
-    if (event.event_num() == 0 || (!file.is_first && event.event_num() != file.number + 1))
+    const bool may_begin_here = file.is_first && file.chosen.start.value_or(0) != 0;
+    if (event.event_num() == 0 || (!may_begin_here && event.event_num() != file.number + 1))
         return fail(file, EXIT_NO_EVIDENCE,
                     "the IMA list cannot be written: event " + grouped(event.event_num()) + " came after " +
                         grouped(file.number));
@@ -88,7 +89,7 @@ bool take_event(ima_file &file, const api::IMA_EVENT &event)
 
 bool take_record(ima_file &file, const api::NodeIMAData &record)
 {
-    file.cut_short = !record.has_node_name() && record.events().empty();
+    file.cut_short = !record.has_node_name();
     if (file.cut_short)
         return true;
     file.has_source = true;
@@ -122,7 +123,10 @@ void write_out(ima_file &file)
     const bool is_cel = file.chosen.format == log_format::cel_json;
     if (is_cel && !put(file, file.is_first ? "[]\n" : "]\n"))
         return;
-    std::rewind(file.waiting.get());
+    if (std::fseek(file.waiting.get(), 0, SEEK_SET) != 0) { // writes what is still in memory, and may fail to
+        fail(file, EXIT_USAGE, std::string("cannot keep the list in a file: ") + std::strerror(errno));
+        return;
+    }
     std::array<char, 1 << 16> block{};
     while (const std::size_t size = std::fread(block.data(), 1, block.size(), file.waiting.get()))
         write_data({block.data(), size});
@@ -193,6 +197,10 @@ int run_ima_log_file(const settings &chosen, client &c,
     if (!may_be_written(chosen))
         return EXIT_USAGE;
     ima_file file{chosen};
+    if (!file.waiting) {
+        complain(std::string("cannot keep the list in a file: ") + std::strerror(errno));
+        return EXIT_USAGE;
+    }
     const ask_result result = ask_for_list(file, c, request);
     if (file.error.empty() && result.status == ask_status::stopped) {
         complain("interrupted, nothing was written");

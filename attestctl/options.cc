@@ -123,13 +123,13 @@ constexpr auto OPTIONS = std::to_array<option_row>({
     {"--root", "FILE", CERTIFICATES, take_text<&settings::root_file>,
      "the root certificates that are trusted: one in DER, or several in PEM", NEEDS_TEXT},
     {"--bmc-root", "FILE", CERTIFICATES, take_text<&settings::bmc_root_file>,
-     "those trusted for the BMC, whose evidence then has to come (default: those of --root)", NEEDS_TEXT},
+     "the BMC's, whose evidence then has to come (default: those of --root)", NEEDS_TEXT},
     {"--state", "FILE", of(command_id::attest), take_text<&settings::state_file>,
-     "remember how far the IMA list was verified, and ask only for what is new (made if absent)", NEEDS_TEXT},
+     "how far IMA lists were verified: asks only for what is new (made if absent)", NEEDS_TEXT},
     {"--pin", "FILE", of(command_id::attest), take_text<&settings::pin_file>,
-     "keep what the node is like at the first use, and demand it later (made if absent)", NEEDS_TEXT},
+     "keep what the node is like at first, and demand it later (made if absent)", NEEDS_TEXT},
     {"--targets", "FILE", of(command_id::attest), take_text<&settings::targets_file>,
-     "attest many nodes, HOST:PORT a line ('#' begins a comment), a line of result each", NEEDS_TEXT},
+     "attest many nodes: HOST:PORT a line, '#' begins a comment; a result a line", NEEDS_TEXT},
     {"--jobs", "N", of(command_id::attest), take_jobs, "nodes that are asked at the same time (default 32)",
      "must be a number from 1 to 256"},
     {"--node-timeout", "SECONDS", of(command_id::attest), take_seconds<&settings::node_timeout>,
@@ -150,12 +150,12 @@ constexpr auto OPTIONS = std::to_array<option_row>({
     {"--stream", "", of(command_id::ima_log), take_flag<&settings::stream>,
      "as a stream, for lists of any length", ""},
     {"--format", "FORMAT", LOGS, take_format,
-     "the log of one node as cel-json (Canonical Event Log) or raw (the kernel's file)",
+     "one node's log as cel-json (Canonical Event Log) or raw (the kernel's file)",
      "must be cel-json or raw"},
     {"--source", "NAME", LOGS, take_text<&settings::source>,
      "with --format: the node whose log it is, where several answer", NEEDS_TEXT},
     {"--hash-algo", "N", of(command_id::hw_integrity), take_integer<&settings::hash_algo>,
-     "0 SHA-1, 1 SHA-256, 2 SHA-384, 3 SHA-512 (default: the node's choice, SHA-256)",
+     "0 SHA-1, 1 SHA-256, 2 SHA-384, 3 SHA-512 (default: the node's, SHA-256)",
      "must be a number from 0 to 4294967295"},
     {"--save", "DIR", of(command_id::attest), take_text<&settings::save_directory>,
      "make DIR and write questions and answers into it, a file each", NEEDS_TEXT},
@@ -178,15 +178,15 @@ constexpr auto COMMANDS = std::to_array<command_row>({
 });
 
 constexpr std::string_view NOTES =
-    "\nIn JSON, bytes are hexadecimal; event_name, template_name and digest_algo are text, in which \\\\ "
-    "stands for\n"
-    "a backslash and \\xNN for a byte that is not UTF-8. The commands that check something add an object "
-    "with\n"
-    "\"checks\" (a list of \"source\", \"name\", \"outcome\", \"reason\"), \"roots_pinned\", \"verified\" "
-    "and "
-    "\"verdict\".\n"
-    "\nExit status: 0 done; 1 evidence that is missing or does not verify; 2 usage or connection;\n"
-    "130 a stream was interrupted.\n";
+    R"(
+In JSON, bytes are hexadecimal; event_name, template_name and digest_algo are text, in which \\
+stands for a backslash and \xNN for a byte that is not UTF-8. The commands that check something
+add an object with "checks" (a list of "source", "name", "outcome", "reason"), "roots_pinned",
+"verified" and "verdict".
+
+Exit status: 0 done; 1 evidence that is missing or does not verify; 2 usage or connection;
+130 a stream was interrupted.
+)";
 
 void append_options(std::string &out, unsigned commands)
 {

@@ -69,9 +69,9 @@ struct parsed {
     std::string text;
 };
 
-// `arguments` without the program's name. Options stand before or after the command, as "--name value" or
-// "--name=value".
 // Whether it is HOST:PORT.
 bool is_target(std::string_view text);
 
+// `arguments` without the program's name. Options stand before or after the command, as "--name value" or
+// "--name=value".
 parsed parse_command_line(std::span<const char *const> arguments);

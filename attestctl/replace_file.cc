@@ -59,7 +59,7 @@ bool write_all(int file, std::string_view content)
 // On the disk under this name, or not there at all with errno set.
 bool write_new(const std::string &path, std::string_view content, std::optional<mode_t> mode)
 {
-    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode.value_or(0666));
     if (file < 0)
         return false;
     const bool written = write_all(file, content) && (!mode || fchmod(file, *mode) == 0) && fsync(file) == 0;

@@ -70,9 +70,9 @@ void append_identifiers(std::string &out, const api::tpm_hw_integrity &record)
             return digest ? hex_preview(*digest, 64) : "(none)";
         };
         if (digests.recorded && digests.now && *digests.recorded == *digests.now)
-            out += format("  %4u  same      ", index) + text(digests.now) + '\n';
+            out += format("%4u  same      ", index) + text(digests.now) + '\n';
         else
-            out += format("  %4u  recorded  ", index) + text(digests.recorded) + "\n        now       " +
+            out += format("%4u  recorded  ", index) + text(digests.recorded) + "\n      now       " +
                    text(digests.now) + '\n';
     }
 }

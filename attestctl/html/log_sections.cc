@@ -105,8 +105,13 @@ void append_figures(html &out, const shown_ima_list &list)
     figure(list.counts.violations, "violations");
     figure(list.counts.signatures, "signed");
     out << "</dl><p class=note>Templates: ";
-    for (const auto &[name, events] : list.templates)
+    std::uint64_t others = list.counts.events;
+    for (const auto &[name, events] : list.templates) {
         out << printable(name, 64) << " (" << events << ") ";
+        others -= events;
+    }
+    if (others != 0)
+        out << "others (" << others << ")";
     out << "</p>";
 }
 

@@ -96,6 +96,11 @@ class Formats(fake_node.Program):
                     node_data=[message])}, ["ima-log"], words)
                 self.refused({STREAM: [ima(good), ima(event)]}, ["ima-log", "--stream"], words)
         self.refused({STREAM: [ima(good), api.NodeIMAData()]}, ["ima-log", "--stream"], ".* ended the stream early")
+        nameless = api.NodeIMAData(events=[ima_event(2)])
+        self.refused({STREAM: [ima(good), nameless]}, ["ima-log", "--stream"], ".* ended the stream early")
+        self.refused({STREAM: [ima(ima_event(2))]}, ["ima-log", "--stream"], ".*: event 2 came after 0")
+        with FakeNode({STREAM: lambda r, c: [ima(ima_event(2))]}) as node:
+            self.expect(run(node.target, "ima-log", "--stream", "--start", "1", "--format", "raw"), 0)
         self.refused({}, ["ima-log"], ".* answered without evidence: no IMA list")
         self.refused({}, ["boot-log"], ".* answered without evidence: no boot log")
 

@@ -193,6 +193,21 @@ class Failures(Program):
                 done = run(node.target, *command)
                 self.expect(done, 2, r".*: RESOURCE_EXHAUSTED: too\\x0abig \\x1b\[2J", "")
 
+    def test_signers_that_the_node_refuses_are_said(self):
+        def refuse(_, context):
+            context.abort(grpc.StatusCode.PERMISSION_DENIED, "not for you")
+
+        pcrs = api.attest_pcr_response(node_data=[api.NodePCRData(node_name="n")])
+        with FakeNode({"AttestPcrs": lambda r, c: pcrs, "GetCertificate": refuse}) as node:
+            done = run(node.target, "pcrs", "--pcr", "0")
+        self.assertEqual(done.returncode, 1)
+        self.assertEqual(done.stderr.count(b"PERMISSION_DENIED: not for you"), 2)
+
+    def test_record_that_names_no_node_is_no_list(self):
+        answer = api.get_platform_ima_event_logs_response(node_data=[api.NodeIMAData()])
+        with FakeNode({"GetPlatformImaEventLogs": lambda r, c: answer}) as node:
+            self.expect(run(node.target, "ima-log"), 1, ".* answered without evidence: no IMA list")
+
     def test_no_answer_in_time(self):
         with FakeNode({"GetCertificate": say_nothing}) as node:
             done = run(node.target, "certificate", "--timeout", "1.5")

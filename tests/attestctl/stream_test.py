@@ -13,7 +13,7 @@ import unittest
 
 import remote_attestation_api_pb2 as api
 from fake_node import (
-    PROGRAM, STREAM, FakeNode, Program, as_functions, from_json, ima_record, run, say_nothing,
+    METHODS, PROGRAM, STREAM, FakeNode, Program, as_functions, from_json, ima_record, run, say_nothing,
 )
 
 
@@ -35,6 +35,13 @@ class Stream(Program):
         with FakeNode({STREAM: lambda r, c: iter([ima_record(1, 1000), api.NodeIMAData()])}) as node:
             done = run(node.target, "ima-log", "--stream")
         self.expect(done, 1, ".* ended the stream early, after 1,000 events .*")
+
+    def test_last_message_has_to_name_its_node(self):
+        nameless = api.NodeIMAData(events=ima_record(1001, 5).events)
+        with FakeNode({STREAM: lambda r, c: iter([ima_record(1, 1000), nameless])}) as node:
+            self.expect(run(node.target, "ima-log", "--stream"), 1, ".* ended the stream early, after 1,005 events .*")
+            report = json.loads(run(node.target, "attest", "--json").stdout)
+        self.assertFalse(next(row for row in report["evidence"] if row["kind"] == "ima-log")["came"])
 
     def test_list_with_nothing_new_is_a_success(self):
         with FakeNode({STREAM: lambda r, c: iter([ima_record(1, 0)])}) as node:
@@ -102,6 +109,24 @@ class Stream(Program):
         self.assertEqual(status, 1)
         last = r"\r\x1b\[K2 of 2 nodes: 0 verified, 1 not verified, 1 not asked to the end\r\x1b\[K\Z"
         self.assertRegex(seen, last)
+
+    def test_one_of_many_nodes_may_not_take_as_long_as_it_likes(self):
+        def slowly(_, context):
+            time.sleep(0.6)
+            return b""
+
+        with FakeNode({name: slowly for name in METHODS}) as node, tempfile.NamedTemporaryFile() as targets:
+            targets.write(node.target.encode())
+            targets.flush()
+            done = run(None, "attest", "--targets", targets.name, "--node-timeout", "1")
+            self.assertIn("NOT VERIFIED: the node did not come to an end in time", done.stdout.decode())
+            self.assertLess(len(node.requests), 4)
+        with FakeNode({"GetCertificate": say_nothing}) as node, tempfile.NamedTemporaryFile() as targets:
+            targets.write(node.target.encode())
+            targets.flush()
+            done = run(None, "attest", "--targets", targets.name, "--node-timeout", "0.5", "--timeout", "50")
+            self.assertIn("NOT VERIFIED: ", done.stdout.decode())
+            self.assertIn("no answer within 0.5 s", done.stdout.decode())
 
     def test_one_of_many_nodes_may_not_send_as_much_as_it_likes(self):
         large = api.get_platform_boot_integrity_event_logs_response(
