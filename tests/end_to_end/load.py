@@ -108,7 +108,7 @@ class Hostile:
         self.opened, self.ended, self.most_held = 0, 0, 0
         self.stopping = threading.Event()
         self.tried_all = threading.Event()
-        self.thread = threading.Thread(target=self.run)
+        self.thread = threading.Thread(target=self.run, daemon=True)
         self.thread.start()
 
     def run(self):
@@ -153,7 +153,7 @@ class Watch:
         self.idle, self.idle_descriptors = self.resident(), self.descriptors()
         self.peak, self.most_descriptors = self.idle, self.idle_descriptors
         self.stopping = threading.Event()
-        self.thread = threading.Thread(target=self.run)
+        self.thread = threading.Thread(target=self.run, daemon=True)
         self.thread.start()
 
     def resident(self):
@@ -207,7 +207,8 @@ def load(clients, idle, half_open, stalled, seconds, pause):
     for client in stallers:
         client.stall()
     hostile = Hostile(idle, half_open)
-    hostile.tried_all.wait(120)
+    if not hostile.tried_all.wait(120):
+        raise AssertionError("not all hostile connections were opened within 120 s")
     loaded = ask_by_turns(honest, seconds, pause)
     held = watch.descriptors()
     hostile.stop()
