@@ -61,6 +61,13 @@ public:
     }
 
     void send(int signal) const { kill(pid_, signal); }
+    // Returns once the program has stopped.
+    void stop() const
+    {
+        int status = 0;
+        kill(pid_, SIGSTOP);
+        ASSERT_EQ(waitpid(pid_, &status, WUNTRACED), pid_);
+    }
 
     outcome finish()
     {
@@ -182,7 +189,7 @@ TEST_F(attest_trace_test, FollowSaysHowManyLinesItLost)
     write("already there");
     running_program follow({"follow"});
     follow.wait_for("already there");
-    follow.send(SIGSTOP);
+    follow.stop();
     for (int line = 0; line < 3000; ++line)
         write("a line of one cell " + std::to_string(line));
     follow.send(SIGCONT);
