@@ -33,6 +33,7 @@ protected:
         if (child < 0)
             std::abort(); // -1 is not to be killed: it stands for every process
         if (child == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
             std::signal(SIGUSR1, [](int) {});
             if (take(semid) != 0)
                 _exit(1);
@@ -133,12 +134,12 @@ TEST_F(Lock, StaysAnnouncedWhenItCannotBeTaken)
     }
     int status = 0;
     waitpid(child, &status, 0);
+    close(said[1]);
     EXPECT_EQ(status, 0);
     char text[100] = {};
     EXPECT_GT(read(said[0], text, sizeof text - 1), 0);
     EXPECT_STREQ(text, "semop: : No space left on device\n");
     close(said[0]);
-    close(said[1]);
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <random>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/sem.h>
 #include <sys/wait.h>
@@ -162,8 +163,10 @@ pid_t start_writer(const table_of_test &table, progress &progress, std::uint64_t
     pid_t child = fork();
     if (child < 0)
         std::abort(); // -1 is not to be killed: it stands for every process
-    if (child == 0)
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         write_until_killed(table, progress, writer);
+    }
     return child;
 }
 

@@ -3,6 +3,7 @@
 
 #include <pty.h>
 #include <random>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <termios.h>
 
@@ -105,6 +106,7 @@ TEST_F(transport_test, ADeviceIsReachedThroughItsThread)
     const std::string state = "dir=" + tpm_.directory() + "/tpm";
     const pid_t tpm = fork();
     if (tpm == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         execlp("swtpm", "swtpm", "chardev", "--tpm2", "--tpmstate", state.c_str(), "--fd",
                std::to_string(tpm_end).c_str(), "--flags", "not-need-init,startup-clear", nullptr);
         _exit(127);
