@@ -56,11 +56,16 @@ function(attest_bench name)
   file(APPEND ${CMAKE_BINARY_DIR}/benchmarks.txt "${program}\n")
 endfunction()
 
-# Rooms add their tests and benchmarks as folders and files of their own; a list names them all.
+# Rooms add their tests and benchmarks as folders and files of their own; a list names them all. One that it forgets
+# would not be built, and nobody would miss it.
 macro(attest_add_subdirectories)
+  file(GLOB present RELATIVE ${CMAKE_CURRENT_SOURCE_DIR} CONFIGURE_DEPENDS */CMakeLists.txt)
+  list(TRANSFORM present REPLACE "/CMakeLists.txt" "")
+  list(REMOVE_ITEM present ${ARGN})
+  if(present)
+    message(FATAL_ERROR "in no list of ${CMAKE_CURRENT_SOURCE_DIR}: ${present}")
+  endif()
   foreach(dir ${ARGN})
-    if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${dir}/CMakeLists.txt)
-      add_subdirectory(${dir})
-    endif()
+    add_subdirectory(${dir})
   endforeach()
 endmacro()
