@@ -5,17 +5,12 @@
 #include <cstring>
 
 #include "bmc/rest_reply.h"
+#include "fuzz/fuzz_input.h"
 #include "platform/base64.h"
 #include "platform/messages.h"
 #include "platform/owners.h"
 
 namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 template <class Record>
 void decode_record(std::span<const std::byte> bytes)
