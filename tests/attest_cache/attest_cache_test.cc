@@ -27,7 +27,7 @@ protected:
     std::string said;
 };
 
-TEST_F(AttestCache, ShowsAnotherCache)
+TEST_F(AttestCache, ShowsTheCacheThatIsThere)
 {
     EXPECT_EQ(run("verify"), 0) << said;
     EXPECT_EQ(said, "sound: 0 blocks, 0 events\n");
@@ -43,7 +43,7 @@ TEST_F(AttestCache, ShowsAnotherCache)
     EXPECT_THAT(said, testing::HasSubstr("2 of 200 blocks, 4000 events of 20000000"));
 }
 
-TEST_F(AttestCache, CallsADamagedCacheSound)
+TEST_F(AttestCache, CallsNoDamagedCacheSound)
 {
     append(2 * CHUNKS + 1);
     saved_cache sound = save(3);
@@ -94,7 +94,7 @@ TEST_F(AttestCache, CallsADamagedCacheSound)
     }
 }
 
-TEST_F(AttestCache, NeedsARunningAgent)
+TEST_F(AttestCache, NeedsNoRunningAgent)
 {
     append(1);
     std::string directory = ima_cache_ctx.meta->cache_dir;
@@ -109,7 +109,7 @@ TEST_F(AttestCache, NeedsARunningAgent)
         EXPECT_EQ(run(wrong), 2) << wrong;
 }
 
-TEST_F(AttestCache, WaitsForAWriterThatIsGone)
+TEST_F(AttestCache, DoesNotWaitForALockThatIsGone)
 {
     append(1);
     semctl(ima_cache_ctx.semid, 0, IPC_RMID);

@@ -33,7 +33,7 @@ sha256_digest hash_of(const sha256_digest &previous, const std::vector<std::uint
     return digest;
 }
 
-TEST_F(Append, WritesAnotherBlockThanTheFormatSays)
+TEST_F(Append, WritesTheBlockThatTheFormatSays)
 {
     at_ima_cache_limits = {};
     append(1);
@@ -58,7 +58,7 @@ TEST_F(Append, WritesAnotherBlockThanTheFormatSays)
     EXPECT_EQ(file.st_mode & 0777, 0600);
 }
 
-TEST_F(Append, SealsABlockInAnotherWay)
+TEST_F(Append, CutsASealedBlockAndChainsTheNextToIt)
 {
     append(CHUNKS + 1);
     std::vector<std::uint8_t> sealed = read_block(0);
@@ -76,7 +76,7 @@ TEST_F(Append, SealsABlockInAnotherWay)
     EXPECT_EQ(ima_cache_ctx.meta->blocks[1].event_count, 1000);
 }
 
-TEST_F(Append, LeavesASealedBlockWritable)
+TEST_F(Append, MakesASealedBlockImmutable)
 {
     append(CHUNKS);
     unique_fd file(open(path_of(0).c_str(), O_RDONLY));
@@ -90,7 +90,7 @@ TEST_F(Append, LeavesASealedBlockWritable)
     EXPECT_FALSE(std::filesystem::exists(path_of(0)));
 }
 
-TEST_F(Append, TakesAChunkThatDoesNotComeNext)
+TEST_F(Append, TakesOnlyTheChunkThatComesNext)
 {
     EXPECT_EQ(source_chunk(2).add(), -1);
     EXPECT_TRUE(trace_has("at_ima_cache_add(): Attempt to add discontiguos chunk 0 -> 2 "));
@@ -105,7 +105,7 @@ TEST_F(Append, TakesAChunkThatDoesNotComeNext)
     expect_events(4000);
 }
 
-TEST_F(Append, TakesWhatIsNoChunk)
+TEST_F(Append, RefusesWhatIsNoChunk)
 {
     source_chunk chunk(1);
     EXPECT_EQ(at_ima_cache_add(nullptr, 1000, 0, 1), -1);
@@ -120,7 +120,7 @@ TEST_F(Append, TakesWhatIsNoChunk)
     expect_events(0);
 }
 
-TEST_F(Append, CutsALongChunk)
+TEST_F(Append, KeepsALongChunkWhole)
 {
     source_chunk chunk(1, 4000);
     ASSERT_EQ(chunk.add(), 1); // the block outgrows what is reserved, too
@@ -132,7 +132,7 @@ TEST_F(Append, CutsALongChunk)
     at_ima_cache_read_done(&at.block, &at.offset, &at.fd);
 }
 
-TEST_F(Append, GoesOnBehindTheLastBlock)
+TEST_F(Append, EndsWithTheLastBlock)
 {
     at_ima_cache_limits.block_events = 1000;
     append(200);
@@ -144,7 +144,7 @@ TEST_F(Append, GoesOnBehindTheLastBlock)
     EXPECT_EQ(messages_raised, std::vector<std::string>{});
 }
 
-TEST_F(Append, LeavesAFileOnAFullDisk)
+TEST_F(Append, LeavesNoFileOnAFullDisk)
 {
     at_ima_cache_limits.block_size = IMA_CACHE_BLOCK_SIZE;
     std::string filler = "/harddisk:/filler";
@@ -177,7 +177,7 @@ private:
     rlimit old_{};
 };
 
-TEST_F(Append, FailsForEverAfterAShortWrite)
+TEST_F(Append, GoesOnAfterAShortWrite)
 {
     append(1);
     std::vector<std::uint8_t> before = read_block(0);
@@ -197,7 +197,7 @@ TEST_F(Append, FailsForEverAfterAShortWrite)
     EXPECT_EQ(messages_raised, std::vector<std::string>{});
 }
 
-TEST_F(Append, GoesOnWithoutTheLock)
+TEST_F(Append, DoesNothingWithoutTheLock)
 {
     append(1);
     semctl(ima_cache_ctx.semid, 0, IPC_RMID);
@@ -217,7 +217,7 @@ TEST_F(Append, GoesOnWithoutTheLock)
 
 // ---- reading ----
 
-TEST_F(Read, StartsOnAnotherChunk)
+TEST_F(Read, StartsOnTheChunkOfTheEvent)
 {
     append(CHUNKS + 2);
     for (auto [event, first, block] :
@@ -244,7 +244,7 @@ TEST_F(Read, StartsOnAnotherChunk)
         trace_has("at_ima_cache_find_block(): 5001 attempt to read beyond current cache content 5000"));
 }
 
-TEST_F(Read, LosesItsPlaceAtABlocksEnd)
+TEST_F(Read, KeepsItsPlaceAtABlocksEnd)
 {
     append(CHUNKS);
     ima_cache_cursor at{};
@@ -270,7 +270,7 @@ TEST_F(Read, LosesItsPlaceAtABlocksEnd)
     at_ima_cache_read_done(&at.block, &at.offset, &at.fd);
 }
 
-TEST_F(Read, CrashesOnMissingArguments)
+TEST_F(Read, RefusesMissingArguments)
 {
     std::uint8_t block = 0;
     std::uint32_t offset = 0;
@@ -287,7 +287,7 @@ TEST_F(Read, CrashesOnMissingArguments)
     EXPECT_EQ(at_ima_cache_find_file_offset(1, nullptr, nullptr), -1);
 }
 
-TEST_F(Read, FindsAnotherOffsetInTheKernelsList)
+TEST_F(Read, FindsTheOffsetInTheKernelsList)
 {
     append(CHUNKS); // the current block has no chunk yet
     for (auto [event, first] : std::initializer_list<std::pair<std::uint64_t, std::uint64_t>>{
@@ -307,7 +307,7 @@ TEST_F(Read, FindsAnotherOffsetInTheKernelsList)
 }
 
 // Blocks with a right hash around wrong contents, as only a faulty or foreign writer makes them.
-TEST_F(Read, BelievesLengthsAndNumbers)
+TEST_F(Read, DoesNotBelieveLengthsAndNumbers)
 {
     append(2);
     saved_cache saved = save(1);

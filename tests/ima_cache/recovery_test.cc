@@ -45,7 +45,7 @@ protected:
     saved_cache four;
 };
 
-TEST_F(Recovery, ChangesASoundCache)
+TEST_F(Recovery, LeavesASoundCacheAsItIs)
 {
     ima_cache_meta before = *ima_cache_ctx.meta;
     auto chain = ima_cache_ctx.block_hash_chain;
@@ -58,7 +58,7 @@ TEST_F(Recovery, ChangesASoundCache)
     expect_events(13'000);
 }
 
-TEST_F(Recovery, MistakesWhichBlocksAreMissing)
+TEST_F(Recovery, CutsAtTheFirstMissingBlock)
 {
     for (unsigned missing = 1; missing < 16; ++missing) {
         put_back(four);
@@ -82,7 +82,7 @@ TEST_F(Recovery, MistakesWhichBlocksAreMissing)
     }
 }
 
-TEST_F(Recovery, ServesADamagedBlock)
+TEST_F(Recovery, CutsAtADamagedBlock)
 {
     for (unsigned index = 0; index < 4; ++index) {
         put_back(four);
@@ -112,7 +112,7 @@ TEST_F(Recovery, ServesADamagedBlock)
     expect_events(11'000);
 }
 
-TEST_F(Recovery, TakesAForeignBlockForItsOwn)
+TEST_F(Recovery, CutsAtAForeignBlock)
 {
     struct {
         const char *what;
@@ -137,7 +137,7 @@ TEST_F(Recovery, TakesAForeignBlockForItsOwn)
     }
 }
 
-TEST_F(Recovery, DeletesBlocksBehindOneThatCannotBeRead)
+TEST_F(Recovery, KeepsBlocksBehindOneThatCannotBeRead)
 {
     std::ofstream(path_of(9)) << "unexpected";
     write_block(1, {1, 2, 3});
@@ -153,7 +153,7 @@ TEST_F(Recovery, DeletesBlocksBehindOneThatCannotBeRead)
 }
 
 // A death between the block's update and the metadata's.
-TEST_F(Recovery, AppendsAChunkTwice)
+TEST_F(Recovery, AppendsNoChunkTwice)
 {
     for (unsigned chunks : {1u, 2u}) { // the second one seals the block
         put_back(four);
@@ -174,7 +174,7 @@ TEST_F(Recovery, AppendsAChunkTwice)
 }
 
 // One that could not be deleted when the cache was cut at it.
-TEST_F(Recovery, AppendsToASealedBlock)
+TEST_F(Recovery, DoesNotAppendToASealedBlock)
 {
     ima_cache_ctx.meta->cur_block = 1;
     ima_cache_ctx.meta->last_event = IN_A_BLOCK;
@@ -185,7 +185,7 @@ TEST_F(Recovery, AppendsToASealedBlock)
 }
 
 // While the cache is used.
-TEST_F(Recovery, GoesOnWithALostOrDamagedBlock)
+TEST_F(Recovery, CutsAtALostOrDamagedBlock)
 {
     for (bool damaged : {false, true}) {
         for (unsigned index : {1u, 3u}) {
@@ -221,7 +221,7 @@ struct contradiction {
     std::function<void(ima_cache_meta &)> make;
 };
 
-TEST_F(Recovery, BelievesMetadataThatContradictThemselves)
+TEST_F(Recovery, StartsAnewOnMetadataThatContradictThemselves)
 {
     auto directory = [](const std::string &name) {
         return [name](ima_cache_meta &meta) {
@@ -253,7 +253,7 @@ TEST_F(Recovery, BelievesMetadataThatContradictThemselves)
     }
 }
 
-TEST_F(Recovery, BelievesAnObjectOfAnotherSize)
+TEST_F(Recovery, StartsAnewOnAnObjectOfAnotherSize)
 {
     for (off_t size : {0, 8, 5336, 5338, 20'000}) {
         ASSERT_EQ(truncate(IMA_CACHE_META_PATH, size), 0);
@@ -266,7 +266,7 @@ TEST_F(Recovery, BelievesAnObjectOfAnotherSize)
 
 // ---- the first start of a boot ----
 
-TEST_F(Recovery, KeepsTheCacheOfAnEarlierBoot)
+TEST_F(Recovery, DeletesTheCacheOfAnEarlierBoot)
 {
     std::string earlier = ima_cache_ctx.meta->cache_dir;
     fs::create_directories("/harddisk:/ima/ima_cache_x/deeper");
@@ -290,7 +290,7 @@ TEST_F(Recovery, KeepsTheCacheOfAnEarlierBoot)
     fs::remove_all("/harddisk:/ima/kept");
 }
 
-TEST_F(Recovery, DoesNotSayHowItStarts)
+TEST_F(Recovery, SaysHowItStarts)
 {
     reboot();
     for (const auto &entry : fs::directory_iterator(IMA_CACHE_ROOT))
@@ -311,13 +311,13 @@ TEST_F(Recovery, DoesNotSayHowItStarts)
     remove_block("/harddisk:/elsewhere");
 }
 
-TEST_F(Recovery, KeepsOthersOutAfterItsEnd)
+TEST_F(Recovery, KeepsNobodyOutAfterItsEnd)
 {
     unique_fd object(open(IMA_CACHE_META_PATH, O_RDWR | O_CLOEXEC));
     EXPECT_EQ(flock(object.get(), LOCK_EX | LOCK_NB), 0);
 }
 
-TEST_F(Recovery, LeavesTracesOfAFailedFirstStart)
+TEST_F(Recovery, LeavesNothingOfAFailedFirstStart)
 {
     reboot();
     for (const auto &entry : fs::directory_iterator(IMA_CACHE_ROOT))

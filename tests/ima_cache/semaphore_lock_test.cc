@@ -65,7 +65,7 @@ protected:
     std::vector<pid_t> children;
 };
 
-TEST_F(Lock, LetsAReaderPassAWaitingWriter)
+TEST_F(Lock, LetsNoReaderPassAWaitingWriter)
 {
     pid_t reader = holder(at_sem_rdlock);
     await([&] { return value(SEM_HOLDERS) == 1; });
@@ -80,7 +80,7 @@ TEST_F(Lock, LetsAReaderPassAWaitingWriter)
     await([&] { return value(SEM_HOLDERS) == 1 && value(SEM_WRITER_GATE) == 0; });
 }
 
-TEST_F(Lock, StaysAnnouncedWhenAWaitingWriterDies)
+TEST_F(Lock, IsNotAnnouncedAnyMoreWhenAWaitingWriterDies)
 {
     holder(at_sem_rdlock);
     await([&] { return value(SEM_HOLDERS) == 1; });
@@ -92,7 +92,7 @@ TEST_F(Lock, StaysAnnouncedWhenAWaitingWriterDies)
     EXPECT_EQ(at_sem_rdunlock(semid), 0);
 }
 
-TEST_F(Lock, IsGivenUpByASignal)
+TEST_F(Lock, IsNotGivenUpByASignal)
 {
     ASSERT_EQ(at_sem_rdlock(semid), 0);
     pid_t writer = holder(at_sem_wrlock);
@@ -122,7 +122,7 @@ void refuse_double_operations()
         _exit(2);
 }
 
-TEST_F(Lock, StaysAnnouncedWhenItCannotBeTaken)
+TEST_F(Lock, IsNotAnnouncedWhenItCannotBeTaken)
 {
     int said[2];
     ASSERT_EQ(pipe(said), 0);

@@ -95,7 +95,7 @@ int step_through_insert(scene &scene, const std::vector<std::string> &next_keys)
 class CutOffInsert : public testing::TestWithParam<int> {};
 
 // The parameter: how many entries the new key's home slot and chain have already.
-TEST_P(CutOffInsert, LeavesHalfAnEntry)
+TEST_P(CutOffInsert, LeavesAWholeEntryOrNone)
 {
     scene scene;
     std::vector<std::string> same_home = keys_of_bucket(7, 8);
@@ -170,7 +170,7 @@ pid_t start_writer(const table_of_test &table, progress &progress, std::uint64_t
     return child;
 }
 
-TEST(Kill, OfAThousandHoldersLosesAnEntry)
+TEST(Kill, OfAThousandHoldersLosesNoEntry)
 {
     table_of_test table(98'316);
     ASSERT_TRUE(table.handle);

@@ -10,7 +10,7 @@
 namespace {
 
 // The C++ library has the same function for its own hash tables.
-TEST(Hash, DiffersFromThePublishedOne)
+TEST(Hash, AgreesWithThePublishedOne)
 {
     std::string text =
         "an arbitrary text whose beginnings are hashed, with \xff\x80 in it and some length to it";
@@ -20,7 +20,7 @@ TEST(Hash, DiffersFromThePublishedOne)
     }
 }
 
-TEST(Table, LosesOrMixesUpEntries)
+TEST(Table, FindsEachEntryAndRefusesMoreThanItHasBuckets)
 {
     table_of_test table(100);
     ASSERT_EQ(table->bucket_count, 193);
@@ -36,7 +36,7 @@ TEST(Table, LosesOrMixesUpEntries)
     EXPECT_EQ(count_entries(*table.get()), 193);
 }
 
-TEST(Table, PutsACollisionElsewhereThanAtTheEndOfItsChain)
+TEST(Table, PutsACollisionAtTheEndOfItsChain)
 {
     table_of_test table;
     std::vector<std::string> keys = keys_of_bucket(7, 53);
@@ -53,7 +53,7 @@ TEST(Table, PutsACollisionElsewhereThanAtTheEndOfItsChain)
     EXPECT_EQ(table.insert("full", 1), -1);
 }
 
-TEST(Table, TakesAnEqualHashForAnEqualKey)
+TEST(Table, TellsKeysOfEqualHashApart)
 {
     // The second word of a 16-byte key that gives the hash a wanted value: every step of the hash has an
     // inverse.
@@ -82,7 +82,7 @@ TEST(Table, TakesAnEqualHashForAnEqualKey)
         EXPECT_EQ(table.search(keys[first - 1]), first);
 }
 
-TEST(Table, ComparesKeysWithoutTheirLength)
+TEST(Table, ComparesKeysWithTheirLength)
 {
     table_of_test table;
     for (std::size_t length : {0, 1, 2, 8, 511, 512})
@@ -95,7 +95,7 @@ TEST(Table, ComparesKeysWithoutTheirLength)
     EXPECT_EQ(table->header->entry_count, 6);
 }
 
-TEST(Table, IsAccessedWithoutItsLock)
+TEST(Table, IsNotAccessedWithoutItsLock)
 {
     table_of_test table;
     table.insert("key", 1);
@@ -108,7 +108,7 @@ TEST(Table, IsAccessedWithoutItsLock)
     EXPECT_EQ(count_entries(*table.get()), 1);
 }
 
-TEST(Table, DoesNotSayWhereAnEntryGoes)
+TEST(Table, SaysWhereAnEntryGoes)
 {
     table_of_test table;
     std::vector<std::string> keys = keys_of_bucket(9, 2);
@@ -132,7 +132,7 @@ struct damage {
 };
 class DamagedTable : public testing::TestWithParam<damage> {};
 
-TEST_P(DamagedTable, IsReadOutsideOrWithoutEnd)
+TEST_P(DamagedTable, IsNotReadOutsideOrWithoutEnd)
 {
     table_of_test table;
     std::vector<std::string> keys = keys_of_bucket(7, 6);

@@ -23,7 +23,7 @@ struct stat object_of(const table_of_test &table)
     return object;
 }
 
-TEST(Creation, ChoosesAnotherSizeThanTheNextPrime)
+TEST(Creation, ChoosesTheNextPrime)
 {
     for (auto [requested, buckets] : std::initializer_list<std::pair<std::uint64_t, std::uint64_t>>{
              {0, 53}, {52, 53}, {53, 97}, {96, 97}, {97, 193}, {12288, 12289}, {12289, 24593}}) {
@@ -37,7 +37,7 @@ TEST(Creation, ChoosesAnotherSizeThanTheNextPrime)
 }
 
 // The whole table at its shipped size: it must cost what is used of it.
-TEST(Creation, TakesMemoryForWhatNobodyUses)
+TEST(Creation, TakesNoMemoryForWhatNobodyUses)
 {
     table_of_test table(0x100000);
     if (table.handle && table->bucket_count != 1572869)
@@ -49,7 +49,7 @@ TEST(Creation, TakesMemoryForWhatNobodyUses)
     EXPECT_LE(object_of(table).st_blocks * 512, 5 * 4096);
 }
 
-TEST(Creation, DoesNotSayWhatItDoes)
+TEST(Creation, SaysWhatItDoes)
 {
     trace_captured.clear();
     table_of_test table;
@@ -72,7 +72,7 @@ TEST(Creation, DoesNotSayWhatItDoes)
     EXPECT_EQ(said, expected);
 }
 
-TEST(Reopening, LosesEntriesWhenAnotherSizeIsAskedFor)
+TEST(Reopening, KeepsEntriesWhenAnotherSizeIsAskedFor)
 {
     table_of_test table;
     std::vector<std::string> keys = keys_of_bucket(1, 4);
@@ -96,7 +96,7 @@ struct object {
 };
 class ForeignObject : public testing::TestWithParam<object> {};
 
-TEST_P(ForeignObject, IsTakenForATable)
+TEST_P(ForeignObject, IsNotTakenForATable)
 {
     table_of_test table;
     for (const std::string &key : keys_of_bucket(3, 5))
@@ -167,7 +167,7 @@ void expect_space_rule(std::size_t size)
     }
 }
 
-TEST(Space, IsTakenBeyondAQuarterOfWhatIsFree)
+TEST(Space, IsTakenUpToAQuarterOfWhatIsFree)
 {
     for (std::size_t size : {200'000, 245'760, 600'000, 5'000'000, 60'000'000}) {
         int result = in_own_shm(size, [size] { expect_space_rule(size); });
@@ -178,7 +178,7 @@ TEST(Space, IsTakenBeyondAQuarterOfWhatIsFree)
 }
 
 // Others have filled the file system since the table was created.
-TEST(Space, KillsTheProcessWhenItIsGone)
+TEST(Space, DoesNotKillTheProcessWhenItIsGone)
 {
     int result = in_own_shm(8 << 20, [] {
         auto handle = std::unique_ptr<shmht_handle>(at_create_shmht("ima", "/dev/shm/ima", 1500));
@@ -208,7 +208,7 @@ TEST(Space, KillsTheProcessWhenItIsGone)
 }
 
 // Many processes that open the same table for the first time must end up with one table and one lock.
-TEST(Creation, RacesWithItself)
+TEST(Creation, OfManyAtOnceMakesOneTable)
 {
     for (int round = 0; round < 20; ++round) {
         table_of_test table;
