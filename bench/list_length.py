@@ -6,7 +6,6 @@ from the full cache, and the last 1,000 events. The client takes the messages as
 import math
 import os
 import pathlib
-import shutil
 import subprocess
 import sys
 import time
@@ -19,7 +18,6 @@ import node  # noqa: E402
 LENGTHS = (1_000, 3_000, 10_000, 30_000, 100_000, 300_000, 1_000_000)
 ROUNDS = 3
 SERVICE = "/remote_attestation_api.RemoteAttestationApi/"
-CACHE = pathlib.Path("/harddisk:/ima")
 SERIES = (("whole list, one answer, no cache", "#b3541e"), ("stream that fills the cache", "#34618f"),
           ("stream from the cache", "#2f7d4f"), ("the last 1,000 events", "#77756c"))
 
@@ -27,18 +25,9 @@ api = node.load_contract()
 
 
 def begin(cached):
-    node.ensure_stopped()
-    if CACHE.is_dir():
-        for block in CACHE.rglob("ima_cache_*"):
-            if block.is_file():
-                subprocess.run(["chattr", "-i", block], stderr=subprocess.DEVNULL, check=False)
-        shutil.rmtree(CACHE)
-    CACHE.unlink(missing_ok=True)
-    for kept in pathlib.Path("/dev/shm").iterdir():
-        kept.unlink()
-    subprocess.run(["ipcrm", "--all=sem"], check=True)
+    node.forget_boot()
     if not cached:
-        CACHE.write_text("a file where the cache wants its directory")
+        node.CACHE.write_text("a file where the cache wants its directory")
     node.agent("start", "ATTEST_TRACE=none")
     return grpc.insecure_channel(os.environ["NODE_ADDRESS"], [("grpc.max_receive_message_length", -1),
                                                               ("grpc.use_local_subchannel_pool", 1)])
@@ -96,11 +85,10 @@ def plot(rows):
 
 
 def main():
-    build = pathlib.Path(node.agent_program()).parents[1]
     node.IMA_LOG.parent.mkdir(parents=True, exist_ok=True)
     rows = []
     for length in LENGTHS:
-        made = subprocess.run([build / "tests/ima/write_ima_list", str(length), "7"], check=True,
+        made = subprocess.run([node.BUILD / "tests/ima/write_ima_list", str(length), "7"], check=True,
                               stdout=subprocess.PIPE)
         node.IMA_LOG.write_bytes(made.stdout)
         rows.append((length, costs_of(length)))

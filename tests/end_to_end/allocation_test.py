@@ -23,8 +23,7 @@ import node
 from measured_list import SERVICE
 from node import agent_control
 
-BUILD = pathlib.Path(node.agent_program()).parents[1]
-LIBRARY = BUILD / "tests/end_to_end/libfailing_allocator.so"
+LIBRARY = node.BUILD / "tests/end_to_end/libfailing_allocator.so"
 CONTROL = "/dev/shm/failing_allocator"
 METRICS = "http://127.0.0.1:9551/metrics"
 ALL = os.environ.get("ALLOCATIONS") == "all"
@@ -40,7 +39,7 @@ class Allocations(unittest.TestCase):
     def setUp(self):
         node.IMA_LOG.parent.mkdir(parents=True, exist_ok=True)
         node.IMA_LOG.write_bytes(measured_list.make(1050, 5))
-        pathlib.Path(CONTROL).write_bytes(control_of(node.agent_program()))
+        pathlib.Path(CONTROL).write_bytes(control_of(node.AGENT))
         with open(CONTROL, "r+b") as file:
             self.control = mmap.mmap(file.fileno(), 0)
         self.start()

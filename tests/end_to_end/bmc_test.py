@@ -19,6 +19,7 @@ OPERATIONS = {  # attestctl's command: the name under which the agent traces its
 }
 BOOT_LOG = OPERATIONS[("boot-log",)]
 BOTH, OWN = ["node", "bmc"], ["node"]
+LEAK_CHECK = node.BUILD / "tests/support/libattest_leak_check.so"
 LIMIT_S = 100  # far more than a request may take, and less than the BMC stalls
 
 FAILED = r"FETCH\(\): Failed to fetch data from BMC$"
@@ -92,8 +93,7 @@ def relay_trace(operation):
 
 def found_leaks():
     """Asks an instrumented agent for its leaks; None where there is no such agent."""
-    library = pathlib.Path(node.agent_program()).parents[1] / "tests/support/libattest_leak_check.so"
-    if not library.exists():
+    if not LEAK_CHECK.exists():
         return None
     before = len(node.agent_words())
     os.kill(node.agent_pid(), signal.SIGUSR2)
@@ -104,8 +104,8 @@ def found_leaks():
 class Bmc(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        library = pathlib.Path(node.agent_program()).parents[1] / "tests/support/libattest_leak_check.so"
-        node.restart(*([f"LD_PRELOAD={library}", "ASAN_OPTIONS=verify_asan_link_order=0"] if library.exists() else []))
+        check = [f"LD_PRELOAD={LEAK_CHECK}", "ASAN_OPTIONS=verify_asan_link_order=0"] if LEAK_CHECK.exists() else []
+        node.restart(*check)
 
     def tearDown(self):
         set_fault("none")

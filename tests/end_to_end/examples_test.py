@@ -7,7 +7,7 @@ import unittest
 
 import node
 
-CPP = pathlib.Path(node.agent_program()).parents[1] / "tests" / "examples" / "cpp" / "ask_node"
+CPP = node.BUILD / "tests/examples/cpp/ask_node"
 PYTHON = node.SOURCE / "examples" / "python" / "ask_node.py"
 
 

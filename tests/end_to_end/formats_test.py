@@ -76,13 +76,7 @@ class BootLogs(unittest.TestCase):
 
 class ImaLists(unittest.TestCase):
     def install(self, data):
-        """A reboot as far as the list, the table of duplicates and the cache know."""
-        node.ensure_stopped()
-        subprocess.run(["rm", "-rf", "/harddisk:/ima"], check=True)
-        for kept in pathlib.Path("/dev/shm").iterdir():
-            kept.unlink()
-        subprocess.run(["ipcrm", "--all=sem"], check=True)
-        node.IMA_LOG.parent.mkdir(parents=True, exist_ok=True)
+        node.forget_boot()
         node.IMA_LOG.write_bytes(data)
         node.agent("start", "ATTEST_TRACE=none")
 

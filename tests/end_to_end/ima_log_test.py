@@ -2,7 +2,6 @@
 is compared with the list itself."""
 import json
 import os
-import pathlib
 import signal
 import struct
 import subprocess
@@ -16,16 +15,8 @@ import measured_list
 import node
 from measured_list import Client, Events, api
 
-BUILD = pathlib.Path(node.agent_program()).parents[1]
-INSTRUMENTED = "asan" in BUILD.name or "tsan" in BUILD.name
-CACHE = pathlib.Path("/harddisk:/ima")
 LENGTH = 250_000  # two blocks of the cache are sealed, the third is half full
 SHORT = 110_000  # one is
-
-
-def write_list(data):
-    node.IMA_LOG.parent.mkdir(parents=True, exist_ok=True)
-    node.IMA_LOG.write_bytes(data)
 
 
 def taken(messages):
@@ -39,16 +30,12 @@ class ImaLog(unittest.TestCase):
         cls.list = Events(measured_list.make(LENGTH + 5000, 7))
 
     def begin(self, length=LENGTH, cached=True, warm=False):
-        """A reboot as far as the list, the table and the cache know: a list of `length` events, nothing kept. With
-        `warm` the cache has been filled since, and the trace is on."""
-        node.ensure_stopped()
-        subprocess.run(["rm", "-rf", CACHE], check=True)
-        for kept in pathlib.Path("/dev/shm").iterdir():
-            kept.unlink()
-        subprocess.run(["ipcrm", "--all=sem"], check=True)
-        write_list(self.list.first(length))
+        """A boot with a list of `length` events, nothing kept. With `warm` the cache has been filled since, and the
+        trace is on."""
+        node.forget_boot()
+        node.IMA_LOG.write_bytes(self.list.first(length))
         if not cached:
-            CACHE.write_text("a file where the cache wants its directory")
+            node.CACHE.write_text("a file where the cache wants its directory")
         node.agent("start", "ATTEST_TRACE=none")  # three lines of each event that is read from the list
         self.client = self.connect()
         if warm:
@@ -134,11 +121,11 @@ class ImaLog(unittest.TestCase):
     def test_a_client_that_stalls_costs_little_memory_and_holds_up_no_short_answer(self):
         self.begin(SHORT, warm=True)
         self.compare(taken(self.client.at_once(0, 1000)), 1, 1000)
-        before = self.resident()
+        before = node.resident(node.agent_pid())
         held = self.connect().stream()
         node.wait_for(lambda: self.traced("Slowing down cache responses"), "a pause of the stalled stream")
-        if not INSTRUMENTED:
-            self.assertLess(self.resident() - before, 64 << 20)
+        if not node.INSTRUMENTED:
+            self.assertLess(node.resident(node.agent_pid()) - before, 64 << 20)
         for start in (0, 50_000, 109_000):
             self.compare(taken(self.client.at_once(start, 1)), *self.chunk_of(start))
         self.assertEqual(node.attestctl("pcrs", "--pcr", "0").returncode, 0)
@@ -176,13 +163,6 @@ class ImaLog(unittest.TestCase):
         first = 1 if event == 0 else (event - 1) // 1000 * 1000 + 1
         return first, first + 999
 
-    def resident(self):
-        """Of the agent's own: the table of repeats is shared memory and as large as the list."""
-        for line in pathlib.Path(f"/proc/{node.agent_pid()}/status").read_text().splitlines():
-            if line.startswith("RssAnon:"):
-                return int(line.split()[1]) * 1024
-        raise AssertionError("no RssAnon")
-
     def trace_count(self, part):
         return sum(part in line for line in node.trace())
 
@@ -196,7 +176,7 @@ class ImaLog(unittest.TestCase):
         for what, data in {"missing": None, "cut": good[:-3], "a name of 300 bytes":
                            good[:end] + good[end:end + 24] + struct.pack("<I", 300) + bytes(300)}.items():
             with self.subTest(what):
-                write_list(data or b"")
+                node.IMA_LOG.write_bytes(data or b"")
                 if data is None:
                     node.IMA_LOG.unlink()
                 self.assertEqual(list(self.client.at_once(2000)), [])
@@ -231,7 +211,7 @@ class ImaLog(unittest.TestCase):
             child.returncode = os.waitstatus_to_exitcode(status)
             self.assertEqual(child.returncode, 0)
             peaks[count] = usage.ru_maxrss
-        if not INSTRUMENTED:
+        if not node.INSTRUMENTED:
             self.assertLess(peaks[LENGTH], peaks[10_000] + (16 << 10))
         child = subprocess.Popen(["attestctl", "ima-log", "--stream"], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         child.stdout.read(100_000)

@@ -157,10 +157,7 @@ class Watch:
         self.thread.start()
 
     def resident(self):
-        for line in pathlib.Path(f"/proc/{self.pid}/status").read_text().splitlines():
-            if line.startswith("RssAnon:"):
-                return int(line.split()[1]) * 1024
-        raise AssertionError("no RssAnon")
+        return node.resident(self.pid)
 
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))

@@ -1,12 +1,9 @@
 """A small load of every kind; bench/load does the whole."""
-import pathlib
 import unittest
 
 import load
 import node
 
-BUILD = pathlib.Path(node.agent_program()).parents[1]
-INSTRUMENTED = "asan" in BUILD.name or "tsan" in BUILD.name
 QUEUE = 8 << 20  # that a client may have, and a message more
 STALLED = 12
 
@@ -18,7 +15,7 @@ class Load(unittest.TestCase):
         self.assertGreater(got["ended"], 300 - 256)  # refused, beside 20 that were there
         self.assertLessEqual(got["descriptors under load"], got["idle descriptors"] + 3 * 256)
         self.assertEqual(got["descriptors after"], got["idle descriptors"])
-        if not INSTRUMENTED:
+        if not node.INSTRUMENTED:
             self.assertLess(got["peak"], got["idle"] + (64 << 20) + STALLED * QUEUE)
             self.assertLess(got["after"], got["idle"] + STALLED * QUEUE // 2, "memory of queues that are gone")
         for operation, times in got["loaded"].items():

@@ -13,8 +13,7 @@ api = node.load_contract()
 
 def make(length, seed):
     """A list with repeated files, violations and all templates that the agent knows."""
-    program = f"{os.path.dirname(os.path.dirname(node.agent_program()))}/tests/ima/write_ima_list"
-    return subprocess.run([program, str(length), str(seed)], check=True, stdout=subprocess.PIPE).stdout
+    return subprocess.run([node.BUILD / "tests/ima/write_ima_list", str(length), str(seed)], check=True, stdout=subprocess.PIPE).stdout
 
 
 def records(data):

@@ -17,6 +17,10 @@ DATA = SOURCE / "tests" / "data"
 BOOT_LOG = pathlib.Path("/sys/kernel/security/tpm0/binary_bios_measurements")
 IMA_LOG = pathlib.Path("/sys/kernel/security/ima/binary_runtime_measurements")
 AGENT_LOG = pathlib.Path(os.environ["NODE_STATE"]) / "agent.log"
+CACHE = pathlib.Path("/harddisk:/ima")
+AGENT = pathlib.Path(json.loads(agent_control.read_file(agent_control.DESCRIPTION_FILE))["program"])
+BUILD = AGENT.parents[1]
+INSTRUMENTED = "asan" in BUILD.name or "tsan" in BUILD.name
 
 
 def load_contract():
@@ -36,10 +40,6 @@ def agent(verb, *arguments, check=True):
     return done.stdout.strip()
 
 
-def agent_program():
-    return json.loads(agent_control.read_file(agent_control.DESCRIPTION_FILE))["program"]
-
-
 def agent_pid():
     return int(agent("pid"))
 
@@ -52,6 +52,24 @@ def ensure_stopped():
 def restart(*settings):
     ensure_stopped()
     agent("start", *settings)
+
+
+def forget_boot():
+    """A reboot as far as the list, the table of repeats and the cache know; the agent is to be started."""
+    ensure_stopped()
+    subprocess.run(["rm", "-rf", CACHE], check=True)
+    for kept in pathlib.Path("/dev/shm").iterdir():
+        kept.unlink()
+    subprocess.run(["ipcrm", "--all=sem"], check=True)
+    IMA_LOG.parent.mkdir(parents=True, exist_ok=True)
+
+
+def resident(pid):
+    """Bytes of the process's own: the table of repeats is shared memory and as large as the list."""
+    for line in pathlib.Path(f"/proc/{pid}/status").read_text().splitlines():
+        if line.startswith("RssAnon:"):
+            return int(line.split()[1]) * 1024
+    raise AssertionError("no RssAnon")
 
 
 def agent_words():

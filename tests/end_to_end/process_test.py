@@ -75,7 +75,7 @@ class StartUp(Process):
 
     def test_busy_port_fails_the_activation(self):
         self.start()
-        second = subprocess.run([node.agent_program()], capture_output=True, text=True, timeout=60, check=False,
+        second = subprocess.run([node.AGENT], capture_output=True, text=True, timeout=60, check=False,
                                 env={**os.environ, "ATTEST_RUN_DIR": tempfile.mkdtemp()})
         self.assertEqual(second.returncode, 0)
         self.assertNotEqual(second.stderr, "")
@@ -95,7 +95,7 @@ class StartUp(Process):
 
     def test_arguments(self):
         for argument, status in (("--version", 0), ("--help", 0), ("--daemon", 1), ("serve", 1)):
-            done = subprocess.run([node.agent_program(), argument], capture_output=True, text=True, timeout=60,
+            done = subprocess.run([node.AGENT, argument], capture_output=True, text=True, timeout=60,
                                   check=False)
             self.assertEqual(done.returncode, status, argument)
             self.assertTrue(done.stderr if status else done.stdout)
