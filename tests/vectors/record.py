@@ -173,8 +173,9 @@ def certificate_cases(cases):
     cases.add("identity-missing", "the answer has no record",
               lambda s: s["identity.response"].ClearField("node_data"), identity_certificates="FAIL",
               attestation_key_signature="not made")
-    cases.answer("attestation-key-for-other-key", "the certificate is for a key that did not sign the quotes",
-                 "attestation-key.response", "other key", quote_signature="FAIL", hardware_quote_signature="FAIL")
+    cases.answer("attestation-key-of-identity", "the certificate is for the device identity's key",
+                 "attestation-key.response", "other key", attestation_key_certificates="FAIL",
+                 attestation_key_chain="not made", quote_signature="not made", hardware_quote_signature="not made")
     cases.add("attestation-key-signature", "a bit of the signature is flipped",
               flip_field("signature", "attestation-key.response"), attestation_key_signature="FAIL")
     cases.add("quote-other-nonce", "the quote is to another nonce than the one in pcrs.request",
