@@ -114,7 +114,8 @@ bool locate_block_to_append(const cache_end &end, opened_block &block)
         return true;
     block_end(block.index, block.file.get(), &block.header);
     cache_end now;
-    return read_cache_end(now) && now.block != block.index && open_to_append(now, block);
+    return !ima_cache_ctx.metadata_behind && read_cache_end(now) && now.block != block.index &&
+           open_to_append(now, block);
 }
 
 // Puts the block back as it was before the chunk, in a file whose header may be anything.

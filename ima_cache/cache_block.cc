@@ -77,8 +77,8 @@ void block_end(std::uint8_t index, int fd, cache_block_hdr *header)
 
 void remove_block(const char *path)
 {
-    // In an earlier boot's directory anything may lie: nothing that blocks, or leads elsewhere, is opened.
-    unique_fd file = open_file(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
+    // In an earlier boot's directory anything may lie: nothing that leads elsewhere is opened.
+    unique_fd file = open_file(path, O_RDONLY | O_NOFOLLOW);
     int flags = 0;
     if (file && get_flags(file.get(), flags) && (flags & FS_IMMUTABLE_FL) != 0 &&
         !set_flags(file.get(), flags & ~FS_IMMUTABLE_FL))

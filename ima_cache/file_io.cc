@@ -8,7 +8,8 @@
 
 unique_fd open_file(const char *path, int flags, mode_t mode)
 {
-    unique_fd file(uninterrupted([=] { return open(path, flags | O_CLOEXEC, mode); }));
+    // Whatever lies there instead of a regular file does not hold the agent up.
+    unique_fd file(uninterrupted([=] { return open(path, flags | O_CLOEXEC | O_NONBLOCK, mode); }));
     if (file.get() == 0)
         file.reset(fcntl(0, F_DUPFD_CLOEXEC, 1));
     return file;

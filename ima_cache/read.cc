@@ -1,6 +1,7 @@
 // Reading: a cursor over the chunks.
 #include "ima_cache/read.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -11,6 +12,9 @@
 #include "ima_cache/ima_cache.h"
 
 namespace {
+
+constexpr std::uint64_t MOST_CHUNKS =
+    IMA_CACHE_BLOCK_EVENTS / MAX_IMA_EVENTS; // of a block, whatever its header says
 
 void close_cursor(std::int32_t *fd)
 {
@@ -46,7 +50,8 @@ bool event_at(int fd, const cache_block_hdr &header, std::uint32_t offset, std::
 {
     std::uint32_t reached = 0;
     std::uint64_t chunk = 0;
-    if (!walk_chunks(fd, header, header.event_count / MAX_IMA_EVENTS, offset, reached, chunk) ||
+    if (!walk_chunks(fd, header, std::min(header.event_count / MAX_IMA_EVENTS, MOST_CHUNKS), offset, reached,
+                     chunk) ||
         reached != offset)
         return false;
     event = header.first_event + chunk * MAX_IMA_EVENTS;
@@ -72,7 +77,9 @@ bool decode_chunk(int fd, std::size_t length, std::uint64_t first_event, IMACach
     if (!payload || position < 0 || read_at(fd, {payload.get(), length}, position) != 1 ||
         lseek(fd, position + static_cast<off_t>(length), SEEK_SET) < 0)
         return false;
-    if (!message_decode({payload.get(), length}, *message))
+    // Bytes that are no chunk of ours must not become more events than one has.
+    if (!message_decode(message_descriptor_of<IMACacheBlock>(), {payload.get(), length}, message,
+                        MAX_IMA_EVENTS * sizeof(IMA_EVENT)))
         return false;
     if (holds_events_from(*message, first_event))
         return true;
@@ -175,7 +182,8 @@ std::int32_t at_ima_cache_find_block(std::uint64_t event, std::uint8_t *block, s
     std::uint64_t chunks_before =
         event > header.first_event ? (event - header.first_event) / MAX_IMA_EVENTS : 0;
     std::uint64_t walked = 0;
-    if (!walk_chunks(file.get(), header, chunks_before, header.used_len, *offset, walked)) {
+    if (!walk_chunks(file.get(), header, std::min(chunks_before, MOST_CHUNKS), header.used_len, *offset,
+                     walked)) {
         *block = 0;
         *fd = -1;
         return -1;

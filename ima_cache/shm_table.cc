@@ -197,8 +197,9 @@ bool back_free_entries(shmht_handle &table, const table_counters &counters)
 std::int32_t insert_locked(shmht_handle &table, key_bytes key, std::uint64_t hash, std::uint64_t value)
 {
     table_counters counters{};
+    // Backed twice: an entry that is finished first moves the free ones on.
     if (!read_counters(table, counters) || !back_free_entries(table, counters) ||
-        !finish_cut_off_insert(table, counters)) {
+        !finish_cut_off_insert(table, counters) || !back_free_entries(table, counters)) {
         attest_trace_as(INSERT, "the hash table is damaged or has no memory\n");
         return SHMHT_FULL;
     }

@@ -147,6 +147,10 @@ TEST_F(Recovery, KeepsBlocksBehindOneThatCannotBeRead)
     EXPECT_TRUE(trace_has("validate_all_blocks(): Found unexpected block " + path_of(9) + ", deleting"));
     EXPECT_FALSE(fs::exists(path_of(9)));
     EXPECT_EQ(messages_raised, strings{});
+    fs::remove(path_of(1));
+    ASSERT_EQ(mkfifo(path_of(1).c_str(), 0600), 0); // nobody will ever write into it
+    EXPECT_EQ(restart(), -1);
+    fs::remove(path_of(1));
     write_block(1, four.blocks[1]);
     EXPECT_EQ(restart(), 1);
     expect_events(11'000);
