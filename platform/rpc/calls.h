@@ -49,8 +49,9 @@ bool rpc_call_is_outstanding(rpc_call &call);
 std::uint64_t rpc_client_unread_answers(const rpc_client &client);
 // Whether the agent may have the request now. Not when the client has given it up; and not yet, and then it
 // comes again, while the client has not taken the answers before: so answers of any size can be asked for one
-// after the other, or all at once, and never more than one large one is kept.
-bool rpc_client_take_delivery(rpc_client &client, const rpc_event &request);
+// after the other, or all at once, and never more than one large one is kept. Nor while others have not taken
+// so much that it `may_wait_for_others`.
+bool rpc_client_take_delivery(rpc_client &client, const rpc_event &request, bool may_wait_for_others);
 
 // Tells the loop what there was no memory for when it was due.
 void rpc_client_look_again(rpc_client &client);
@@ -60,8 +61,8 @@ bool rpc_client_is_stalled(rpc_client &client, std::uint64_t now_ms, bool moved)
 bool rpc_client_begin_resume(rpc_client &client);
 // After it: streams that were not taken up again are ended, for nobody will.
 void rpc_client_end_resume(rpc_client &client);
-// Whether a stream of the client waits for the flow-resume callback.
-bool rpc_client_has_paused(rpc_client &client);
+// Whether a stream of the client waits for the flow-resume callback, and this call never did.
+bool rpc_client_paused_another(rpc_client &client, const rpc_call &call);
 // Removes a call that is over.
 void rpc_client_forget_call(rpc_client &client, const rpc_call *call);
 // The connection is gone: drops what is queued, cancels and forgets every call. Whether one was outstanding.

@@ -67,13 +67,14 @@ std::uint64_t rpc_client_unread_answers(const rpc_client &client)
     return unread;
 }
 
-bool rpc_client_take_delivery(rpc_client &client, const rpc_event &request)
+bool rpc_client_take_delivery(rpc_client &client, const rpc_event &request, bool may_wait_for_others)
 {
     rpc_call &call = *request.call;
     const std::lock_guard guard(client.lock);
     const bool wanted = !call.cancelled && !call.ended;
     // One that cannot be held is delivered early: its answer may then find no room.
-    if (wanted && rpc_client_unread_answers(client) > client.shared->limits.queue_low_bytes &&
+    if (wanted &&
+        (may_wait_for_others || rpc_client_unread_answers(client) > client.shared->limits.queue_low_bytes) &&
         hold(client, request))
         return false;
     --client.undelivered;
@@ -125,11 +126,11 @@ void rpc_client_end_resume(rpc_client &client)
     } while (abandoned != nullptr);
 }
 
-bool rpc_client_has_paused(rpc_client &client)
+bool rpc_client_paused_another(rpc_client &client, const rpc_call &call)
 {
     const std::lock_guard guard(client.lock);
-    return std::any_of(client.calls.begin(), client.calls.end(),
-                       [](const auto &call) { return call->paused; });
+    return !call.was_paused && std::any_of(client.calls.begin(), client.calls.end(),
+                                           [](const auto &other) { return other->paused; });
 }
 
 void rpc_client_forget_call(rpc_client &client, const rpc_call *call)

@@ -120,11 +120,7 @@ void sweep_connections(const remote_attestation_api_server &server)
 // queues.
 void give_memory_back(remote_attestation_api_server &server)
 {
-    std::uint64_t queued = 0;
-    for (const auto &[client, connection] : server.connections) {
-        const std::lock_guard guard(connection->client->lock);
-        queued += connection->client->queued;
-    }
+    const std::uint64_t queued = rpc_connections_queued(server);
     server.most_queued = std::max(server.most_queued, queued);
     if (server.most_queued - queued < server.limits.kept_bytes)
         return;
@@ -191,6 +187,16 @@ bool enter(remote_attestation_api_server &server, std::uint64_t key, std::unique
 }
 
 } // namespace
+
+std::uint64_t rpc_connections_queued(const remote_attestation_api_server &server)
+{
+    std::uint64_t queued = 0;
+    for (const auto &[client, connection] : server.connections) {
+        const std::lock_guard guard(connection->client->lock);
+        queued += connection->client->queued;
+    }
+    return queued;
+}
 
 rpc_connection *rpc_connection_find(remote_attestation_api_client client)
 {

@@ -1,6 +1,7 @@
 #include "platform/rpc/grpc_server.h"
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <grpc/grpc_security_constants.h>
@@ -11,11 +12,13 @@
 #include <new>
 #include <pthread.h>
 #include <syslog.h>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "platform/operator_log.h"
+#include "platform/owners.h"
 #include "platform/rpc/calls.h"
 #include "platform/rpc/server.h"
 
@@ -268,8 +271,8 @@ void with_signals_blocked(Start start)
     sigset_t all, former;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &former);
+    const scope_exit restore([&former] { pthread_sigmask(SIG_SETMASK, &former, nullptr); });
     start();
-    pthread_sigmask(SIG_SETMASK, &former, nullptr);
 }
 
 } // namespace
@@ -300,13 +303,16 @@ void rpc_grpc_take_connection(rpc_grpc_server &server, int fd)
 
 void rpc_grpc_retire(rpc_grpc_server &server, std::uint64_t patience_ms)
 {
-    with_signals_blocked([&] {
-        server.retirement = std::thread([&server, patience_ms] {
-            server.server->Shutdown(std::chrono::system_clock::now() +
-                                    std::chrono::milliseconds(patience_ms));
-            server.retired = true;
-        });
-    });
+    const auto retire = [&server](std::chrono::milliseconds patience) {
+        server.server->Shutdown(std::chrono::system_clock::now() + patience);
+        server.retired = true;
+    };
+    try {
+        with_signals_blocked(
+            [&] { server.retirement = std::thread(retire, std::chrono::milliseconds(patience_ms)); });
+    } catch (const std::system_error &) { // no further thread may be had: its calls end now
+        retire(std::chrono::milliseconds(0));
+    }
 }
 
 bool rpc_grpc_retired(const rpc_grpc_server &server)
@@ -319,7 +325,7 @@ void rpc_grpc_server_deleter::operator()(rpc_grpc_server *server) const noexcept
     // The connections are shut already; what is left ends now, not when a client agrees.
     if (server->retirement.joinable())
         server->retirement.join();
-    else if (server->server != nullptr)
+    else if (server->server != nullptr && !server->retired)
         server->server->Shutdown(std::chrono::system_clock::now());
     delete server;
 }

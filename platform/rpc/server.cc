@@ -27,8 +27,7 @@ remote_attestation_api_server *find_server(std::uint64_t number)
 // paused while another one is.
 void raise_error(remote_attestation_api_server &server, const rpc_event &event, int error)
 {
-    const bool another_paused = !event.call->was_paused && rpc_client_has_paused(*event.client);
-    if (!another_paused && server.callbacks.error != nullptr)
+    if (!rpc_client_paused_another(*event.client, *event.call) && server.callbacks.error != nullptr)
         server.callbacks.error(event.client->id, nullptr, platform_status_from_errno(error));
 }
 
@@ -48,7 +47,8 @@ void answer_garbage(remote_attestation_api_server &server, rpc_connection &conne
 void on_request(remote_attestation_api_server &server, const rpc_event &event)
 {
     rpc_connection *connection = rpc_connection_find(event.client->id);
-    if (connection == nullptr || !rpc_client_take_delivery(*event.client, event))
+    const bool full = rpc_connections_queued(server) > server.limits.all_queues_bytes;
+    if (connection == nullptr || !rpc_client_take_delivery(*event.client, event, full))
         return;
     const rpc_delivery result = event.call->method->deliver(server.callbacks, event.client->id, event.request,
                                                             event.call->request_id);

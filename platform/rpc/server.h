@@ -73,6 +73,9 @@ void rpc_listener_close(remote_attestation_api_server &server);
 
 // ---- connections.cc ----
 
+// The bytes in the queues of all clients.
+std::uint64_t rpc_connections_queued(const remote_attestation_api_server &server);
+
 // A connection of any server in the process, or null.
 rpc_connection *rpc_connection_find(remote_attestation_api_client client);
 

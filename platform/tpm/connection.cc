@@ -31,8 +31,10 @@ bool blames_response(TSS2_RC code)
 // keys that take up its few slots. Through a resource manager there is nothing to see.
 TSS2_RC flush_leftovers(tpm_connection &connection)
 {
+    constexpr std::size_t slots = 16; // more than a TPM has; one that names more costs no more time
     std::vector<std::uint32_t> loaded;
     TSS2_RC code = tpm_connection_handles(connection, TPM2_TRANSIENT_FIRST, loaded);
+    loaded.resize(std::min(loaded.size(), slots));
     for (std::size_t i = 0; i < loaded.size() && code == TSS2_RC_SUCCESS; ++i) {
         ESYS_TR object = ESYS_TR_NONE;
         code = Esys_TR_FromTPMPublic(connection.esys, loaded[i], ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE,

@@ -251,6 +251,23 @@ TEST_F(Flow, SmallAnswersPassAFullQueueAndLargeOnesAreRefusedWithAStatus)
     EXPECT_TRUE(node.wait_count("error", 1));
 }
 
+TEST_F(Flow, RequestsWaitWhileAllQueuesTogetherAreFull)
+{
+    node.limits.all_queues_bytes = MIB; // less than one stream's
+    node.limits.sweep_ms = 50;
+    serve();
+    node.on_boot_log = [](auto who, const auto &, auto id) {
+        const get_platform_boot_integrity_event_logs_response response{};
+        remote_attestation_api_get_platform_boot_integrity_event_logs_Resp(who, &response, 1, 0, id);
+    };
+    const auto stream = open_refused_stream();
+    connect(); // another client
+    auto answer = std::async(std::launch::async, [this] { return ask_boot_log(); });
+    EXPECT_EQ(answer.wait_for(std::chrono::milliseconds(500)), std::future_status::timeout);
+    stream->context.TryCancel();
+    EXPECT_EQ(answer.get(), grpc::StatusCode::OK);
+}
+
 TEST_F(Flow, ACancelledCallDoesNotDropAnotherOnesPause)
 {
     end = 100;
