@@ -274,10 +274,11 @@ TEST_F(Flow, ACancelledCallDoesNotDropAnotherOnesPause)
     serve();
     const auto stream = open_refused_stream();
     grpc::ClientContext context; // the harness does not answer this call
-    context.set_deadline(std::chrono::system_clock::now() + std::chrono::milliseconds(200));
+    context.set_deadline(std::chrono::system_clock::now() + std::chrono::milliseconds(2000));
     api::get_platform_ima_event_logs_response response;
     EXPECT_EQ(stub->GetPlatformImaEventLogs(&context, {}, &response).error_code(),
               grpc::StatusCode::DEADLINE_EXCEEDED);
+    ASSERT_TRUE(node.wait_count("ima", 1));
     const told call = node.last("ima");
     EXPECT_TRUE(node.wait([&] {
         return node.on_loop([&] { return send_stream(call.client, call.number, 0, 1, false); }) != 0;
