@@ -18,7 +18,7 @@ levm *levm_create(const char *name, std::uint32_t options);
 std::uint32_t levm_block(levm *manager);
 
 // Ends levm_block after the callback that runs now. From any thread and from a callback; also before
-// levm_block, which then returns at once.
+// levm_block, which then returns at once. For tests: the agent ends by a signal.
 void levm_stop(levm *manager);
 
 // Releases the manager and its watches. Null is allowed.

@@ -65,5 +65,5 @@ struct rpc_limits {
 // Replaces the limits of a server that is not active.
 void rpc_server_set_limits(remote_attestation_api_server *server, const rpc_limits &limits);
 
-// The port that an active server listens on, for who activated it with port 0 (any free port); 0 otherwise.
+// The port that an active server listens on, for a test that activated it with port 0 (any free); else 0.
 std::uint32_t rpc_server_port(const remote_attestation_api_server *server);
