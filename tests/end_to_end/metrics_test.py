@@ -2,7 +2,6 @@
 import collections
 import concurrent.futures
 import http.client
-import os
 import pathlib
 import re
 import socket
