@@ -62,7 +62,6 @@ node_result attest_one(const crowd &all, const std::string &target)
     settings chosen = all.chosen;
     chosen.target = target;
     chosen.largest_answer = LARGEST_ANSWER;
-    chosen.timeout = std::min(chosen.timeout, chosen.node_timeout);
     ask_result asked{ask_status::unreachable, {}};
     evidence got;
     got.remembered = recall_lists(all.memory, target);

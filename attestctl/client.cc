@@ -256,6 +256,12 @@ void silence_libraries()
 
 } // namespace
 
+void wait_until(client &c, std::chrono::steady_clock::time_point latest)
+{
+    const auto left = std::chrono::ceil<milliseconds>(latest - std::chrono::steady_clock::now());
+    c.timeout = std::clamp(left, milliseconds(1), c.timeout);
+}
+
 client_owner make_client(const settings &chosen, std::string &error)
 {
     static std::once_flag silenced;

@@ -1,6 +1,7 @@
 // Asking a node. gRPC is known in client.cc alone.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -21,6 +22,9 @@ using client_owner = std::unique_ptr<client, client_deleter>;
 // Reads the TLS files that the settings name. Without an owner `error` has one line that says which file and
 // why.
 client_owner make_client(const settings &chosen, std::string &error);
+
+// No question of this client waits beyond this moment from now on.
+void wait_until(client &c, std::chrono::steady_clock::time_point latest);
 
 enum class ask_status {
     answered,

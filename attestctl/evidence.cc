@@ -172,11 +172,13 @@ ask_result fetch_attestation_key(client &c, evidence &into)
 }
 
 // Takes the steps until one says that asking on makes no sense, or the time is over.
-ask_result take_steps(std::span<const std::function<ask_result()>> steps, const evidence &into)
+ask_result take_steps(client &c, std::span<const std::function<ask_result()>> steps, const evidence &into)
 {
     for (const auto &step : steps) {
         if (is_too_late(into))
             return {ask_status::timed_out, "the node did not come to an end in time"};
+        if (into.deadline)
+            wait_until(c, *into.deadline);
         if (ask_result result = step(); !goes_on(result))
             return result;
     }
@@ -242,7 +244,7 @@ ask_result fetch_evidence(client &c, const message_taker &take_ima, evidence &in
         [&] { return fetch_ima_log(c, take_ima, into); },
         [&] { return fetch(c, HW_INTEGRITY_KIND, into.hw_integrity_request, into.hw_integrity, into); },
     };
-    return take_steps(steps, into);
+    return take_steps(c, steps, into);
 }
 
 ask_result fetch_signers(client &c, bool attestation_key_too, evidence &into)
@@ -252,5 +254,5 @@ ask_result fetch_signers(client &c, bool attestation_key_too, evidence &into)
         steps.emplace_back([&] { return fetch_identity(c, into); });
     if (attestation_key_too && !into.attestation_key_request.has_nonce())
         steps.emplace_back([&] { return fetch_attestation_key(c, into); });
-    return take_steps(steps, into);
+    return take_steps(c, steps, into);
 }

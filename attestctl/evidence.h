@@ -62,7 +62,7 @@ struct evidence {
     api::get_platform_hw_integrity_response hw_integrity;
     std::vector<remembered_list> remembered;
     ima_start start; // of the lists: after what is remembered, as far as it still holds
-    std::optional<std::chrono::steady_clock::time_point> deadline; // after which nothing more is asked for
+    std::optional<std::chrono::steady_clock::time_point> deadline; // of the whole
     std::vector<ima_list> ima_lists;
     std::vector<arrival> arrivals;
 };

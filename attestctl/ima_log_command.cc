@@ -66,6 +66,10 @@ int run_at_once(const settings &chosen, client &c, const api::get_platform_ima_e
     }
     if (!flush_data())
         return EXIT_USAGE;
+    if (state.any_source && state.cut_short) {
+        complain(chosen.target + " sent a list that names no node");
+        return EXIT_NO_EVIDENCE;
+    }
     return state.any_source ? EXIT_DONE : no_list(chosen);
 }
 
@@ -85,7 +89,6 @@ int stream_end(const settings &chosen, const ask_result &result, const list_stat
     }
     if (!state.any_source)
         return no_list(chosen);
-    // A node that has to give a stream up ends it with a message without any field.
     if (state.cut_short) {
         complain(chosen.target + " ended the stream early, after " + received_text(progress));
         return EXIT_NO_EVIDENCE;

@@ -114,7 +114,9 @@ bool is_complete(ima_file &file)
         return fail(file, EXIT_NO_EVIDENCE,
                     "no IMA list came from \"" + printable(file.chosen.source, 64) + '"');
     if (file.cut_short)
-        return fail(file, EXIT_NO_EVIDENCE, file.chosen.target + " ended the stream early");
+        return fail(file, EXIT_NO_EVIDENCE,
+                    file.chosen.target +
+                        (file.chosen.stream ? " ended the stream early" : " sent a list that names no node"));
     return true;
 }
 

@@ -111,11 +111,11 @@ markup quote_word(const page_input &input, const page_source &from)
 {
     const check *digest = find_check(input, from, "quote digest");
     const check *signature = find_check(input, from, "quote signature");
+    if (digest != nullptr && digest->outcome == check_outcome::failed)
+        return "<td><span class=\"o fail\">other values</span>";
     for (const check *row : {digest, signature})
         if (row == nullptr || row->outcome == check_outcome::not_made)
             return "<td><span class=\"o open\">not checked</span>";
-    if (digest->outcome != check_outcome::passed)
-        return "<td><span class=\"o fail\">other values</span>";
     if (signature->outcome != check_outcome::passed)
         return "<td><span class=\"o fail\">not signed</span>";
     return "<td><span class=\"o pass\">signed</span>";

@@ -21,6 +21,9 @@ constexpr std::string_view SIGNED_ALGORITHM("\0\0\0\2", 4); // stands between no
 // Keys and digests of at least 112 bits of strength: RSA of 2048 bits, no SHA-1.
 constexpr int SECURITY_LEVEL = 2;
 
+constexpr std::string_view ATTESTATION_KEY_USAGE = "2.23.133.8.3";
+
+using usage_owner = std::unique_ptr<EXTENDED_KEY_USAGE, openssl_deleter<EXTENDED_KEY_USAGE_free>>;
 using store_owner = std::unique_ptr<X509_STORE, openssl_deleter<X509_STORE_free>>;
 using store_ctx_owner = std::unique_ptr<X509_STORE_CTX, openssl_deleter<X509_STORE_CTX_free>>;
 
@@ -164,6 +167,19 @@ certificate_set read_certificates(const api::SystemCertificates &record, const s
     if (set.problem.empty())
         set.problem = name_problem(record.certs(2).name(), asked_name);
     return set;
+}
+
+bool is_for_attestation(const X509 &certificate)
+{
+    const usage_owner usage(static_cast<EXTENDED_KEY_USAGE *>(
+        X509_get_ext_d2i(&certificate, NID_ext_key_usage, nullptr, nullptr)));
+    bool found = false;
+    for (int i = 0; i < sk_ASN1_OBJECT_num(usage.get()); ++i) {
+        std::array<char, 64> text{};
+        OBJ_obj2txt(text.data(), text.size(), sk_ASN1_OBJECT_value(usage.get(), i), 1);
+        found = found || ATTESTATION_KEY_USAGE == text.data();
+    }
+    return found;
 }
 
 void check_certificates(check_list &list, const std::string &subject, const api::SystemCertificates &record,

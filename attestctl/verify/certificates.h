@@ -18,6 +18,9 @@ struct certificate_set {
 certificate_set read_certificates(const remote_attestation_api::SystemCertificates &record,
                                   const std::string &asked_name);
 
+// Whether a certificate says that its key is for quotes: extended key usage tcg-kp-AIKCertificate.
+bool is_for_attestation(const X509 &certificate);
+
 // Adds the rows "SUBJECT certificates", "... chain", "... root" (with pinned roots), "... nonce" and
 // "... signature". The nonce is the one that was sent; `identity` is the device identity's certificate, whose
 // key signs for every certificate of the node, none where there is no such.

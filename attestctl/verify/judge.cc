@@ -101,9 +101,14 @@ void judge_ima_stream(const evidence &got, const std::vector<source> &sources, s
     std::move(list.rows.begin(), list.rows.end(), std::back_inserter(rows));
 }
 
-// The identity's key signs whatever the node's software gives it, "quotes" that no TPM has made among them.
-void refuse_identity_key(judgement &j)
+// Each key in its place, whatever a record calls it: the identity's key signs what the node's software gives
+// it, "quotes" that no TPM has made among them, and the attestation key can sign certificates in its place.
+void refuse_exchanged_keys(judgement &j)
 {
+    if (j.identity.device && is_for_attestation(*j.identity.device)) {
+        j.identity.problem = "of an attestation key, and not of the device's identity";
+        j.identity.device.reset();
+    }
     if (!j.identity.device || !j.attestation_key.device ||
         EVP_PKEY_eq(X509_get0_pubkey(j.identity.device.get()),
                     X509_get0_pubkey(j.attestation_key.device.get())) != 1)
@@ -157,7 +162,7 @@ std::vector<check> judge(const evidence &got, std::span<const subject> subjects,
         if (one.attestation_key != nullptr)
             j.attestation_key =
                 read_certificates(*one.attestation_key, got.attestation_key_request.cert_name());
-        refuse_identity_key(j);
+        refuse_exchanged_keys(j);
         for (const subject what : subjects)
             judge_subject(j, what);
         std::move(j.list.rows.begin(), j.list.rows.end(), std::back_inserter(rows));

@@ -29,6 +29,7 @@ struct certificate_plan {
     EVP_PKEY *issuer_key;
     const char *constraints = "critical,CA:FALSE"; // null: none
     const char *usage = "critical,digitalSignature";
+    const char *extended_usage = nullptr;
     long from_s = -3600, to_s = 3600; // relative to now
 };
 std::string make_certificate(const certificate_plan &plan); // DER
