@@ -49,9 +49,9 @@ bool rpc_call_is_outstanding(rpc_call &call);
 std::uint64_t rpc_client_unread_answers(const rpc_client &client);
 // Whether the agent may have the request now. Not when the client has given it up; and not yet, and then it
 // comes again, while the client has not taken the answers before: so answers of any size can be asked for one
-// after the other, or all at once, and never more than one large one is kept. Nor while others have not taken
-// so much that it `may_wait_for_others`.
-bool rpc_client_take_delivery(rpc_client &client, const rpc_event &request, bool may_wait_for_others);
+// after the other, or all at once, and never more than one large one is kept. Nor while the queues of all
+// clients together hold `too_much` for it.
+bool rpc_client_take_delivery(rpc_client &client, const rpc_event &request, bool too_much);
 
 // Tells the loop what there was no memory for when it was due.
 void rpc_client_look_again(rpc_client &client);

@@ -67,14 +67,13 @@ std::uint64_t rpc_client_unread_answers(const rpc_client &client)
     return unread;
 }
 
-bool rpc_client_take_delivery(rpc_client &client, const rpc_event &request, bool may_wait_for_others)
+bool rpc_client_take_delivery(rpc_client &client, const rpc_event &request, bool too_much)
 {
     rpc_call &call = *request.call;
     const std::lock_guard guard(client.lock);
     const bool wanted = !call.cancelled && !call.ended;
     // One that cannot be held is delivered early: its answer may then find no room.
-    if (wanted &&
-        (may_wait_for_others || rpc_client_unread_answers(client) > client.shared->limits.queue_low_bytes) &&
+    if (wanted && (too_much || rpc_client_unread_answers(client) > client.shared->limits.queue_low_bytes) &&
         hold(client, request))
         return false;
     --client.undelivered;

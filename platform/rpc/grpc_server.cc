@@ -301,17 +301,19 @@ void rpc_grpc_take_connection(rpc_grpc_server &server, int fd)
     server.acceptor->HandleNewConnection(&connection);
 }
 
-void rpc_grpc_retire(rpc_grpc_server &server, std::uint64_t patience_ms)
+bool rpc_grpc_retire(rpc_grpc_server &server, std::uint64_t patience_ms)
 {
-    const auto retire = [&server](std::chrono::milliseconds patience) {
-        server.server->Shutdown(std::chrono::system_clock::now() + patience);
-        server.retired = true;
-    };
     try {
-        with_signals_blocked(
-            [&] { server.retirement = std::thread(retire, std::chrono::milliseconds(patience_ms)); });
-    } catch (const std::system_error &) { // no further thread may be had: its calls end now
-        retire(std::chrono::milliseconds(0));
+        with_signals_blocked([&] {
+            server.retirement = std::thread([&server, patience_ms] {
+                server.server->Shutdown(std::chrono::system_clock::now() +
+                                        std::chrono::milliseconds(patience_ms));
+                server.retired = true;
+            });
+        });
+        return true;
+    } catch (const std::system_error &) {
+        return false;
     }
 }
 
@@ -325,7 +327,7 @@ void rpc_grpc_server_deleter::operator()(rpc_grpc_server *server) const noexcept
     // The connections are shut already; what is left ends now, not when a client agrees.
     if (server->retirement.joinable())
         server->retirement.join();
-    else if (server->server != nullptr && !server->retired)
+    else if (server->server != nullptr)
         server->server->Shutdown(std::chrono::system_clock::now());
     delete server;
 }

@@ -18,8 +18,9 @@ using rpc_grpc_server_ptr = std::unique_ptr<rpc_grpc_server, rpc_grpc_server_del
 rpc_grpc_server_ptr rpc_grpc_start(const std::shared_ptr<rpc_shared> &shared, const rpc_tls &tls);
 
 // Lets a server go without haste: its clients are told to connect anew, calls under way go on, what is not
-// over after `patience_ms` ends. Until rpc_grpc_retired, deleting it would wait.
-void rpc_grpc_retire(rpc_grpc_server &server, std::uint64_t patience_ms);
+// over after `patience_ms` ends. Until rpc_grpc_retired, deleting it would wait. False, with nothing changed,
+// when no thread may be had for that.
+bool rpc_grpc_retire(rpc_grpc_server &server, std::uint64_t patience_ms);
 bool rpc_grpc_retired(const rpc_grpc_server &server);
 
 // Hands over an accepted connection; gRPC owns the descriptor from here on.

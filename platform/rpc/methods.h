@@ -37,6 +37,7 @@ struct rpc_method {
     // Decodes a request and calls its callback; null for what the layer answers itself.
     rpc_delivery (*deliver)(const rpc_callbacks &callbacks, remote_attestation_api_client client,
                             std::span<const std::byte> request, std::uint32_t request_id);
+    bool whole_log = false; // its answer is one message as large as a log
 };
 
 // Null when there is no such operation.

@@ -16,14 +16,18 @@ constexpr std::size_t MOST_FORMER = 4;
 void use_certificates(remote_attestation_api_server &server, rpc_tls tls)
 {
     rpc_grpc_server_ptr grpc = rpc_grpc_start(server.shared, tls);
-    rpc_count_reload("certificates", grpc != nullptr);
     if (grpc == nullptr) {
+        rpc_count_reload("certificates", false);
         operator_log(LOG_ERR,
                      "TLS setting %s: gRPC does not take the new files; those read before stay in use",
                      server.settings.tls_directory.c_str());
         return;
     }
-    rpc_grpc_retire(*server.grpc, server.limits.retire_ms);
+    if (!rpc_grpc_retire(*server.grpc, server.limits.retire_ms)) {
+        server.settings.tls_marks = {}; // no thread may be had: the next look tries again
+        return;
+    }
+    rpc_count_reload("certificates", true);
     server.former.push_back(std::exchange(server.grpc, std::move(grpc)));
     server.settings.tls = std::move(tls);
     operator_log(LOG_NOTICE, "TLS setting %s: the new files are in use; clients are asked to connect anew",

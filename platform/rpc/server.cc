@@ -47,8 +47,9 @@ void answer_garbage(remote_attestation_api_server &server, rpc_connection &conne
 void on_request(remote_attestation_api_server &server, const rpc_event &event)
 {
     rpc_connection *connection = rpc_connection_find(event.client->id);
-    const bool full = rpc_connections_queued(server) > server.limits.all_queues_bytes;
-    if (connection == nullptr || !rpc_client_take_delivery(*event.client, event, full))
+    const bool too_much =
+        event.call->method->whole_log && rpc_connections_queued(server) > server.limits.all_queues_bytes;
+    if (connection == nullptr || !rpc_client_take_delivery(*event.client, event, too_much))
         return;
     const rpc_delivery result = event.call->method->deliver(server.callbacks, event.client->id, event.request,
                                                             event.call->request_id);
