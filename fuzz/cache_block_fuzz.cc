@@ -177,9 +177,10 @@ std::uint64_t read_from(std::uint64_t event)
     owned_message<IMACacheBlock> message;
     std::uint64_t next = 0;
     std::int32_t result = at_ima_cache_read_start(event, message.get(), &at.block, &at.offset, &at.fd);
-    for (std::uint8_t block = at.block; result == 1; block = at.block) {
-        if (next == 0 || at.block != block)
+    for (int block = -1; result == 1;) {
+        if (at.block != block)
             next = message->events.items[0].event_num;
+        block = at.block;
         require(holds(*message, next));
         next += MAX_IMA_EVENTS;
         message_release(*message);

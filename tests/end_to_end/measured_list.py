@@ -13,7 +13,8 @@ api = node.load_contract()
 
 def make(length, seed):
     """A list with repeated files, violations and all templates that the agent knows."""
-    return subprocess.run([node.BUILD / "tests/ima/write_ima_list", str(length), str(seed)], check=True, stdout=subprocess.PIPE).stdout
+    command = [node.BUILD / "tests/ima/write_ima_list", str(length), str(seed)]
+    return subprocess.run(command, check=True, stdout=subprocess.PIPE).stdout
 
 
 def records(data):
