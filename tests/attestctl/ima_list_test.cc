@@ -228,6 +228,66 @@ TEST(ima_list, AListThatHasGrownVerifiesUpToTheQuote)
     EXPECT_THAT(judge(boot)[2].reason, HasSubstr("3 events came after the quote"));
 }
 
+// An event of another PCR, as the kernel extends it.
+api::IMA_EVENT event_of_pcr_11(const api::IMA_EVENT &like, std::string &value)
+{
+    api::IMA_EVENT event = like;
+    event.set_pcr(11);
+    std::string data;
+    EXPECT_TRUE(rebuild_template_data(event, data));
+    value = digest_of(quoted_bank(), {value, digest_of(quoted_bank(), {data})});
+    return event;
+}
+
+TEST(ima_list, OtherPcrsCountWhereEventsAreExtendedIntoThem)
+{
+    attested boot = recorded("recorded-b");
+    const int last = boot.list.events_size() - 1;
+    std::string value(32, '\0');
+    std::string after_first;
+    for (int i = 0; i < 2; ++i) { // before the last event
+        *boot.list.add_events() = event_of_pcr_11(boot.list.events(1), value);
+        boot.list.mutable_events()->SwapElements(last + i, last + i + 1);
+        after_first = i == 0 ? value : after_first;
+    }
+    for (int i = last; i < boot.list.events_size(); ++i)
+        boot.list.mutable_events(i)->set_event_num(static_cast<std::uint64_t>(i) + 1);
+    boot.quotes.mutable_node_data(0)->mutable_pcrs(11)->set_value(value);
+    EXPECT_THAT(not_passed(boot), IsEmpty());
+    EXPECT_THAT(judge(boot)[2].reason, HasSubstr("PCRs 10-11"));
+    boot.quotes.mutable_node_data(0)->mutable_pcrs(11)->set_value(after_first);
+    EXPECT_THAT(judge(boot)[2].reason, HasSubstr("but not after the same event"));
+    EXPECT_THAT(not_passed(boot), ElementsAre("replay"));
+}
+
+TEST(ima_list, AnEndBeforeWhatHadBeenVerifiedFails)
+{
+    const attested boot = recorded("recorded-b");
+    ima_start start;
+    start.asked_after = 100;
+    start.positions["card7"] = {100, {}};
+    std::vector<ima_list> lists;
+    api::NodeIMAData message = boot.list;
+    message.mutable_events()->DeleteSubrange(50, message.events_size() - 50);
+    take_ima_message(lists, message, boot.quotes, start);
+    EXPECT_FALSE(is_continued(lists.at(0)));
+    check_list rows;
+    check_ima_list(rows, lists.at(0));
+    EXPECT_EQ(rows.rows[0].reason, "the list ends after event 50, verified were 100");
+}
+
+TEST(ima_list, MoreSourcesThanANodeHasAreNotKept)
+{
+    const attested boot = recorded("recorded-b");
+    std::vector<ima_list> lists;
+    for (int i = 0; i < 20; ++i) {
+        api::NodeIMAData message;
+        message.set_node_name(std::to_string(i));
+        take_ima_message(lists, message, boot.quotes);
+    }
+    EXPECT_EQ(lists.size(), 16U);
+}
+
 // Kernels before 5.8 extended every bank with the SHA-1 hash and zeros behind it; there the replay needs no
 // template that is known.
 TEST(ima_list, PaddedHashesAreTakenWhereTheQuoteHasThem)
@@ -266,6 +326,9 @@ TEST(ima_list, TemplateDataIsRebuiltAsTheKernelHashesIt)
     event.set_digest("D");
     ASSERT_TRUE(rebuild_template_data(event, data));
     EXPECT_EQ(data, std::string("\2\0\0\0n\0\7\0\0\0sha1:\0D", 17));
+    event.clear_event_name();
+    EXPECT_FALSE(rebuild_template_data(event, data));
+    event.set_event_name("n");
     for (const char *unknown : {"", "|", "d-ng|", "d-ng|n-ng|buf", "d-ng||n-ng"}) {
         event.set_template_name(unknown);
         EXPECT_FALSE(rebuild_template_data(event, data)) << unknown;
