@@ -149,9 +149,12 @@ TEST_F(Recovery, KeepsBlocksBehindOneThatCannotBeRead)
     EXPECT_EQ(messages_raised, strings{});
     fs::remove(path_of(1));
     ASSERT_EQ(mkfifo(path_of(1).c_str(), 0600), 0); // nobody will ever write into it
+    remove_block(path_of(2).c_str());
     EXPECT_EQ(restart(), -1);
+    EXPECT_EQ(messages_raised, strings{}) << "a block that is missing behind it";
     fs::remove(path_of(1));
     write_block(1, four.blocks[1]);
+    write_block(2, four.blocks[2]);
     EXPECT_EQ(restart(), 1);
     expect_events(11'000);
 }
@@ -178,6 +181,32 @@ TEST_F(Recovery, AppendsNoChunkTwice)
 }
 
 // One that could not be deleted when the cache was cut at it.
+TEST_F(Recovery, SealsAFullBlockBeforeTheNextChunk)
+{
+    put_back(four);
+    std::vector<std::uint8_t> bytes = four.blocks[2];
+    std::memset(&bytes[offsetof(cache_block_hdr, end_time)], 0, sizeof(std::int64_t));
+    remove_block(path_of(3).c_str());
+    write_block_with_hash(2, bytes);
+    ima_cache_ctx.meta->cur_block = 2;
+    ASSERT_EQ(restart(), 1);
+    append(1);
+    EXPECT_NE(header_of(2).end_time, 0);
+    EXPECT_EQ(ima_cache_ctx.meta->cur_block, 3);
+    expect_events(10'000);
+}
+
+TEST_F(Recovery, BelievesTheBlockWhenTheMetadataSayAnotherEnd)
+{
+    ima_cache_ctx.meta->last_event -= MAX_IMA_EVENTS;
+    EXPECT_EQ(source_chunk(10'001).add(), -1);
+    EXPECT_TRUE(
+        trace_has("at_ima_cache_add(): block 3 ends with another event than the metadata say: 10000"));
+    expect_events(11'000);
+    append(1);
+    expect_events(12'000);
+}
+
 TEST_F(Recovery, DoesNotAppendToASealedBlock)
 {
     ima_cache_ctx.meta->cur_block = 1;
