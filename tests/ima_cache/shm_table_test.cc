@@ -125,6 +125,13 @@ TEST(Table, SaysWhereAnEntryGoes)
                                   "at_shmht_search(): at_shmht_search: found at_shmht_search!\n"}));
 }
 
+// As if an insert behind overflow entry 2 had been cut off in `slot`.
+void cut_off_in(shmht_handle &table, std::uint64_t slot)
+{
+    table.overflow[slot] = table.overflow[2];
+    table.overflow[2].next = slot;
+}
+
 // What a foreign hand may do to a table while it is open.
 struct damage {
     const char *what;
@@ -157,7 +164,22 @@ INSTANTIATE_TEST_SUITE_P(
         damage{"NoBuckets", [](shmht_handle &table) { table.header->bucket_count = 0; }},
         damage{"MoreEntriesThanBuckets", [](shmht_handle &table) { table.header->entry_count = 54; }},
         damage{"CollisionsBeyondTheArea", [](shmht_handle &table) { table.header->collision_count = 53; }},
-        damage{"CollisionsAtTheLastSlot", [](shmht_handle &table) { table.header->collision_count = 52; }}),
+        damage{"CollisionsAtTheLastSlot", [](shmht_handle &table) { table.header->collision_count = 52; }},
+        damage{"CutOffAtTheLastSlot",
+               [](shmht_handle &table) {
+                   cut_off_in(table, 52);
+                   table.header->collision_count = 52;
+               }},
+        damage{"CutOffInAFullTable",
+               [](shmht_handle &table) {
+                   cut_off_in(table, 3);
+                   table.header->entry_count = 53;
+               }},
+        damage{"EntriesBehindTheFreeOne",
+               [](shmht_handle &table) {
+                   cut_off_in(table, 3);
+                   table.overflow[4] = table.overflow[3];
+               }}),
     [](const auto &parameter) { return std::string(parameter.param.what); });
 
 } // namespace
