@@ -24,5 +24,6 @@ extern "C" const char *__tsan_default_suppressions()
            "race:~ServerCallbackReaderWriterImpl\n"
            "race_top:std::_Function_base\n"
            "race_top:std::function\n"
-           "race_top:std::swap<std::_Any_data>\n";
+           "race_top:std::swap<std::_Any_data>\n"
+           "thread:grpc_core::Thread\n"; // that a program does not wait for at its end
 }
