@@ -97,7 +97,7 @@ def say_nothing(_, context):
 
 def run(target, *arguments, **more):
     command = [PROGRAM] + (["--target", target] if target else []) + list(arguments)
-    return subprocess.run(command, capture_output=True, timeout=60, check=False, **more)
+    return subprocess.run(command, capture_output=True, timeout=300, check=False, **more)
 
 
 def boot_events(recorded="recorded-a"):

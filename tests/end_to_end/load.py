@@ -124,7 +124,7 @@ class Hostile:
                     pass  # refused, which is read below
                 held.register(connection, selectors.EVENT_READ, words)
             del waiting[:20]
-            if not waiting:
+            if self.opened >= len(self.wanted):  # those that were ended wait behind the others
                 self.tried_all.set()
             for key, _ in held.select(0.1):
                 try:
