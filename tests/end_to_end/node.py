@@ -77,7 +77,7 @@ def agent_words():
     return AGENT_LOG.read_text(errors="replace") if AGENT_LOG.exists() else ""
 
 
-def attestctl(*arguments, timeout=60):
+def attestctl(*arguments, timeout=300):
     return subprocess.run(["attestctl", *arguments], capture_output=True, text=True, timeout=timeout, check=False)
 
 
