@@ -22,23 +22,22 @@ rpc_delivery deliver(const rpc_callbacks &callbacks, remote_attestation_api_clie
 using kind = rpc_method_kind;
 
 constexpr rpc_method methods[] = {
-    {"/remote_attestation_api.RemoteAttestationApi/GetCertificate", kind::answer,
+    {"/remote_attestation_api.RemoteAttestationApi/GetCertificate", kind::answer, false,
      deliver<get_certificate_request, &rpc_callbacks::get_certificate>},
-    {"/remote_attestation_api.RemoteAttestationApi/AttestPcrs", kind::answer,
+    {"/remote_attestation_api.RemoteAttestationApi/AttestPcrs", kind::answer, false,
      deliver<attest_pcr_request, &rpc_callbacks::attest_pcrs>},
-    {"/remote_attestation_api.RemoteAttestationApi/GetPlatformBootIntegrityEventLogs", kind::answer,
+    {"/remote_attestation_api.RemoteAttestationApi/GetPlatformBootIntegrityEventLogs", kind::answer, true,
      deliver<get_platform_boot_integrity_event_logs_request,
-             &rpc_callbacks::get_platform_boot_integrity_event_logs>,
-     true},
-    {"/remote_attestation_api.RemoteAttestationApi/GetPlatformHwIntegrity", kind::answer,
+             &rpc_callbacks::get_platform_boot_integrity_event_logs>},
+    {"/remote_attestation_api.RemoteAttestationApi/GetPlatformHwIntegrity", kind::answer, false,
      deliver<get_platform_hw_integrity_request, &rpc_callbacks::get_platform_hw_integrity>},
-    {"/remote_attestation_api.RemoteAttestationApi/GetPlatformImaEventLogs", kind::answer,
-     deliver<get_platform_ima_event_logs_request, &rpc_callbacks::get_platform_ima_event_logs>, true},
-    {"/remote_attestation_api.RemoteAttestationApi/StreamPlatformImaEventLogs", kind::stream,
+    {"/remote_attestation_api.RemoteAttestationApi/GetPlatformImaEventLogs", kind::answer, true,
+     deliver<get_platform_ima_event_logs_request, &rpc_callbacks::get_platform_ima_event_logs>},
+    {"/remote_attestation_api.RemoteAttestationApi/StreamPlatformImaEventLogs", kind::stream, false,
      deliver<get_platform_ima_event_logs_request, &rpc_callbacks::stream_ima_event_logs>},
-    {"/grpc.health.v1.Health/Check", kind::health_check, nullptr},
-    {"/grpc.health.v1.Health/Watch", kind::health_watch, nullptr},
-    {"/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo", kind::reflection, nullptr},
+    {"/grpc.health.v1.Health/Check", kind::health_check, false, nullptr},
+    {"/grpc.health.v1.Health/Watch", kind::health_watch, false, nullptr},
+    {"/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo", kind::reflection, false, nullptr},
 };
 
 } // namespace

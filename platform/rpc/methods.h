@@ -34,10 +34,10 @@ enum class rpc_delivery { delivered, undecodable, no_callback };
 struct rpc_method {
     std::string_view path;
     rpc_method_kind kind;
+    bool whole_log; // its answer is one message as large as a log
     // Decodes a request and calls its callback; null for what the layer answers itself.
     rpc_delivery (*deliver)(const rpc_callbacks &callbacks, remote_attestation_api_client client,
                             std::span<const std::byte> request, std::uint32_t request_id);
-    bool whole_log = false; // its answer is one message as large as a log
 };
 
 // Null when there is no such operation.
