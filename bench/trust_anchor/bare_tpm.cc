@@ -50,6 +50,14 @@ ESYS_TR bare_tpm::key(const std::string &manifest_file, const char *name)
     return found;
 }
 
+bool bare_tpm::read_clock()
+{
+    TPMS_TIME_INFO *time = nullptr;
+    const TSS2_RC code = Esys_ReadClock(esys_, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, &time);
+    const esys_ptr<TPMS_TIME_INFO> owned(time);
+    return code == TSS2_RC_SUCCESS;
+}
+
 bool bare_tpm::read_and_quote(std::uint32_t count, std::span<const std::uint8_t> nonce)
 {
     const tpm_algorithm &bank = *tpm_algorithm_of_number(KOV_ALG_SHA256);

@@ -17,6 +17,8 @@ public:
 
     // PCRs 0 to count - 1 of the SHA-256 bank, one by one, and a quote over them. False when the TPM refuses.
     bool read_and_quote(std::uint32_t count, std::span<const std::uint8_t> nonce);
+    // What a login asks: whether the TPM was reset.
+    bool read_clock();
     // SHA-256 over `data` and the device-identity key's signature.
     bool sign(std::span<const std::uint8_t> data);
 
