@@ -60,12 +60,15 @@ bool fail(ima_file &file, int status, std::string error)
     return false;
 }
 
+bool cannot_keep(ima_file &file)
+{
+    return fail(file, EXIT_USAGE, std::string("cannot keep the list in a file: ") + std::strerror(errno));
+}
+
 bool put(ima_file &file, const std::string &bytes)
 {
-    return std::fwrite(bytes.data(), 1, bytes.size(), file.waiting.get()) == bytes.size()
-               ? true
-               : fail(file, EXIT_USAGE,
-                      std::string("cannot keep the list in a file: ") + std::strerror(errno));
+    return std::fwrite(bytes.data(), 1, bytes.size(), file.waiting.get()) == bytes.size() ||
+           cannot_keep(file);
 }
 
 bool take_event(ima_file &file, const api::IMA_EVENT &event)
@@ -126,7 +129,7 @@ void write_out(ima_file &file)
     if (is_cel && !put(file, file.is_first ? "[]\n" : "]\n"))
         return;
     if (std::fseek(file.waiting.get(), 0, SEEK_SET) != 0) { // writes what is still in memory, and may fail to
-        fail(file, EXIT_USAGE, std::string("cannot keep the list in a file: ") + std::strerror(errno));
+        cannot_keep(file);
         return;
     }
     std::array<char, 1 << 16> block{};
@@ -200,8 +203,9 @@ int run_ima_log_file(const settings &chosen, client &c,
         return EXIT_USAGE;
     ima_file file{chosen};
     if (!file.waiting) {
-        complain(std::string("cannot keep the list in a file: ") + std::strerror(errno));
-        return EXIT_USAGE;
+        cannot_keep(file);
+        complain(file.error);
+        return file.status;
     }
     const ask_result result = ask_for_list(file, c, request);
     if (file.error.empty() && result.status == ask_status::stopped) {

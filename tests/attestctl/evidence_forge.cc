@@ -6,6 +6,7 @@
 
 #include <openssl/ec.h>
 #include <openssl/ecdsa.h>
+#include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/x509v3.h>
 #include <tss2/tss2_mu.h>
@@ -209,6 +210,17 @@ std::string make_certificate(const certificate_plan &plan)
     std::string out(reinterpret_cast<char *>(der), static_cast<std::size_t>(length));
     OPENSSL_free(der);
     return out;
+}
+
+std::string pem_of(const std::string &der)
+{
+    const auto *at = reinterpret_cast<const unsigned char *>(der.data());
+    const x509_owner certificate(d2i_X509(nullptr, &at, static_cast<long>(der.size())));
+    const bio_owner out(BIO_new(BIO_s_mem()));
+    must(PEM_write_bio_X509(out.get(), certificate.get()) == 1);
+    char *text = nullptr;
+    const long length = BIO_get_mem_data(out.get(), &text);
+    return {text, static_cast<std::size_t>(length)};
 }
 
 certificate_plan root_plan(const char *name)

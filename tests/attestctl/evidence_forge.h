@@ -33,6 +33,7 @@ struct certificate_plan {
     long from_s = -3600, to_s = 3600; // relative to now
 };
 std::string make_certificate(const certificate_plan &plan); // DER
+std::string pem_of(const std::string &der);
 
 // The plans of a good chain.
 certificate_plan root_plan(const char *name);

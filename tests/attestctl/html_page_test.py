@@ -217,6 +217,27 @@ class Page(wire.Program):
         self.assertRegex(value(f"{search}.querySelector('output').innerText"), r"^36 of 110,001 rows$")
         self.assertEqual(value(f"[...{hits}.tBodies[0].rows].map((r) => r.cells[0].textContent)[0]"), "14991")
 
+    def source(self):
+        with open(self.path, encoding="utf-8") as page:
+            return page.read()
+
+    def test_templates_add_up(self):
+        record = wire.ima_record(1, 24)
+        for event in record.events:
+            event.template_name = b"template%d" % (event.event_num % 12)
+        self.attest({wire.STREAM: lambda *_: [record]}, 1)
+        counts = [int(n) for n in re.findall(r"(?:template\d+|others) \((\d+)\)", self.source())]
+        self.assertEqual(counts, [2] * 8 + [8])
+
+    def test_values_whose_quote_cannot_be_checked_are_not_called_others(self):
+        quote = bytes.fromhex("ff54434780180000") + bytes(27) + bytes.fromhex("00000001000b03ffffff0020") + bytes(32)
+        pcrs = [api.PCR_DUMP(index=i, value=bytes(32)) for i in range(24)]
+        record = api.NodePCRData(node_name="n", pcrs=pcrs, quote=quote)
+        answer = api.attest_pcr_response(node_data=[record])
+        self.attest({"AttestPcrs": lambda *_: answer}, 1)
+        self.assertIn("not checked", self.source())
+        self.assertNotIn("other values", self.source())
+
     def test_page_that_cannot_be_written_asks_nothing(self):
         for path, why in (("/nowhere/page.html", "No such file or directory"), ("/dev/null", "not a regular file"),
                           (self.folder, "Is a directory")):

@@ -4,7 +4,6 @@
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
-#include <openssl/pem.h>
 #include <sys/stat.h>
 
 #include "tests/attestctl/simulated_node.h"
@@ -57,15 +56,8 @@ protected:
     void trust(const forged &evidence)
     {
         std::string text = content_of(roots);
-        for (const std::string &der : evidence.roots.certificates) {
-            const auto *bytes = reinterpret_cast<const unsigned char *>(der.data());
-            const x509_owner root(d2i_X509(nullptr, &bytes, static_cast<long>(der.size())));
-            const bio_owner out(BIO_new(BIO_s_mem()));
-            PEM_write_bio_X509(out.get(), root.get());
-            char *data = nullptr;
-            const long size = BIO_get_mem_data(out.get(), &data);
-            text.append(data, static_cast<std::size_t>(size));
-        }
+        for (const std::string &der : evidence.roots.certificates)
+            text += pem_of(der);
         write_content(roots, text);
     }
 

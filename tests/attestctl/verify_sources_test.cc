@@ -3,7 +3,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <openssl/pem.h>
 
 #include "tests/attestctl/wrong_evidence.h"
 
@@ -123,26 +122,17 @@ TEST(roots, files)
         std::string error;
         return read_roots(path, roots, error) ? "" : error.substr(error.rfind(": ") + 2);
     };
-    const auto pem = [](const std::string &der) {
-        const auto *at = reinterpret_cast<const unsigned char *>(der.data());
-        const x509_owner certificate(d2i_X509(nullptr, &at, static_cast<long>(der.size())));
-        const bio_owner out(BIO_new(BIO_s_mem()));
-        PEM_write_bio_X509(out.get(), certificate.get());
-        char *text = nullptr;
-        const long length = BIO_get_mem_data(out.get(), &text);
-        return std::string(text, static_cast<std::size_t>(length));
-    };
     const std::string one = make_certificate(root_plan("one"));
     const std::string two = make_certificate(root_plan("two"));
     trusted_roots roots;
     EXPECT_EQ(read(one, roots), "");
     EXPECT_TRUE(is_trusted(roots, one) && !is_trusted(roots, two) && roots.pinned());
-    EXPECT_EQ(read("a comment\n" + pem(two) + pem(one), roots), "");
+    EXPECT_EQ(read("a comment\n" + pem_of(two) + pem_of(one), roots), "");
     EXPECT_TRUE(is_trusted(roots, one) && is_trusted(roots, two));
     EXPECT_FALSE(is_trusted(roots, one + '\0'));
     EXPECT_EQ(read(one + '\0', roots), "1 byte after the certificate");
     EXPECT_EQ(read("", roots), "no DER certificate");
-    EXPECT_EQ(read(pem(one) + pem(two).substr(0, 100), roots), "a PEM certificate that cannot be read");
+    EXPECT_EQ(read(pem_of(one) + pem_of(two).substr(0, 100), roots), "a PEM certificate that cannot be read");
     EXPECT_EQ(read("-----BEGIN OTHER-----\nAAAA\n-----END OTHER-----\n", roots), "no certificate in it");
     EXPECT_EQ(roots.certificates.size(), 2U) << "a file that cannot be read changes nothing";
 }

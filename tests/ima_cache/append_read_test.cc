@@ -317,6 +317,11 @@ TEST_F(Read, DoesNotBelieveLengthsAndNumbers)
     auto put = [](std::vector<std::uint8_t> &block, std::size_t at, std::uint32_t value) {
         std::memcpy(&block[at], &value, sizeof value);
     };
+    auto length_of_second = [&](const std::vector<std::uint8_t> &block) {
+        std::uint32_t length = 0;
+        std::memcpy(&length, &block[second], sizeof length);
+        return length;
+    };
     struct {
         const char *what;
         std::function<void(std::vector<std::uint8_t> &)> change;
@@ -326,6 +331,16 @@ TEST_F(Read, DoesNotBelieveLengthsAndNumbers)
         {"a length to the next byte", [&](auto &block) { put(block, second, second); }},
         {"a length that is too short", [&](auto &block) { put(block, second, 1000); }},
         {"no length", [&](auto &block) { put(block, second, 0); }},
+        {"a byte more than there are", [&](auto &block) { put(block, second, length_of_second(block) + 1); }},
+        {"an end within an event", [&](auto &block) { put(block, second, length_of_second(block) - 1); }},
+        {"no message", [&](auto &block) { block[second + 4] = 0xff; }},
+        {"events without a field, far more than a chunk has",
+         [&](auto &block) {
+             for (std::size_t i = 0; i < length_of_second(block); ++i)
+                 block[second + 4 + i] = i % 2 == 0 ? 0x0a : 0;
+         }},
+        {"no length of the first", [&](auto &block) { put(block, 88, 0); }},
+        {"a length of the first behind the block", [&](auto &block) { put(block, 88, 0xFFFFFFFF); }},
         {"the first chunk again",
          [&](auto &block) {
              std::copy(block.begin() + 92, block.begin() + second, block.begin() + second + 4);
@@ -346,6 +361,9 @@ TEST_F(Read, DoesNotBelieveLengthsAndNumbers)
             result = at_ima_cache_read_next(message.get(), &at.block, &at.offset, &at.fd);
         }
         EXPECT_LE(result, 0) << what;
+        EXPECT_EQ(message->events.count, 0) << what;
+        at_ima_cache_read_done(&at.block, &at.offset, &at.fd);
+        EXPECT_EQ(at_ima_cache_read_start(1001, message.get(), &at.block, &at.offset, &at.fd), -1) << what;
         EXPECT_EQ(message->events.count, 0) << what;
         at_ima_cache_read_done(&at.block, &at.offset, &at.fd);
         EXPECT_EQ(messages_raised, std::vector<std::string>{}) << what;

@@ -180,7 +180,6 @@ TEST_F(Recovery, AppendsNoChunkTwice)
     }
 }
 
-// One that could not be deleted when the cache was cut at it.
 TEST_F(Recovery, SealsAFullBlockBeforeTheNextChunk)
 {
     put_back(four);
@@ -207,6 +206,7 @@ TEST_F(Recovery, BelievesTheBlockWhenTheMetadataSayAnotherEnd)
     expect_events(12'000);
 }
 
+// One that could not be deleted when the cache was cut at it.
 TEST_F(Recovery, DoesNotAppendToASealedBlock)
 {
     ima_cache_ctx.meta->cur_block = 1;
