@@ -213,7 +213,8 @@ std::int32_t read_events(std::uint32_t offset, std::int32_t fd, IMACacheBlock *m
     if (offset >= header.used_len)
         return 0;
     std::uint64_t first_event = 0;
-    if (length > header.used_len - offset - sizeof length || !event_at(fd, header, offset, first_event)) {
+    if (std::uint64_t{offset} + sizeof length + length > header.used_len ||
+        !event_at(fd, header, offset, first_event)) {
         attest_trace("no chunk of the block at offset %ld", static_cast<long>(offset));
         return -1;
     }

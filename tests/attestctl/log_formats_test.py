@@ -60,13 +60,21 @@ class Formats(fake_node.Program):
                 (sha256, boot_event(3, 4, b"", (1, b"d" * 32)), "event 2 has number 3"),
                 (sha256, api.BOOT_EVENT(event_num=2, pcr_index=0, event_type=4), "event 2 has not the data .*"),
                 (sha256, api.BOOT_EVENT(event_num=2, event_type=4), "event 2 has no type or no PCR"),
+                (sha256, api.BOOT_EVENT(event_num=2, pcr_index=0), "event 2 has no type or no PCR"),
+                (sha256, boot_event(2, 4, b"", (None, b"d" * 32)), "event 2 has a digest of which .* the algorithm"),
+                (sha256, boot_event(2, 4, b"", (1, None)), "event 2 has a digest of which .* the algorithm"),
                 ([], good, "its Spec ID event has no list of algorithms"),
                 (sha256 * 17, good, "its Spec ID event has no list of algorithms")):
             with self.subTest(words):
                 log = [spec_id(algorithms), event]
                 self.refused({BOOT_LOG: boot_records(("n", log))}, ["boot-log"],
                              f"the boot log cannot be written: {words}")
-        self.refused({BOOT_LOG: boot_records(("n", [good]))}, ["boot-log"], "the boot log cannot be written: event 1 .*")
+        for log, words in (([good], "event 1 .*"),
+                           ([boot_event(1, 3, SPEC_ID, (0, bytes(20)))], "its Spec ID event .*"),
+                           ([boot_event(1, 3, SPEC_ID + b"\2\0\0\0\x0b\0", (0, bytes(20)))], "its Spec ID event .*"),
+                           ([boot_event(1, 3, b"StartupLocality\0\3", (1, bytes(32)))], "event 1 has a digest of .*"),
+                           ([boot_event(1, 4, SPEC_ID, (0, bytes(20)), pcr=1), good], "event 2 has a digest of .*")):
+            self.refused({BOOT_LOG: boot_records(("n", log))}, ["boot-log"], f"the boot log cannot be written: {words}")
 
     def test_algorithms_that_the_contract_has_no_number_for_are_told_by_the_log(self):
         log = [spec_id([(0x0012, 32), (0x0B, 32)]), boot_event(2, 4, b"x", (0, b"s" * 32), (1, b"d" * 32))]
@@ -77,6 +85,11 @@ class Formats(fake_node.Program):
         self.assertTrue(raw.stdout.endswith(b"\x04\0\0\0\2\0\0\0\x12\0" + b"s" * 32 + b"\x0b\0" + b"d" * 32 +
                                             b"\1\0\0\0x"))
         self.assertIn(b'{"hashAlg":"sm3_256","digest":"' + b"73" * 32, cel.stdout)
+        log = [spec_id([(0x0099, 16), (0x0B, 32)]), boot_event(2, 4, b"x", (0, b"u" * 16), (1, b"d" * 32))]
+        with FakeNode({BOOT_LOG: lambda r, c: boot_records(("n", log))}) as node:
+            self.expect(run(node.target, "boot-log", "--format", "raw"), 0)
+            self.expect(run(node.target, "boot-log", "--format", "cel-json"), 1,
+                        ".* event 2 has a digest by algorithm 0x0099, for which there is no name", "")
 
     def test_ima_lists_that_the_fields_do_not_tell(self):
         good = ima_event(1)

@@ -106,9 +106,13 @@ TEST_F(RecordReader, RefusesTheLongestThatIsAllowed)
         ima_old_record(10, std::string(20, 'd'), std::string(256, 'n')) +
         ima_record(10, "n|n-ng",
                    ima_field_bytes(std::string(256, 'm')) + ima_name_field(std::string(70000, 'l'))) +
-        ima_record(10, "sig", ima_field_bytes(std::string(IMA_TEMPLATE_DATA_MAX - 4, 's'))) + GOOD);
+        ima_record(10, "sig", ima_field_bytes(std::string(IMA_TEMPLATE_DATA_MAX - 4, 's'))) +
+        ima_record(10, "d-ng|sig|sig|d-ng",
+                   ima_digest_field("sha1", "first") + ima_field_bytes("one") + ima_field_bytes("two") +
+                       ima_digest_field("sha256", DIGEST)) +
+        GOOD);
     EXPECT_EQ(list.end, ima_record_outcome::end_of_log);
-    ASSERT_EQ(list.events.size(), 6);
+    ASSERT_EQ(list.events.size(), 7);
     EXPECT_EQ(list.events[0].template_name, long_template);
     EXPECT_EQ(list.events[0].pcr, 11);
     EXPECT_EQ(list.events[1].digest_algo, std::string(64, 'a'));
@@ -116,7 +120,10 @@ TEST_F(RecordReader, RefusesTheLongestThatIsAllowed)
     EXPECT_EQ(list.events[2].event_name, std::string(256, 'n'));
     EXPECT_EQ(list.events[3].event_name, std::string(70000, 'l')) << "the second name counts";
     EXPECT_EQ(list.events[4].signature.length, IMA_TEMPLATE_DATA_MAX - 4);
-    EXPECT_STREQ(list.events[5].event_name, "/bin/good");
+    EXPECT_STREQ(list.events[5].digest_algo, "sha256") << "of digests and signatures, too";
+    EXPECT_EQ(text_of(list.events[5].digest), DIGEST);
+    EXPECT_EQ(text_of(list.events[5].signature), "two");
+    EXPECT_STREQ(list.events[6].event_name, "/bin/good");
 }
 
 TEST_F(RecordReader, TakesAnotherNameForTheOldTemplate)

@@ -339,6 +339,10 @@ TEST_F(Read, DoesNotBelieveLengthsAndNumbers)
              for (std::size_t i = 0; i < length_of_second(block); ++i)
                  block[second + 4 + i] = i % 2 == 0 ? 0x0a : 0;
          }},
+        {"one event of the thousand",
+         [&](auto &block) { put(block, second, 3 + (block[second + 5] & 0x7f) + (block[second + 6] << 7)); }},
+        {"a block that ends within the length",
+         [&](auto &block) { put(block, offsetof(cache_block_hdr, used_len), second + 2); }},
         {"no length of the first", [&](auto &block) { put(block, 88, 0); }},
         {"a length of the first behind the block", [&](auto &block) { put(block, 88, 0xFFFFFFFF); }},
         {"the first chunk again",

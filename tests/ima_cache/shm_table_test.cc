@@ -93,6 +93,13 @@ TEST(Table, ComparesKeysWithTheirLength)
     EXPECT_EQ(table.insert(std::string(513, 'x'), 1), -22);
     EXPECT_EQ(table.search(std::string(513, 'x')), -1);
     EXPECT_EQ(table->header->entry_count, 6);
+    std::vector<std::string> keys = keys_of_bucket(7, 2);
+    table_of_test damaged;
+    damaged.insert(keys[0], 1);
+    damaged.insert(keys[1], 2);
+    damaged->overflow[0].key_len -= 1; // the hash alone is no proof
+    EXPECT_EQ(damaged.search(keys[1]), -1);
+    EXPECT_EQ(damaged.search(keys[0]), 1);
 }
 
 TEST(Table, IsNotAccessedWithoutItsLock)
@@ -159,6 +166,11 @@ INSTANTIATE_TEST_SUITE_P(
         damage{"ChainLeavesTheArea", [](shmht_handle &table) { table.overflow[2].next = 53; }},
         damage{"ChainLeavesTheAddressSpace",
                [](shmht_handle &table) { table.overflow[2].next = 1ull << 60; }},
+        damage{"ChainGoesBehindTheFreeEntry",
+               [](shmht_handle &table) {
+                   table.overflow[7] = table.overflow[2];
+                   table.overflow[2].next = 7;
+               }},
         damage{"ChainLeadsToAFreeEntry", [](shmht_handle &table) { table.overflow[2].next = 9; }},
         damage{"MoreBucketsThanMapped", [](shmht_handle &table) { table.header->bucket_count = 97; }},
         damage{"NoBuckets", [](shmht_handle &table) { table.header->bucket_count = 0; }},
@@ -180,6 +192,75 @@ INSTANTIATE_TEST_SUITE_P(
                    cut_off_in(table, 3);
                    table.overflow[4] = table.overflow[3];
                }}),
+    [](const auto &parameter) { return std::string(parameter.param.what); });
+
+// Where an insert of keys[4] behind four others of its home slot may have been cut off, and what the next
+// insert makes of it. The steps of an insert are stores to memory that outlives the process.
+struct cut_off {
+    const char *what;
+    void (*make)(shmht_handle &, std::uint64_t free_home_hash);
+    std::uint64_t entries, collisions; // after one more insert
+};
+class CutOffInsert : public testing::TestWithParam<cut_off> {};
+
+void note(shmht_entry &entry, std::uint64_t hash, std::uint64_t entries)
+{
+    entry.hash = hash;
+    entry.value = entries;
+    entry.key_len = SHMHT_INSERT_NOTE;
+}
+
+TEST_P(CutOffInsert, CountsOrIsTakenBack)
+{
+    table_of_test table;
+    std::vector<std::string> keys = keys_of_bucket(7, 6);
+    std::string other = keys_of_bucket(9, 1)[0];
+    for (std::size_t i = 0; i < 4; ++i)
+        table.insert(keys[i], i);
+    GetParam().make(*table.get(), murmur_hash_64a(std::as_bytes(std::span(other)), 42));
+    EXPECT_EQ(table.insert(keys[5], 5), 1);
+    EXPECT_EQ(table->header->entry_count, GetParam().entries);
+    EXPECT_EQ(table->header->collision_count, GetParam().collisions);
+    EXPECT_EQ(count_entries(*table.get()), GetParam().entries);
+    for (int i : {0, 1, 2, 3, 5})
+        EXPECT_EQ(table.search(keys[static_cast<std::size_t>(i)]), i);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, CutOffInsert,
+    testing::Values(
+        cut_off{"BeforeTheLink",
+                [](shmht_handle &table, std::uint64_t) {
+                    table.overflow[3] = table.overflow[2]; // in no chain
+                },
+                5, 4},
+        cut_off{"BeforeTheCount", [](shmht_handle &table, std::uint64_t) { cut_off_in(table, 3); }, 6, 5},
+        cut_off{"AfterTheNote",
+                [](shmht_handle &table, std::uint64_t) {
+                    cut_off_in(table, 3);
+                    note(table.overflow[4], table.overflow[3].hash, 4);
+                },
+                6, 5},
+        cut_off{"BeforeTheCountOfEntries",
+                [](shmht_handle &table, std::uint64_t) {
+                    cut_off_in(table, 3);
+                    note(table.overflow[4], table.overflow[3].hash, 4);
+                    table.header->collision_count = 4;
+                },
+                6, 5},
+        cut_off{"AtHomeBeforeTheEntry",
+                [](shmht_handle &table, std::uint64_t hash) { note(table.overflow[3], hash, 4); }, 5, 4},
+        cut_off{"AtHomeBeforeTheCount",
+                [](shmht_handle &table, std::uint64_t hash) {
+                    note(table.overflow[3], hash, 4);
+                    table.buckets[9] = table.buckets[7];
+                    table.buckets[9].hash = hash;
+                    table.buckets[9].next = SHMHT_CHAIN_END;
+                },
+                6, 4},
+        cut_off{"LongAgo",
+                [](shmht_handle &table, std::uint64_t) { note(table.overflow[3], table.buckets[7].hash, 3); },
+                5, 4}),
     [](const auto &parameter) { return std::string(parameter.param.what); });
 
 } // namespace

@@ -127,8 +127,10 @@ std::string smbios_table()
     std::string processor(0x1D, '\0');
     processor.replace(4, 8, "\x12\x34\x56\x78\x9a\xbc\xde\xf0");
     processor[0x1C] = 1;
-    return structure(1, system, {"Maker", "Board", "SYS123"}) + structure(17, empty_slot, {}) +
-           structure(17, slot, {"DIMM456"}) + structure(4, processor, {"CPU789"}) + structure(127, "", {}) +
+    return structure(1, std::string(3, 1), {"Maker of before the serial number"}) +
+           structure(1, system, {"Maker", "Board", "SYS123"}) + structure(17, empty_slot, {}) +
+           structure(17, slot, {"DIMM456"}) + structure(4, processor, {"CPU789"}) +
+           structure(4, std::string(8, '\0'), {}) + structure(127, "", {}) +
            structure(3, std::string(9, 1), {"after the end"});
 }
 
@@ -138,8 +140,8 @@ TEST_F(board_test, FirmwareTablesGiveSerialNumbersByTheirSlots)
     EXPECT_THAT(read(), ElementsAre(Pair("smbios/memory/1/serial", "DIMM456"),
                                     Pair("smbios/processor/0/id", "123456789abcdef0"),
                                     Pair("smbios/processor/0/serial", "CPU789"),
-                                    Pair("smbios/system/0/serial", "SYS123"),
-                                    Pair("smbios/system/0/uuid", "0102030405060708090a0b0c0d0e0f10")));
+                                    Pair("smbios/system/1/serial", "SYS123"),
+                                    Pair("smbios/system/1/uuid", "0102030405060708090a0b0c0d0e0f10")));
     fs::remove(root_.path() + "/sys/firmware/dmi/tables/DMI");
     put("/sys/class/dmi/id/product_serial", "SYS123\n");
     EXPECT_THAT(read(), ElementsAre(Pair("dmi/product_serial", "SYS123")));

@@ -172,6 +172,57 @@ TEST_F(evidence_test, WhatIsNoPcrNoAlgorithmOrNoKeyIsAStatus)
     EXPECT_NE(session.sign("RSA_VOXAKEY", {1}, 1).status, KOV_SUCCESS) << "the key's scheme is SHA-256";
 }
 
+// In the response to the last command, if it is this one, as ESYS sends it with one session: behind 10 bytes
+// of header and the parameters' length.
+constexpr std::size_t PARAMETERS = 14;
+std::function<void(std::uint8_t *, std::uint32_t, std::uint32_t &)>
+in_response_to(std::uint32_t command, std::function<void(std::uint8_t *parameters)> change)
+{
+    return [=](std::uint8_t *response, std::uint32_t, std::uint32_t &length) {
+        if (traffic.commands.back() == command && length > PARAMETERS)
+            change(response + PARAMETERS);
+    };
+}
+
+TEST_F(evidence_test, AnswersToAnotherQuestionAreNotPassedOn)
+{
+    const session_owner session = login();
+    const auto quote = [&] { return session.quote("RSA_AIK_KEY", 2, 0x80, {1, 2, 3}).quote.status; };
+    ASSERT_EQ(quote(), KOV_SUCCESS);
+    // TPM2B_ATTEST: size, magic, type, two sized fields, 25 bytes of clock and firmware; then the selection.
+    const auto selection = [](std::uint8_t *parameters) {
+        std::uint8_t *at = parameters + 2 + 4 + 2;
+        for (int i = 0; i < 2; ++i)
+            at += 2 + (at[0] << 8 | at[1]);
+        return at + 25;
+    };
+    const struct {
+        const char *what;
+        std::function<void(std::uint8_t *)> change;
+    } quotes[] = {
+        {"no structure of a TPM", [](std::uint8_t *parameters) { parameters[2] ^= 1; }},
+        {"a certified creation", [](std::uint8_t *parameters) { parameters[7] = 0x1A; }},
+        {"a byte too long", [](std::uint8_t *parameters) { parameters[1] += 1; }},
+        {"another bank", [&](std::uint8_t *parameters) { selection(parameters)[5] = TPM2_ALG_SHA1; }},
+        {"no bank", [&](std::uint8_t *parameters) { selection(parameters)[3] = 0; }},
+        {"another PCR", [&](std::uint8_t *parameters) { selection(parameters)[7] = 0x40; }},
+        {"fewer PCRs", [&](std::uint8_t *parameters) { selection(parameters)[7] = 0; }},
+    };
+    for (const auto &one : quotes) {
+        traffic.on_response = in_response_to(TPM2_CC_Quote, one.change);
+        EXPECT_NE(quote(), KOV_SUCCESS) << one.what;
+        traffic.on_response = nullptr;
+        ASSERT_EQ(login().login_status, KOV_SUCCESS) << one.what;
+        EXPECT_EQ(session.quote("RSA_AIK_KEY", 2, 0x80, {}).quote.status, KOV_SUCCESS) << one.what;
+    }
+    traffic.on_response = in_response_to(TPM2_CC_Sign, [](std::uint8_t *parameters) {
+        parameters[1] = TPM2_ALG_RSAPSS & 0xff; // laid out like the one that was asked for
+    });
+    EXPECT_EQ(session.sign("RSA_VOXAKEY", {1}).status, KOV_ERR_BAD_RESPONSE);
+    traffic.on_response = nullptr;
+    EXPECT_EQ(session.sign("RSA_VOXAKEY", {1}).status, KOV_SUCCESS);
+}
+
 TEST_F(evidence_test, ANonceOf64BytesIsQuotedAndOneOf65Refused)
 {
     const session_owner session = login();

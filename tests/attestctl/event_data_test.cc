@@ -1,19 +1,19 @@
-// What a node sends, decoded and rendered: what is shown for good data, and that no damaged data reads past
-// its end or gets a byte through that steers a terminal.
+// The data of boot events, decoded and rendered: what is shown for good data, and that no damaged data reads
+// past its end or gets a byte through that steers a terminal.
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "attestctl/certificate_text.h"
-#include "attestctl/check.h"
 #include "attestctl/event_data.h"
 #include "attestctl/event_types.h"
 #include "attestctl/text.h"
 #include "attestctl/uefi.h"
 
 using namespace std::string_literals;
+using namespace std::string_view_literals;
 
 namespace {
 
@@ -83,8 +83,23 @@ std::vector<event_case> event_cases()
          "Spec ID Event03\0"s + le(0, 4) + bytes("00020202") + le(2, 4) + bytes("040014000b00200000"),
          {"Spec ID Event03, client platform, version 2.0 errata 2, UINTN 64 bits",
           "digests: SHA-1 (20 bytes), SHA-256 (32 bytes)"}},
+        {"specification identifier of other algorithms",
+         event_type::NO_ACTION,
+         "Spec ID Event03\0"s + le(1, 4) + bytes("00020001") + le(4, 4) +
+             bytes("0c0030000d0040001200200027002000"),
+         {"Spec ID Event03, server platform, version 2.0 errata 0, UINTN 32 bits",
+          "digests: SHA-384 (48 bytes), SHA-512 (64 bytes), SM3-256 (32 bytes), 0x0027 (32 bytes)"}},
+        {"specification identifier of a TPM 1.2",
+         event_type::NO_ACTION,
+         "Spec ID Event00\0"s + le(0, 4) + bytes("02010001"),
+         {"Spec ID Event00, client platform, version 1.2 errata 0, UINTN 32 bits"}},
+        {"no action of somebody else", event_type::NO_ACTION, "Somebody else's\0"s, {"\"Somebody else's\""}},
         {"startup locality", event_type::NO_ACTION, "StartupLocality\0\3"s, {"startup locality 3"}},
         {"separator", event_type::SEPARATOR, le(0, 4), {"end of the pre-boot measurements (0x00000000)"}},
+        {"separator of ones",
+         event_type::SEPARATOR,
+         le(0xffffffff, 4),
+         {"end of the pre-boot measurements (0xffffffff)"}},
         {"error separator", event_type::SEPARATOR, le(1, 4), {"error (0x00000001)"}},
         {"action", 0x80000007, "Exit Boot Services", {"\"Exit Boot Services\""}},
         {"command line",
@@ -96,6 +111,9 @@ std::vector<event_case> event_cases()
          event_type::EVENT_TAG,
          bytes("ec223b8f0d000000") + "Linux initrd\0"s,
          {"tag 0x8f3b22ec: \"Linux initrd\""}},
+        {"version", event_type::S_CRTM_VERSION, wide("1.4\0"s), {"\"1.4\""}},
+        {"version by a GUID", event_type::S_CRTM_VERSION, ID, {"01020304-0506-0708-090a-0b0c0d0e0f10"}},
+        {"blob that is a text", event_type::POST_CODE, "ACPI DATA", {"\"ACPI DATA\""}},
         {"blob",
          event_type::EFI_PLATFORM_FIRMWARE_BLOB,
          le(0x820000, 8) + le(1048576, 8),
@@ -108,6 +126,14 @@ std::vector<event_case> event_cases()
          event_type::EFI_HANDOFF_TABLES,
          le(1, 8) + bytes("312d9deb882dd3119a160090273fc14d") + le(4096, 8),
          {"table eb9d2d31-2d88-11d3-9a16-0090273fc14d (SMBIOS table) at 0x1000"}},
+        {"described handoff tables",
+         event_type::EFI_HANDOFF_TABLES2,
+         "\4UEFI"s + le(0, 8),
+         {"\"UEFI\"", "no tables"}},
+        {"variable without data",
+         event_type::EFI_VARIABLE_DRIVER_CONFIG,
+         variable(GLOBAL, "PK", ""),
+         {"variable PK, 8be4df61-93ca-11d2-aa0d-00e098032b8c (EFI global variable), 0 bytes"}},
         {"state variable",
          event_type::EFI_VARIABLE_DRIVER_CONFIG,
          variable(GLOBAL, "SecureBoot", "\1"),
@@ -136,6 +162,15 @@ std::vector<event_case> event_cases()
          variable(GLOBAL, "db", ID + "\x30\x82\x01"),
          {"variable db, 8be4df61-93ca-11d2-aa0d-00e098032b8c (EFI global variable), 19 bytes",
           "certificate of 3 bytes, owner 01020304-0506-0708-090a-0b0c0d0e0f10"}},
+        {"authority that is no database's",
+         event_type::EFI_VARIABLE_AUTHORITY,
+         variable(ID, "SbatLevel", "sbat,1\n"),
+         {"variable SbatLevel, 01020304-0506-0708-090a-0b0c0d0e0f10, 7 bytes", "\"sbat,1\\x0a\""}},
+        {"image without a path",
+         event_type::EFI_BOOT_SERVICES_DRIVER,
+         le(0x1000, 8) + le(1, 8) + le(0, 8) + le(0, 8),
+         {"image without a device path", "at 0x1000, 1 byte"}},
+        {"type that nobody has", 0x7777, "\1"s, {"01"}},
         {"image",
          event_type::EFI_BOOT_SERVICES_APPLICATION,
          le(0x7e000000, 8) + le(4096, 8) + le(0, 8) + le(DISK_PATH.size(), 8) + DISK_PATH,
@@ -207,7 +242,9 @@ TEST(event_data, any_bytes_under_any_type_stay_inside_their_bounds)
 
 TEST(event_data, a_cut_is_said)
 {
-    const event_case image = event_cases()[16];
+    const std::vector<event_case> cases = event_cases();
+    const event_case &image = *std::find_if(cases.begin(), cases.end(),
+                                            [](const event_case &one) { return one.what == "image"sv; });
     const std::string cut = image.data.substr(0, image.data.size() - 1);
     EXPECT_THAT(event_data_lines(image.type, cut).front(),
                 testing::EndsWith("(does not fit the layout of its type)"));
@@ -216,12 +253,82 @@ TEST(event_data, a_cut_is_said)
     EXPECT_THAT(device_path_text(bytes("7f01040001010300")), testing::EndsWith("(a node does not fit)"));
 }
 
+TEST(event_data, variables_that_are_not_what_their_name_says_are_shown_as_they_are)
+{
+    const struct {
+        const char *name;
+        std::string data, text;
+    } cases[] = {
+        {"SecureBoot", "\2", "02"},
+        {"BootOrder", "\1\0\2"s, "010002"},
+        {"Boot0001", le(1, 4) + le(4, 2) + wide("no end") + END,
+         hex_preview(le(1, 4) + le(4, 2) + wide("no end") + END) + " (no load option)"},
+        {"Boot0001", le(0, 4) + le(4, 2) + wide("off\0"s) + END, "\"off\"  (inactive)"},
+        {"Boot000g", "text", "\"text\""},
+        {"dbx", "", "(empty)"},
+        {"dbx", ID + le(27, 4) + le(0, 4) + le(1, 4),
+         hex_preview(ID + le(27, 4) + le(0, 4) + le(1, 4)) + " (no signature list)"},
+        {"dbx", ID + le(29, 4) + le(2, 4) + le(1, 4) + "s",
+         hex_preview(ID + le(29, 4) + le(2, 4) + le(1, 4) + "s") + " (no signature list)"},
+        {"dbx", ID + le(29, 4) + le(0, 4) + le(0, 4) + "s",
+         hex_preview(ID + le(29, 4) + le(0, 4) + le(0, 4) + "s") + " (no signature list)"},
+        {"dbx", ID + le(29, 4) + le(0, 4) + le(1, 4), " (a signature list does not fit)"},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(variable_data_text(c.name, c.data), c.text) << c.name;
+    EXPECT_EQ(signature_entry_text("short"), "\"short\"");
+}
+
+TEST(event_data, lists_that_do_not_end_are_cut)
+{
+    std::string order, lists, tables, algorithms;
+    for (int i = 0; i < 200; ++i) {
+        order += le(i, 2);
+        lists += ID + le(28, 4) + le(0, 4) + le(1, 4);
+        tables += ID + le(i, 8);
+        algorithms += le(0xb, 2) + le(32, 2);
+    }
+    EXPECT_THAT(variable_data_text("BootOrder", order), testing::EndsWith("Boot001F, ..."));
+    EXPECT_THAT(variable_data_text("db", lists), testing::EndsWith("of 1 bytes; ..."));
+    EXPECT_EQ(event_data_lines(event_type::EFI_HANDOFF_TABLES, le(200, 8) + tables).back(),
+              "... 72 more tables");
+    const std::string head = GPT.substr(0, 80) + le(200, 8);
+    std::string entries;
+    for (int i = 0; i < 200; ++i)
+        entries += GPT.substr(92);
+    const std::vector<std::string> lines = event_data_lines(
+        event_type::EFI_GPT_EVENT2, GPT.substr(0, GPT.size() - 128 - 8) + le(200, 8) + entries);
+    EXPECT_EQ(lines.back(), "... 72 more partitions");
+    EXPECT_EQ(lines.size(), 130U);
+    const std::string spec_id = "Spec ID Event03\0"s + le(0, 4) + bytes("00020002") + le(200, 4) + algorithms;
+    EXPECT_LT(event_data_lines(event_type::NO_ACTION, spec_id).back().size(), 4000U);
+}
+
 TEST(device_path, nodes_read_as_the_firmware_shows_them)
 {
     const struct {
         std::string path, text;
     } cases[] = {
         {node(2, 1, le(0x050141d0, 4) + le(2, 4)), "Acpi(PNP0501,0x2)"},
+        {node(2, 1, le(0x0a0841d0, 4) + le(1, 4)), "PcieRoot(0x1)"},
+        {node(2, 1, le(0, 4) + le(0, 4)), "Acpi(???0000,0x0)"},
+        {node(1, 3, le(11, 4) + le(0x1000, 8) + le(0x1fff, 8)), "MemoryMapped(11,0x1000,0x1fff)"},
+        {node(1, 4, ID), "VenHw(01020304-0506-0708-090a-0b0c0d0e0f10)"},
+        {node(3, 10, ID + "\1\2"), "VenMsg(01020304-0506-0708-090a-0b0c0d0e0f10,0102)"},
+        {node(4, 3, ID), "VenMedia(01020304-0506-0708-090a-0b0c0d0e0f10)"},
+        {node(3, 1, bytes("00010200")), "Ata(Primary,Slave,0x2)"},
+        {node(3, 1, bytes("01000000")), "Ata(Secondary,Master,0x0)"},
+        {node(3, 2, le(3, 2) + le(4, 2)), "Scsi(0x3,0x4)"},
+        {node(3, 12, bytes("c0a80001c0a800fe") + std::string(11, '\0')), "IPv4(192.168.0.254,192.168.0.1)"},
+        {node(3, 12, bytes("c0a80001c0")), "Path(3,12,c0a80001c0)"},
+        {node(3, 13, ID + std::string(16, '\0') + std::string(24, '\0')),
+         "IPv6(00000000000000000000000000000000,0403020106050807090a0b0c0d0e0f10)"},
+        {node(4, 2, le(1, 4) + le(16, 8) + le(32, 8)), "CDROM(0x1,0x10,0x20)"},
+        {node(4, 8, le(0, 4) + le(16, 8) + le(31, 8)), "Offset(0x10,0x1f)"},
+        {node(5, 1, le(2, 2) + le(0, 2) + "disk\0"s), "BBS(0x2,disk)"},
+        {node(4, 1, le(2, 4) + le(63, 8) + le(99, 8) + ID + bytes("0101")), "HD(2,MBR,04030201,0x3f,0x63)"},
+        {node(4, 1, le(2, 4) + le(63, 8) + le(99, 8) + ID + bytes("0100")), "HD(2,-,0x3f,0x63)"},
+        {node(3, 11, ID + ID + "\x20"), "MAC(" + hex(ID + ID) + ",0x20)"},
         {node(3, 5, bytes("0301")), "USB(0x3,0x1)"},
         {node(3, 23, le(1, 4) + le(0x1122, 8)), "NVMe(0x1,0000000000001122)"},
         {node(3, 11, bytes("525400123456") + std::string(26, '\0') + "\1"), "MAC(525400123456,0x1)"},
@@ -239,49 +346,4 @@ TEST(device_path, nodes_read_as_the_firmware_shows_them)
     for (int i = 0; i < 5000; ++i)
         endless += node(9, 9, "");
     EXPECT_LT(device_path_text(endless).size(), 2000U);
-}
-
-TEST(text, hostile_text_is_shown_and_not_obeyed)
-{
-    const struct {
-        std::string from, to;
-    } cases[] = {
-        {"/usr/bin/caf\xc3\xa9 x", "/usr/bin/caf\xc3\xa9 x"},
-        {"a\nb\x1b[31m\x7f", "a\\x0ab\\x1b[31m\\x7f"},
-        {"\\x0a", "\\\\x0a"},
-        {"\xff\xc0\xaf", "\\xff\\xc0\\xaf"},          // overlong '/'
-        {"\xed\xa0\x80", "\\xed\\xa0\\x80"},          // a surrogate
-        {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"}, // beyond U+10FFFF
-        {"\xe2\x82", "\\xe2\\x82"},                   // cut
-        {"\xc2\x9b", "\\u{9b}"},                      // a one-character escape introducer
-        {"a\xe2\x80\xae"
-         "b",
-         "a\\u{202e}b"}, // right-to-left override
-        {"\xf0\x9f\x90\xa7", "\xf0\x9f\x90\xa7"},
-    };
-    for (const auto &c : cases)
-        EXPECT_EQ(printable(c.from), c.to);
-    EXPECT_EQ(printable("abcdef", 3), "abc... (6 bytes)");
-    EXPECT_EQ(printable_utf16(bytes("3dd827dc3dd86100")), "\xf0\x9f\x90\xa7\\u{d83d}a");
-}
-
-TEST(check, only_passes_verify)
-{
-    using enum check_outcome;
-    const check good{"a", passed, "", ""}, bad{"b", failed, "", ""}, open{"c", not_made, "", ""};
-    EXPECT_EQ(verdict_line(std::vector{good, good}, true), "VERIFIED");
-    EXPECT_EQ(verdict_line(std::vector{good}, false),
-              "VERIFIED, but against roots that are not pinned (see --root)");
-    EXPECT_EQ(verdict_line({}, true), "NOT VERIFIED: no check was made");
-    EXPECT_EQ(verdict_line(std::vector{open}, true), "NOT VERIFIED: no check was made");
-    EXPECT_EQ(verdict_line(std::vector{good, open}, true), "NOT VERIFIED: 0 checks failed, 1 not made");
-    EXPECT_EQ(verdict_line(std::vector{good, bad}, true), "NOT VERIFIED: 1 check failed");
-    EXPECT_FALSE(all_passed({}));
-    EXPECT_FALSE(all_passed(std::vector{good, open}));
-}
-
-TEST(certificate, garbage_is_no_certificate)
-{
-    EXPECT_EQ(certificate_lines("\x30\x82\x00"s), std::vector<std::string>{"no DER certificate: 308200"});
-    EXPECT_EQ(certificate_lines(""), std::vector<std::string>{"no DER certificate: "});
 }
