@@ -8,10 +8,10 @@
 #include "attestctl/nonce.h"
 #include "attestctl/state.h"
 #include "attestctl/text.h"
+#include "attestctl/verify/pcr_set.h"
 
 namespace {
 
-constexpr std::uint32_t PCR_COUNT = 24;
 constexpr const char *NO_NONCE = "no random bytes for a nonce";
 constexpr const char *NO_EVIDENCE = "the node answered without evidence";
 

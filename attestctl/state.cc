@@ -4,13 +4,13 @@
 
 #include "attestctl/kept_json.h"
 #include "attestctl/text.h"
+#include "attestctl/verify/pcr_set.h"
 
 using nlohmann::json;
 
 namespace {
 
 constexpr kept_kind KIND = {"attestctl_state", "lists"};
-constexpr std::uint32_t PCR_COUNT = 24;
 
 bool read_pcrs(const json &entry, ima_position &position)
 {

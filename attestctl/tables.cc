@@ -1,10 +1,10 @@
 #include "attestctl/tables.h"
 
-#include <algorithm>
 #include <map>
 
 #include "attestctl/certificate_text.h"
 #include "attestctl/text.h"
+#include "attestctl/verify/ima_list.h"
 
 namespace {
 
@@ -123,12 +123,6 @@ void append_ima_head(std::string &out, const api::NodeIMAData &record)
 {
     out += source_of(record) + "\n  event  PCR  marks (D duplicate, V violation, S signed)  template  "
                                "template hash  file digest  file name\n";
-}
-
-bool is_violation(const api::IMA_EVENT &event)
-{
-    const std::string &hash = event.template_hash();
-    return !hash.empty() && std::all_of(hash.begin(), hash.end(), [](char c) { return c == 0; });
 }
 
 void append_ima_event(std::string &out, const api::IMA_EVENT &event)

@@ -26,7 +26,3 @@ std::string digest_algorithm_text(const api::BOOT_EVENT_DIGEST &digest);
 // The IMA list is not rendered whole: a million events are 300 MB of text.
 void append_ima_head(std::string &out, const api::NodeIMAData &record);
 void append_ima_event(std::string &out, const api::IMA_EVENT &event);
-
-// True for an event that the kernel recorded for a file that changed while it was measured: its template hash
-// is zeros only.
-bool is_violation(const api::IMA_EVENT &event);

@@ -9,9 +9,9 @@
 #include "attestctl/formats/boot_log_layout.h"
 #include "attestctl/formats/kernel.h"
 #include "attestctl/json.h"
-#include "attestctl/tables.h"
 #include "attestctl/text.h"
 #include "attestctl/verify/hashes.h"
+#include "attestctl/verify/ima_list.h"
 
 namespace {
 

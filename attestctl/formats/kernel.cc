@@ -1,7 +1,6 @@
 #include "attestctl/formats/kernel.h"
 
 #include "attestctl/formats/boot_log_layout.h"
-#include "attestctl/tables.h"
 #include "attestctl/text.h"
 #include "attestctl/verify/hashes.h"
 #include "attestctl/verify/ima_list.h"

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 
-#include "attestctl/tables.h"
 #include "attestctl/text.h"
+#include "attestctl/verify/ima_list.h"
+
+namespace api = remote_attestation_api;
 
 namespace {
 

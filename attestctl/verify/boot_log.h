@@ -11,8 +11,6 @@
 #include "attestctl/verify/pcr_set.h"
 #include "attestctl/verify/quote.h"
 
-inline constexpr std::uint32_t PCR_COUNT = 24;
-
 // Firmware (0 to 7), boot loader (8, 9) and shim (14) extend these and nobody else does: the log accounts for
 // all that is in them, also where it has no event of one. A running system extends the others too.
 inline constexpr pcr_set PCRS_OF_THE_LOG = 0x43ff;

@@ -20,11 +20,6 @@ constexpr std::size_t TEMPLATE_HASH_SIZE = 20;
 // A node serves whole chunks: it may begin this many events earlier than it was asked to.
 constexpr std::uint64_t CHUNK = 1000;
 
-bool is_violation(const std::string &template_hash)
-{
-    return std::all_of(template_hash.begin(), template_hash.end(), [](char c) { return c == 0; });
-}
-
 // What is extended for one event.
 struct extension {
     sha256_digest native, padded;
@@ -34,7 +29,7 @@ struct extension {
 extension extension_of(ima_list &list, const api::IMA_EVENT &event)
 {
     extension what;
-    if (is_violation(event.template_hash())) {
+    if (is_violation(event)) {
         ++list.violations;
         what.native.fill(0xff);
         what.padded.fill(0xff);
@@ -236,6 +231,12 @@ finding check_replay(const ima_list &list)
 }
 
 } // namespace
+
+bool is_violation(const api::IMA_EVENT &event)
+{
+    const std::string &hash = event.template_hash();
+    return !hash.empty() && std::all_of(hash.begin(), hash.end(), [](char c) { return c == 0; });
+}
 
 void take_ima_message(std::vector<ima_list> &lists, const api::NodeIMAData &message,
                       const api::attest_pcr_response &quotes, const ima_start &start)

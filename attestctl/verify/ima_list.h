@@ -10,6 +10,7 @@
 #include "api/remote_attestation_api.pb.h"
 #include "attestctl/check.h"
 #include "attestctl/verify/hashes.h"
+#include "attestctl/verify/pcr_set.h"
 
 // A place in a list up to which it has been verified: what was quoted of the PCRs that its events were
 // extended into.
@@ -55,7 +56,7 @@ struct ima_list {
     std::uint64_t hashed = 0;                 // template hashes that were recomputed
     std::uint64_t not_rebuilt = 0;            // events of templates whose data is not in the answer
     std::string number_problem, hash_problem; // of the first event that has one; one line
-    std::array<ima_pcr, 24> pcrs;
+    std::array<ima_pcr, PCR_COUNT> pcrs;
     unsigned unequal = 0;        // PCRs that are not as quoted after the events so far
     bool met_quote = false;      // they all were
     std::uint64_t met_after = 0; // the last event after which they were
@@ -75,6 +76,10 @@ ima_position position_of(const ima_list &list);
 
 // Adds the rows "IMA list numbers", "IMA list hashes" and "IMA list replay".
 void check_ima_list(check_list &rows, const ima_list &list);
+
+// True for an event that the kernel recorded for a file that changed while it was measured: its template hash
+// is zeros only.
+bool is_violation(const remote_attestation_api::IMA_EVENT &event);
 
 // The template data of the event, as the kernel hashed it, into `data`. False where it is not all in the
 // event's fields.

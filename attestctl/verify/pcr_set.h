@@ -5,6 +5,9 @@
 #include <cstdint>
 #include <string>
 
+// PCRs of a TPM for PCs and servers.
+inline constexpr std::uint32_t PCR_COUNT = 24;
+
 // As many as a selection of the TPM's can name.
 using pcr_set = std::bitset<32>;
 
