@@ -39,6 +39,11 @@ struct progress {
     std::uint64_t chunks = 2; // that the array grows to next
 };
 
+std::uint64_t last_of(const event_array &chunk, std::uint64_t otherwise)
+{
+    return chunk.count() != 0 ? chunk.items()[chunk.count() - 1].event_num : otherwise;
+}
+
 bool take_first(ima_retrieval &retrieval, event_array chunk, progress &now)
 {
     retrieval.cached_events = chunk.count();
@@ -78,26 +83,28 @@ std::int32_t send(ima_retrieval &retrieval, event_array &chunk)
 
 cache_phase at_send_ima_from_cache(ima_retrieval &retrieval)
 {
-    cache_phase phase = {-1, retrieval.start_event};
+    cache_phase phase{.last_event = retrieval.start_event};
     cache_reader reader;
     if (reader.start(retrieval.start_event) != 1)
         return phase;
     progress now;
-    if (!take_first(retrieval, reader.take(), now))
+    event_array first = reader.take();
+    std::uint64_t last = last_of(first, 0);
+    if (!take_first(retrieval, std::move(first), now))
         return phase;
+    phase.last_served = last;
     while (retrieval.event_count == 0 || retrieval.cached_events < retrieval.event_count) {
         phase.result = reader.next();
         if (phase.result <= 0)
             return phase;
         event_array chunk = reader.take();
-        std::uint64_t last =
-            chunk.count() != 0 ? chunk.items()[chunk.count() - 1].event_num : phase.last_event;
+        last = last_of(chunk, phase.last_served);
         std::int32_t ended = retrieval.stream ? send(retrieval, chunk) : hold(retrieval, chunk, now);
         if (ended != 0) {
             phase.result = ended;
             return phase;
         }
-        phase.last_event = last;
+        phase.last_event = phase.last_served = last;
     }
     phase.result = 1;
     return phase;

@@ -6,8 +6,9 @@
 #include "ima/retrieval_state.h"
 
 struct cache_phase {
-    std::int32_t result = -1;     // 1, stopped by the limit or by the memory; 0, the end of the cache; -1
-    std::uint64_t last_event = 0; // of the chunk that was taken last; the start event when there is none
+    std::int32_t result = -1;      // 1, stopped by the limit or by the memory; 0, the end of the cache; -1
+    std::uint64_t last_event = 0;  // of the chunk that was taken last; the start event when there is none
+    std::uint64_t last_served = 0; // of all chunks, also of the first one
 };
 
 // Takes the chunks from the one that holds the start event on: into the retrieval's events, or sends them.

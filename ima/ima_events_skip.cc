@@ -40,12 +40,13 @@ bool ima_events_seek(ima_log &log, std::uint64_t offset, std::uint64_t event)
     return ima_log_seek(log, offset);
 }
 
-bool ima_events_skip(ima_log &log, std::uint64_t count)
+bool ima_events_skip(ima_log &log, std::uint64_t &count)
 {
     for (std::uint64_t i = 0; i < count; ++i) {
         ima_record_head head;
         switch (read_record_head(log, head)) {
         case ima_record_outcome::end_of_log:
+            count = i;
             return true;
         case ima_record_outcome::failed:
             return false;

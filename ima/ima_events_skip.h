@@ -9,6 +9,6 @@
 // there.
 bool ima_events_seek(ima_log &log, std::uint64_t offset, std::uint64_t event);
 
-// Skips `count` records from the log's position. A list with fewer records is no failure: there is nothing to
-// read behind it. False when a record cannot be skipped.
-bool ima_events_skip(ima_log &log, std::uint64_t count);
+// Skips `count` records from the log's position. A list with fewer records is no failure: `count` is then how
+// many it has. False when a record cannot be skipped.
+bool ima_events_skip(ima_log &log, std::uint64_t &count);

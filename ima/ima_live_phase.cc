@@ -37,7 +37,7 @@ bool go_to_start(const ima_retrieval &retrieval, const live_start &start, live_s
 {
     live.precedes = start.offset != 0 ? start.precedes : retrieval.start_event;
     if (start.offset != 0 ? ima_events_seek(live.log, start.offset, start.precedes)
-                          : ima_events_skip(live.log, retrieval.start_event))
+                          : ima_events_skip(live.log, live.precedes))
         return true;
     attest_trace_as(OPERATION, "No events to report based on start event filter %lu", live.precedes);
     return false;

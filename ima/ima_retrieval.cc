@@ -85,7 +85,14 @@ bool serve_from_cache(ima_retrieval &retrieval, live_start &start)
         attest_trace_as(OPERATION, "Got all the results from the cache %lu", retrieval.cached_events);
         return false;
     }
-    return continue_at_tail(retrieval, start);
+    if (!continue_at_tail(retrieval, start))
+        return false;
+    // A block that could not be opened ends the reading as the end of the cache does.
+    if (phase.result == 0 && phase.last_served < start.precedes) {
+        start = {};
+        return continue_at_block(retrieval, phase.last_served + 1, start);
+    }
+    return true;
 }
 
 std::uint32_t finish(ima_retrieval &retrieval)

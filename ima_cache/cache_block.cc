@@ -39,13 +39,6 @@ bool set_flags(int fd, int flags)
     return uninterrupted([&] { return ioctl(fd, FS_IOC_SETFLAGS, &flags); }) == 0;
 }
 
-void make_immutable(int fd)
-{
-    int flags = 0;
-    if (get_flags(fd, flags) && !set_flags(fd, flags | FS_IMMUTABLE_FL))
-        attest_trace_as("block_end", "Cannot set the flags to make the block immutable");
-}
-
 bool is_length_of_file(const char *path, std::uint32_t used_len)
 {
     struct stat file {};
@@ -53,6 +46,13 @@ bool is_length_of_file(const char *path, std::uint32_t used_len)
 }
 
 } // namespace
+
+void make_immutable(int fd)
+{
+    int flags = 0;
+    if (get_flags(fd, flags) && (flags & FS_IMMUTABLE_FL) == 0 && !set_flags(fd, flags | FS_IMMUTABLE_FL))
+        attest_trace_as("block_end", "Cannot set the flags to make the block immutable");
+}
 
 bool seal_block(std::uint8_t index, int fd, cache_block_hdr *header)
 {

@@ -19,6 +19,9 @@ std::int32_t update_block_hash(int fd, cache_block_hdr *header, std::uint8_t ind
 // Writes the header, then its hash: a block whose header alone was written does not verify.
 std::int32_t update_cache_block_hdr(int fd, cache_block_hdr *header, std::uint8_t index);
 
+// A sealed block is not to be deleted by mistake. Where the file system has no such flag, it stays as it is.
+void make_immutable(int fd);
+
 // Seals a full block; the next one becomes the current block, except behind the last.
 void block_end(std::uint8_t index, int fd, cache_block_hdr *header);
 // The same; false when the block or the metadata could not be written, and then the metadata are behind.

@@ -1,11 +1,13 @@
-// Where the cache ends, and where in the kernel's list its blocks begin.
+// Where the cache ends, and where in the kernel's list its blocks begin. Metadata that cannot follow the
+// blocks now name true places of the kernel's list all the same.
 #include "ima_cache/cache_context.h"
 #include "ima_cache/ima_cache.h"
 
 std::int32_t at_ima_cache_get_last_offset(std::uint64_t *tail_offset, std::uint64_t *last_event)
 {
-    if (tail_offset == nullptr || last_event == nullptr || !metadata_follow_blocks())
+    if (tail_offset == nullptr || last_event == nullptr)
         return -1;
+    (void)metadata_follow_blocks();
     metadata_lock lock = metadata_lock::read();
     if (!lock)
         return -1;
@@ -17,8 +19,9 @@ std::int32_t at_ima_cache_get_last_offset(std::uint64_t *tail_offset, std::uint6
 std::int32_t at_ima_cache_find_file_offset(std::uint64_t event, std::uint64_t *event_out,
                                            std::uint64_t *offset_out)
 {
-    if (event_out == nullptr || offset_out == nullptr || !metadata_follow_blocks())
+    if (event_out == nullptr || offset_out == nullptr)
         return -1;
+    (void)metadata_follow_blocks();
     metadata_lock lock = metadata_lock::read();
     if (!lock)
         return -1;

@@ -43,10 +43,10 @@ void forget_cache()
 
 bool open_object(start_state &start)
 {
-    start.object.reset(shm_open(IMA_CACHE_META_NAME, O_RDWR, OBJECT_MODE));
+    start.object = open_own_object(IMA_CACHE_META_NAME, 0, OBJECT_MODE);
     if (!start.object) {
         attest_trace_as(LOAD, "shm_open failed, perhaps it does not exist \n");
-        start.object.reset(shm_open(IMA_CACHE_META_NAME, O_RDWR | O_CREAT, OBJECT_MODE));
+        start.object = open_own_object(IMA_CACHE_META_NAME, O_CREAT, OBJECT_MODE);
         if (!start.object) {
             attest_trace_as(LOAD, "shm_open create failed \n");
             return false;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +14,20 @@ unique_fd open_file(const char *path, int flags, mode_t mode)
     if (file.get() == 0)
         file.reset(fcntl(0, F_DUPFD_CLOEXEC, 1));
     return file;
+}
+
+unique_fd open_own_object(const char *name, int more_flags, mode_t mode)
+{
+    unique_fd object(shm_open(name, O_RDWR | more_flags, mode));
+    struct stat state {};
+    bool foreign =
+        object ? fstat(object.get(), &state) != 0 || !S_ISREG(state.st_mode) || state.st_uid != geteuid()
+               : errno == EACCES;
+    if (foreign) {
+        object.reset();
+        shm_unlink(name);
+    }
+    return object;
 }
 
 int read_at(int fd, std::span<std::byte> bytes, off_t offset)

@@ -43,7 +43,7 @@ bool write_first_header(int fd)
 // The block gets its name last: a process that dies before leaves no block, not one that is half made.
 unique_fd make_block(std::uint8_t index, const cache_path &unfinished, const cache_path &path, int flags)
 {
-    unique_fd file = open_file(unfinished.text, flags | O_CREAT | O_TRUNC, BLOCK_MODE);
+    unique_fd file = open_file(unfinished.text, flags | O_CREAT | O_TRUNC | O_NOFOLLOW, BLOCK_MODE);
     if (!file)
         return file;
     scope_exit discard([&] {

@@ -71,6 +71,8 @@ void check_expected(ima_cache_meta &meta, unsigned index, const cache_path &path
     }
     if (validate_block(static_cast<std::uint8_t>(index), path.text, &header) == 1) {
         take_valid(meta, index, header, sum);
+        if (header.end_time != 0) // a death may have come before the flag
+            make_immutable(file.get());
         return;
     }
     file.reset();

@@ -25,10 +25,10 @@ constexpr std::uint64_t SHARE_OF_FREE_SPACE = 4;
 
 unique_fd open_object(const char *name)
 {
-    unique_fd file(shm_open(name, O_RDWR, OBJECT_MODE));
+    unique_fd file = open_own_object(name, 0, OBJECT_MODE);
     if (!file) {
         attest_trace_as(CREATE, "shm_open failed \n");
-        file.reset(shm_open(name, O_RDWR | O_CREAT, OBJECT_MODE));
+        file = open_own_object(name, O_CREAT, OBJECT_MODE);
         if (!file)
             attest_trace_as(CREATE, "shm_open create failed \n");
     }

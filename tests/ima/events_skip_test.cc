@@ -37,25 +37,28 @@ TEST(EventsSkip, GoesBehindRecordsAndNoFurtherThanTheList)
         std::string list;
         std::uint64_t count;
         bool skipped;
+        std::uint64_t had;    // of the records
         std::size_t position; // behind what was skipped
     } cases[] = {
-        {"every kind", GOOD + OLD + NAMELESS + GOOD, 3, true, (GOOD + OLD + NAMELESS).size()},
-        {"nothing", GOOD, 0, true, 0},
-        {"more than there are", GOOD + OLD, 7, true, (GOOD + OLD).size()},
-        {"a head that is cut, as at the end", GOOD + GOOD.substr(0, 20), 2, true, GOOD.size() + 20},
-        {"a name that is cut", GOOD + GOOD.substr(0, 30), 2, false, 0},
-        {"a name that is too long", ima_record(10, std::string(300, 'n'), "data"), 1, false, 0},
-        {"a length that is cut", GOOD.substr(0, 4 + 20 + 4 + 6 + 3), 1, false, 0},
-        {"a length of 31 bits", with_data_length(0x7fffffff), 1, true,
+        {"every kind", GOOD + OLD + NAMELESS + GOOD, 3, true, 3, (GOOD + OLD + NAMELESS).size()},
+        {"nothing", GOOD, 0, true, 0, 0},
+        {"more than there are", GOOD + OLD, 7, true, 2, (GOOD + OLD).size()},
+        {"a head that is cut, as at the end", GOOD + GOOD.substr(0, 20), 2, true, 1, GOOD.size() + 20},
+        {"a name that is cut", GOOD + GOOD.substr(0, 30), 2, false, 0, 0},
+        {"a name that is too long", ima_record(10, std::string(300, 'n'), "data"), 1, false, 0, 0},
+        {"a length that is cut", GOOD.substr(0, 4 + 20 + 4 + 6 + 3), 1, false, 0, 0},
+        {"a length of 31 bits", with_data_length(0x7fffffff), 1, true, 1,
          with_data_length(0).size() + 0x7fffffff},
-        {"a length that would lead back", with_data_length(0x80000000), 1, false, 0},
-        {"the longest length", with_data_length(0xffffffff), 1, false, 0},
+        {"a length that would lead back", with_data_length(0x80000000), 1, false, 0, 0},
+        {"the longest length", with_data_length(0xffffffff), 1, false, 0, 0},
     };
     for (const auto &one : cases) {
         const list_file file(one.list);
         ima_log log = open_list(file.path());
-        EXPECT_EQ(ima_events_skip(log, one.count), one.skipped) << one.what;
+        std::uint64_t count = one.count;
+        EXPECT_EQ(ima_events_skip(log, count), one.skipped) << one.what;
         if (one.skipped) {
+            EXPECT_EQ(count, one.had) << one.what;
             EXPECT_EQ(ima_log_position(log), one.position) << one.what;
         }
     }
@@ -92,7 +95,9 @@ TEST(EventsSkip, GoesNowhereInWhatCanOnlyBeRead)
     }
     ima_log log = open_list("/proc/self/fd/" + std::to_string(from.get()));
     EXPECT_FALSE(ima_events_seek(log, 1'000'000, 1));
-    EXPECT_FALSE(ima_events_skip(log, 2));
+    std::uint64_t count = 2;
+    EXPECT_FALSE(ima_events_skip(log, count));
+    EXPECT_EQ(count, 2);
 }
 
 } // namespace

@@ -228,6 +228,15 @@ TEST_F(retrieval_test, ACacheThatWasCutBackRemovedOrDamagedChangesNoEvent)
              block[100] ^= 1;
              write_block(2, block);
          }},
+        {"a block cut to nothing",
+         [] {
+             write_block(1, {1, 2, 3});
+         }},
+        {"metadata behind a block that cannot be read",
+         [] {
+             write_block(1, {1, 2, 3});
+             ima_cache_ctx.metadata_behind = true;
+         }},
         {"the directory removed",
          [] {
              for (unsigned block : {0u, 1u, 2u})

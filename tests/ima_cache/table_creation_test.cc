@@ -144,6 +144,21 @@ INSTANTIATE_TEST_SUITE_P(
                            }}),
     [](const auto &parameter) { return std::string(parameter.param.what); });
 
+TEST(Creation, TakesNoObjectOfAnotherUsers)
+{
+    table_of_test table;
+    table.insert("key", 1);
+    if (chown(table.path.c_str(), 1, static_cast<gid_t>(-1)) != 0)
+        GTEST_SKIP() << "no other users here";
+    auto later = table.open_again();
+    ASSERT_TRUE(later);
+    EXPECT_EQ(search_key(later.get(), "key"), -1);
+    struct stat object {};
+    ASSERT_EQ(stat(table.path.c_str(), &object), 0);
+    EXPECT_EQ(object.st_uid, geteuid());
+    EXPECT_EQ(table.search("key"), 1) << "what is mapped stays whole";
+}
+
 void expect_space_rule(std::size_t size)
 {
     int fd = shm_open("ima", O_RDWR | O_CREAT, 0600);
