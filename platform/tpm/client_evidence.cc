@@ -86,6 +86,8 @@ kov_status make_quote(kovc_session &session, const quote_request &request, signe
     const esys_ptr<TPMT_SIGNATURE> owned(signature);
     if (code != TSS2_RC_SUCCESS)
         return tpm_connection_result(connection, code);
+    if (owned->sigAlg != TPM2_ALG_RSASSA)
+        return KOV_ERR_BAD_RESPONSE;
     if (!quotes_selection(*made.quote, selection.pcrSelections[0]))
         return KOV_ERR_PCR_BANK;
     return tpm_connection_result(

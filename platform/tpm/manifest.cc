@@ -8,6 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "platform/tpm/client_status.h"
 #include "platform/tpm/small_files.h"
 
 namespace {
@@ -156,8 +157,12 @@ kov_status manifest_load(const std::string &path, manifest &loaded)
     loaded = {};
     std::vector<std::uint8_t> content;
     const int error = small_file_read(path, manifest_max_bytes, content);
+    if (error == ENOENT || error == ENOTDIR)
+        return KOV_ERR_NOT_PROVISIONED;
+    if (error == EFBIG || error == EINVAL) // too large, or no file
+        return KOV_ERR_MANIFEST;
     if (error != 0)
-        return error == ENOENT || error == ENOTDIR ? KOV_ERR_NOT_PROVISIONED : KOV_ERR_MANIFEST;
+        return kov_status_from_errno(error);
     manifest read;
     if (!read_manifest(json::parse(content, nullptr, false), read))
         return KOV_ERR_MANIFEST;

@@ -52,7 +52,8 @@ struct manifest {
 std::string manifest_path();
 
 // Reads a manifest. KOV_ERR_NOT_PROVISIONED when there is no file, KOV_ERR_MANIFEST when anything in it is
-// not as it must be; `loaded` is then empty. May throw for want of memory.
+// not as it must be, an errno's status when it cannot be read now; `loaded` is then empty. May throw for want
+// of memory.
 kov_status manifest_load(const std::string &path, manifest &loaded);
 
 std::string manifest_text(const manifest &written);

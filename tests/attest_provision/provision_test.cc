@@ -104,6 +104,25 @@ TEST_F(provision_test, AProvisionedNodeIsReplacedOnlyByForce)
     EXPECT_EQ(folders_in(tpm), 1u) << "the old certificates stay behind";
 }
 
+// A damaged manifest may come back from a backup: until another one is in force, nothing that it may name
+// goes.
+TEST_F(provision_test, ADamagedManifestIsReplacedWithoutLossOfWhatItNamed)
+{
+    const software_tpm tpm(provisioned_tpm());
+    const std::string whole = file_text(tpm.manifest());
+    write_file(tpm.manifest(), whole.substr(0, whole.size() / 2));
+    fs::create_directory(tpm.manifest() + ".new"); // in the way of the new one
+    EXPECT_NE(run(tpm, "--force").status, 0);
+    fs::remove(tpm.manifest() + ".new");
+    write_file(tpm.manifest(), whole);
+    const program_result checked = run(tpm, "--check");
+    EXPECT_EQ(checked.status, 0) << checked.output;
+    write_file(tpm.manifest(), whole.substr(0, whole.size() / 2));
+    EXPECT_EQ(run(tpm, "--force").status, 0);
+    EXPECT_EQ(run(tpm, "--check").status, 0);
+    EXPECT_THAT(keys_in(tpm), SizeIs(2));
+}
+
 TEST_F(provision_test, AGivenCaIssuesChainsThatOpensslAccepts)
 {
     make_ca();

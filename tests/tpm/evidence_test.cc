@@ -206,6 +206,10 @@ TEST_F(evidence_test, AnswersToAnotherQuestionAreNotPassedOn)
         {"another bank", [&](std::uint8_t *parameters) { selection(parameters)[5] = TPM2_ALG_SHA1; }},
         {"no bank", [&](std::uint8_t *parameters) { selection(parameters)[3] = 0; }},
         {"another PCR", [&](std::uint8_t *parameters) { selection(parameters)[7] = 0x40; }},
+        {"another scheme",
+         [](std::uint8_t *parameters) {
+             parameters[2 + (parameters[0] << 8 | parameters[1]) + 1] = TPM2_ALG_RSAPSS & 0xff;
+         }},
         {"fewer PCRs", [&](std::uint8_t *parameters) { selection(parameters)[7] = 0; }},
     };
     for (const auto &one : quotes) {

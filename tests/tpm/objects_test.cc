@@ -1,5 +1,7 @@
 // Named objects, and the board's identifiers with their binding to PCR 15.
 #include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include "platform/tpm/manifest.h"
 #include "platform/tpm/reference_list.h"
@@ -110,6 +112,18 @@ TEST_F(objects_test, AManifestChangedOrDamagedIsSeenAtTheNextLogin)
     EXPECT_EQ(session.pcr(2, 0).status, KOV_SUCCESS);
     write_file(tpm_.manifest(), whole);
     EXPECT_EQ(login().sign("RSA_VOXAKEY", {1}).status, KOV_SUCCESS);
+    write_file(tpm_.manifest(), whole + "\n");
+    {
+        const unique_fd lowest(dup(0)); // none is free below this one
+        rlimit former{};
+        ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &former), 0);
+        const rlimit none{static_cast<rlim_t>(lowest.get()), former.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+        const scope_exit restore([&former] { setrlimit(RLIMIT_NOFILE, &former); });
+        EXPECT_EQ(login().sign("RSA_VOXAKEY", {1}).status, KOV_ERR_ERRNO | EMFILE);
+    }
+    EXPECT_EQ(login().sign("RSA_VOXAKEY", {1}).status, KOV_SUCCESS)
+        << "read again, though it is the same file";
 }
 
 // What a verifier does: PCR 15 from the type 0 digests of the answer.

@@ -25,6 +25,7 @@ struct run {
     const provision_options &options;
     node_directory directory;
     manifest old; // of an earlier provisioning, or empty
+    kov_status old_status = KOV_ERR_NOT_PROVISIONED;
     authority ca;
     std::unique_ptr<tpm_connection> tpm;
     inventory held;
@@ -68,16 +69,24 @@ bool clear_unreferenced(run &now, const manifest &in_force)
     return !changed || inventory_write(now.directory, now.held);
 }
 
+// Whether a manifest tells which keys are in force. What one has that cannot be read stays until a new one is
+// there: it may come back from a backup.
+bool is_known(kov_status loaded)
+{
+    return loaded == KOV_SUCCESS || loaded == KOV_ERR_NOT_PROVISIONED;
+}
+
 // False, and *status set, when the node is provisioned already and that is to stay.
 bool may_provision(run &now, int *status)
 {
-    const kov_status loaded = manifest_load(now.directory.manifest_path, now.old);
+    now.old_status = manifest_load(now.directory.manifest_path, now.old);
     *status = EXIT_REFUSED;
-    if (loaded == KOV_ERR_NOT_PROVISIONED || now.options.force)
+    if (now.old_status == KOV_ERR_NOT_PROVISIONED || now.options.force)
         return true;
-    return complain(now.directory.manifest_path +
-                    (loaded == KOV_SUCCESS ? ": this node is provisioned" : ": damaged") +
-                    " (--force replaces keys and certificates)");
+    return complain(
+        now.directory.manifest_path +
+        (now.old_status == KOV_SUCCESS ? ": this node is provisioned" : ": damaged or unreadable") +
+        " (--force replaces keys and certificates)");
 }
 
 bool name_folder(run &now)
@@ -216,7 +225,7 @@ bool prepare(run &now, int *status)
     if (!have_ca || !tpm_connect(now.tpm))
         return false;
     now.held = inventory_read(now.directory);
-    return clear_unreferenced(now, now.old) && name_folder(now);
+    return (!is_known(now.old_status) || clear_unreferenced(now, now.old)) && name_folder(now);
 }
 
 } // namespace
@@ -229,8 +238,8 @@ int provision(const provision_options &options)
         return status;
     if (!make_material(now) || !commit(now)) {
         manifest in_force; // the disk says which it is: a failure may come after the rename
-        manifest_load(now.directory.manifest_path, in_force);
-        clear_unreferenced(now, in_force);
+        if (is_known(manifest_load(now.directory.manifest_path, in_force)))
+            clear_unreferenced(now, in_force);
         return EXIT_FAILED;
     }
     tell(now);
