@@ -32,6 +32,8 @@ constexpr std::uint64_t CONNECTION_MS = 5'000;
 // A request line with the few header fields of a collector.
 constexpr std::size_t LARGEST_REQUEST = 8192;
 constexpr int BACKLOG = 16;
+// Accepting rests this long when there are no descriptors or no memory: the listening socket stays readable.
+constexpr std::uint64_t REST_MS = 100;
 
 struct connection {
     unique_fd socket;
@@ -50,7 +52,7 @@ struct metrics_server {
     levm *manager = nullptr;
     std::string path; // of the UNIX socket, to be removed
     unique_fd listener;
-    levm_watch_ptr accepts;
+    levm_watch_ptr accepts, rest;
     std::list<connection> connections;
 };
 metrics_server server;
@@ -164,9 +166,36 @@ void on_readable(void *context, std::uint32_t)
     }
 }
 
+void accept_one();
+
+void on_listener(void *, std::uint32_t)
+{
+    try {
+        accept_one();
+    } catch (const std::bad_alloc &) {
+        return; // it is closed
+    }
+}
+
+void watch_listener()
+{
+    server.accepts.reset(levm_watch_fd(server.manager, server.listener.get(), EPOLLIN, on_listener, nullptr));
+}
+
+void rest_is_over(void *)
+{
+    if (server.listener && server.accepts == nullptr)
+        watch_listener();
+    if (server.listener && server.accepts == nullptr) // no memory for it yet
+        levm_watch_timer_rearm(server.rest.get(), REST_MS);
+}
+
 void accept_one()
 {
     unique_fd accepted(accept4(server.listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!accepted && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) &&
+        levm_watch_timer_rearm(server.rest.get(), REST_MS) == 0)
+        server.accepts.reset();
     if (!accepted || server.connections.size() >= MOST_CONNECTIONS)
         return;
     connection &one = server.connections.emplace_back();
@@ -177,15 +206,6 @@ void accept_one()
         &one));
     if (one.ready == nullptr || one.limit == nullptr)
         forget(one);
-}
-
-void on_listener(void *, std::uint32_t)
-{
-    try {
-        accept_one();
-    } catch (const std::bad_alloc &) {
-        return; // it is closed
-    }
 }
 
 // What an agent left that was killed. Only a socket is removed: a path that was mistyped may be anything.
@@ -207,11 +227,16 @@ int listen_at(const address &where)
         remove_socket(server.path);
     if (bind(listener.get(), generic, where.length) != 0 || listen(listener.get(), BACKLOG) != 0)
         return errno;
-    server.accepts.reset(levm_watch_fd(server.manager, listener.get(), EPOLLIN, on_listener, nullptr));
-    if (server.accepts == nullptr)
-        return ENOMEM;
     server.listener = std::move(listener);
-    return 0;
+    watch_listener();
+    // Made now: a timer may take a descriptor, and is needed when there is none left.
+    server.rest.reset(levm_watch_timer(server.manager, REST_MS, rest_is_over, nullptr));
+    if (server.accepts != nullptr && server.rest != nullptr)
+        return 0;
+    server.rest.reset();
+    server.accepts.reset();
+    server.listener.reset();
+    return ENOMEM;
 }
 
 } // namespace
@@ -254,6 +279,7 @@ std::uint32_t metrics_start(levm *manager)
 void metrics_stop()
 {
     server.connections.clear();
+    server.rest.reset();
     server.accepts.reset();
     server.listener.reset();
     if (!server.path.empty())

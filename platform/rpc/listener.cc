@@ -25,8 +25,11 @@ void watch_listener(remote_attestation_api_server &server);
 void accepting_resumes(void *context)
 {
     auto &server = *static_cast<remote_attestation_api_server *>(context);
-    if (server.listener && server.accept_watch == nullptr)
-        watch_listener(server);
+    if (!server.listener || server.accept_watch != nullptr)
+        return;
+    watch_listener(server);
+    if (server.accept_watch == nullptr) // no memory for it yet
+        levm_watch_timer_rearm(server.accept_pause.get(), server.limits.accept_pause_ms);
 }
 
 // The listening socket stays readable while accept fails: rest, instead of turning in circles.

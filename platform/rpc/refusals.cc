@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <new>
 #include <string_view>
 #include <syslog.h>
 #include <utility>
@@ -92,17 +93,21 @@ bool rpc_handshake_failed(const char *line)
     const std::string_view text = line;
     if (text.find("andshake failed") == std::string_view::npos)
         return false;
-    const std::lock_guard guard(reasons_lock);
-    if (reasons.size() == MOST_REASONS)
-        reasons.pop_front();
-    reasons.push_back({rpc_now_ms(), reason_of(text)});
+    try {
+        const std::lock_guard guard(reasons_lock);
+        if (reasons.size() == MOST_REASONS)
+            reasons.pop_front();
+        reasons.push_back({rpc_now_ms(), reason_of(text)});
+    } catch (const std::bad_alloc &) {
+        return true; // it was one, and nobody is told why
+    }
     return true;
 }
 
 std::string rpc_handshake_reason()
 {
-    const std::uint64_t now = rpc_now_ms();
     const std::lock_guard guard(reasons_lock);
+    const std::uint64_t now = rpc_now_ms(); // under the lock: no reason may be younger
     while (!reasons.empty()) {
         const handshake_reason oldest = std::move(reasons.front());
         reasons.pop_front();

@@ -24,6 +24,15 @@ bool encode(const message_descriptor &descriptor, const void *message, rpc_messa
     return length == static_cast<std::int64_t>(encoded->size);
 }
 
+// Whether the answer is a large one of those that were not held back while the queues are full, because they
+// are small where nobody lies: a management controller's may have any size.
+bool is_too_much(const remote_attestation_api_server &server, const rpc_method &method, std::uint64_t size)
+{
+    return method.kind == rpc_method_kind::answer && !method.whole_log &&
+           size >= server.limits.large_message_bytes &&
+           rpc_connections_queued(server) > server.limits.all_queues_bytes;
+}
+
 std::int32_t send_message(remote_attestation_api_client client, const message_descriptor &descriptor,
                           const void *message, bool last, std::uint32_t request_id)
 {
@@ -34,6 +43,10 @@ std::int32_t send_message(remote_attestation_api_client client, const message_de
     const std::int64_t size = message != nullptr ? message_encoded_size(descriptor, message) : -1;
     if (size < 0) {
         rpc_call_end(*call, rpc_code::resource_exhausted, TOO_LARGE);
+        return REMOTE_ATTESTATION_API_NOT_SENT;
+    }
+    if (is_too_much(*connection->server, *call->method, static_cast<std::uint64_t>(size))) {
+        rpc_call_end(*call, rpc_code::resource_exhausted, "too much waits for other clients; ask again");
         return REMOTE_ATTESTATION_API_NOT_SENT;
     }
     rpc_message encoded{nullptr, static_cast<std::size_t>(size), 0};

@@ -5,6 +5,7 @@
 
 #include "api/remote_attestation_api.grpc.pb.h"
 #include "platform/owners.h"
+#include "platform/rpc/server.h"
 #include "platform/status.h"
 #include "tests/rpc/server_harness.h"
 
@@ -272,8 +273,26 @@ TEST_F(Flow, RequestsForWholeLogsWaitWhileAllQueuesTogetherAreFull)
     grpc::ClientContext context;
     api::get_platform_hw_integrity_response response;
     EXPECT_TRUE(stub->GetPlatformHwIntegrity(&context, {}, &response).ok());
+    EXPECT_EQ(node.count("boot_log"), 0u) << "the request waits";
+    node.on_hw = [](auto who, const auto &, auto id) {
+        std::vector<std::uint8_t> quote(2 * MIB);
+        tpm_hw_integrity record{};
+        record.present = tpm_hw_integrity::has_quote;
+        record.quote = {quote.data(), static_cast<std::uint32_t>(quote.size())};
+        get_platform_hw_integrity_response large{};
+        large.present = get_platform_hw_integrity_response::has_node_data;
+        large.node_data = {&record, 1};
+        remote_attestation_api_get_platform_hw_integrity_Resp(who, &large, 1, 0, id);
+    };
+    grpc::ClientContext larger;
+    EXPECT_EQ(stub->GetPlatformHwIntegrity(&larger, {}, &response).error_code(),
+              grpc::StatusCode::RESOURCE_EXHAUSTED);
     stream->context.TryCancel();
     EXPECT_EQ(answer.get(), grpc::StatusCode::OK);
+    grpc::ClientContext again;
+    EXPECT_TRUE(
+        node.wait([&] { return node.on_loop([&] { return rpc_connections_queued(*node.server); }) == 0; }));
+    EXPECT_TRUE(stub->GetPlatformHwIntegrity(&again, {}, &response).ok());
 }
 
 TEST_F(Flow, ACancelledCallDoesNotDropAnotherOnesPause)
@@ -315,7 +334,10 @@ TEST_F(Flow, DeactivationDoesNotWaitForAStalledClient)
 {
     serve();
     auto stream = open_refused_stream();
+    const auto before = std::chrono::steady_clock::now();
     node.deactivate();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(60))
+        << "the client's limit is 90 s";
     EXPECT_EQ(node.order(), "connect stream refused error disconnect");
     EXPECT_EQ(send_late(), REMOTE_ATTESTATION_API_NO_CLIENT);
     api::NodeIMAData message;
