@@ -9,6 +9,9 @@
 
 namespace {
 
+constexpr const char *SAVED_NOTE =
+    "Saved evidence: when it was asked for, and with which nonces, is what the directory says.\n";
+
 // Asks the node, and saves what it says where the user wants that. False, after a complaint, when there is
 // nothing to judge; `complete` when all questions were answered and all was saved.
 bool ask_for_evidence(const settings &chosen, client &c, page_file &page, evidence &got, bool &complete)
@@ -24,7 +27,7 @@ bool ask_for_evidence(const settings &chosen, client &c, page_file &page, eviden
     }
     const message_taker take = [&](const api::NodeIMAData &message) {
         take_ima_message(got.ima_lists, message, got.pcrs, got.start);
-        take_for_page(page, message);
+        take_for_page(page, message, got.start);
         if (directory)
             save_ima_message(*directory, message);
         return true;
@@ -48,7 +51,7 @@ bool read_evidence(const settings &chosen, page_file &page, evidence &got)
     std::string error;
     const auto take = [&](const api::NodeIMAData &message) {
         take_ima_message(got.ima_lists, message, got.pcrs, got.start);
-        take_for_page(page, message);
+        take_for_page(page, message, got.start);
     };
     if (load_evidence(chosen.from_directory, take, got, error))
         return true;
@@ -105,8 +108,11 @@ int run_attest(const settings &chosen, client &c)
     std::string out;
     if (chosen.json)
         append_json_report(out, chosen, got, checks, roots.node.vouched_for());
-    else
+    else {
+        if (!chosen.from_directory.empty())
+            out += SAVED_NOTE;
         append_report(out, got, checks, roots.node.vouched_for());
+    }
     write_data(out);
     if (!write_page(chosen, page, got, checks, roots.node, error)) {
         complain(error);

@@ -13,7 +13,8 @@ struct checks_row {
 constexpr auto CHECKS = std::to_array<checks_row>({
     {CERTIFICATES, R"(of the certificates of "identity" and "attestation key":
   certificates     root, CA and the certificate that was asked for, each in DER and nothing after it;
-                   the two are of different keys, each in its place
+                   the two are of different keys, which no other source has; the attestation key's
+                   alone is for attestation (extended key usage 2.23.133.8.3)
   chain            the path from the certificate over the CA to the root: signatures, dates, CA
                    flags, key usage, keys and digests of at least 112 bits of strength
   root             with --root: is one of the file's. Without it nothing but the answer vouches for

@@ -12,6 +12,8 @@
 
 namespace {
 
+// A node and its management controller are two; more are counted, and refused by the checks.
+constexpr std::size_t MOST_TOLD = 16;
 constexpr const char *NO_NONCE = "no random bytes for a nonce";
 constexpr const char *NO_EVIDENCE = "the node answered without evidence";
 
@@ -48,9 +50,13 @@ template <typename Answer>
 arrival row_of(const char *kind, const Answer &answer)
 {
     std::string text;
-    for (const auto &record : answer.node_data())
-        text += (text.empty() ? "" : "; ") + printable(record.node_name(), 64) + ": " + content(record);
     const std::size_t sources = length_of(answer.node_data());
+    for (std::size_t i = 0; i < std::min(sources, MOST_TOLD); ++i) {
+        const auto &record = answer.node_data(static_cast<int>(i));
+        text += (text.empty() ? "" : "; ") + printable(record.node_name(), 64) + ": " + content(record);
+    }
+    if (sources > MOST_TOLD)
+        text += "; and " + grouped(sources - MOST_TOLD) + " more";
     return {kind, sources > 0, sources, sources > 0 ? text : NO_EVIDENCE};
 }
 
@@ -211,7 +217,7 @@ void note_message(ima_arrival &state, const api::NodeIMAData &message)
 {
     state.events += length_of(message.events());
     state.cut_short = !message.has_node_name();
-    if (message.has_node_name() &&
+    if (message.has_node_name() && state.nodes.size() <= MOST_TOLD &&
         std::find(state.nodes.begin(), state.nodes.end(), message.node_name()) == state.nodes.end())
         state.nodes.push_back(message.node_name());
 }

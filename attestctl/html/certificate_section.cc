@@ -21,7 +21,8 @@ void append_certificate(html &out, const api::CERTIFICATE_ENTRY &entry)
 }
 
 void append_chain(html &out, markup title, const page_input &input, const page_source &from,
-                  std::string_view check_name, const api::SystemCertificates *record)
+                  std::string_view check_name, std::string_view signature_check,
+                  const api::SystemCertificates *record)
 {
     out << "<div class=chain><h4>" << title << " ";
     const check *chain = find_check(input, from, check_name);
@@ -42,11 +43,13 @@ void append_chain(html &out, markup title, const page_input &input, const page_s
         out << "<p class=note>" << static_cast<std::uint64_t>(record->certs_size() - MOST_LISTED)
             << " more came and are not shown.</p>";
     if (record->has_signature())
-        out << "<p class=note>Signed over nonce " << hex_preview(record->nonce())
-            << " and the certificates.</p>";
+        out << "<p class=note>Signature over nonce " << hex_preview(record->nonce())
+            << " and the certificates ";
     else
-        out << "<p class=note>Without a signature.</p>";
-    out << "</div>";
+        out << "<p class=note>Without a signature ";
+    if (const check *signature = find_check(input, from, signature_check))
+        append_outcome(out, signature->outcome);
+    out << "</p></div>";
 }
 
 } // namespace
@@ -60,9 +63,10 @@ void append_certificates(html &out, const page_input &input, const std::vector<p
     for (const page_source &from : sources) {
         open_source(out, from, from.records.identity != nullptr || from.records.attestation_key != nullptr);
         out << "<div class=chains>";
-        append_chain(out, "Device identity", input, from, "identity chain", from.records.identity);
+        append_chain(out, "Device identity", input, from, "identity chain", "identity signature",
+                     from.records.identity);
         append_chain(out, "Attestation key", input, from, "attestation key chain",
-                     from.records.attestation_key);
+                     "attestation key signature", from.records.attestation_key);
         out << "</div>";
         close_source(out);
     }

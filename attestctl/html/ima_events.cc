@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "attestctl/text.h"
-#include "attestctl/verify/ima_list.h"
 
 namespace api = remote_attestation_api;
 
@@ -137,7 +136,8 @@ void add_to_growth(ima_growth &growth, const ima_counts &event)
     add_counts(growth.steps.back(), event);
 }
 
-void take_ima_rows(std::vector<shown_ima_list> &lists, const api::NodeIMAData &message)
+void take_ima_rows(std::vector<shown_ima_list> &lists, const api::NodeIMAData &message,
+                   const ima_start &start)
 {
     if (!message.has_node_name())
         return; // the end of a stream that broke off
@@ -150,6 +150,9 @@ void take_ima_rows(std::vector<shown_ima_list> &lists, const api::NodeIMAData &m
     }
     if (!message.events().empty() && message.events(0).event_num() == 1 && list->counts.events != 0)
         *list = shown_ima_list{message.node_name()};
+    const auto position = start.positions.find(message.node_name());
+    const std::uint64_t verified = position != start.positions.end() ? position->second.event : 0;
     for (const api::IMA_EVENT &event : message.events())
-        take_event(*list, event);
+        if (event.event_num() > verified)
+            take_event(*list, event);
 }

@@ -9,6 +9,7 @@
 
 #include "api/remote_attestation_api.pb.h"
 #include "attestctl/html/markup.h"
+#include "attestctl/verify/ima_list.h"
 
 // How much of a list is kept as rows: its first events, its last ones, and the violations between. Bytes are
 // those of the rows; names of 4096 bytes that are all escapes make a hundred times the row of a usual one.
@@ -57,7 +58,8 @@ struct shown_ima_list {
 };
 
 // Takes one message of the stream. A list that begins again, because it is asked for anew, takes the place of
-// what came of it before.
-void take_ima_rows(std::vector<shown_ima_list> &lists, const remote_attestation_api::NodeIMAData &message);
+// what came of it before; events that were verified earlier, and are not looked at again, are left out.
+void take_ima_rows(std::vector<shown_ima_list> &lists, const remote_attestation_api::NodeIMAData &message,
+                   const ima_start &start);
 
 void add_to_growth(ima_growth &growth, const ima_counts &event);

@@ -1,5 +1,6 @@
 // The boot event log and the IMA list.
 #include <algorithm>
+#include <cstring>
 
 #include "attestctl/event_data.h"
 #include "attestctl/event_types.h"
@@ -7,12 +8,25 @@
 #include "attestctl/html/sections.h"
 #include "attestctl/tables.h"
 #include "attestctl/text.h"
+#include "attestctl/verify/hashes.h"
 
 namespace {
 
 // Boot logs have a few hundred events; their bytes are those of the rows.
 constexpr std::uint64_t MOST_BOOT_EVENTS = 20'000;
 constexpr std::size_t MOST_BOOT_BYTES = 32 << 20;
+constexpr std::size_t MOST_DIGESTS = 16; // of one event; a TPM has fewer banks
+
+// Whether its SHA-256 digest is that of its data.
+bool is_digest_of_data(const api::BOOT_EVENT &event)
+{
+    const sha256_digest of_data = sha256_of(event.event_data());
+    return std::any_of(
+        event.digests().begin(), event.digests().end(), [&](const api::BOOT_EVENT_DIGEST &one) {
+            return one.digest().size() == of_data.size() && one.hash_alg() == quoted_bank().number &&
+                   std::memcmp(one.digest().data(), of_data.data(), of_data.size()) == 0;
+        });
+}
 
 void append_boot_event(html &out, const api::BOOT_EVENT &event)
 {
@@ -20,6 +34,8 @@ void append_boot_event(html &out, const api::BOOT_EVENT &event)
         << "<td><b>" << event_type_text(event.event_type()) << "</b>";
     if (event.event_type() == event_type::NO_ACTION)
         out << " <i class=tag>not extended</i>";
+    else if (!is_digest_of_data(event))
+        out << " <i class=tag>data not proven</i>";
     if (!event.has_event_data())
         out << "<span>(no data)</span>";
     else
@@ -29,10 +45,16 @@ void append_boot_event(html &out, const api::BOOT_EVENT &event)
         out << "<span>(the record says " << counted(event.event_size(), "byte") << ", "
             << event.event_data().size() << " came)</span>";
     out << "<td>";
-    for (const api::BOOT_EVENT_DIGEST &digest : event.digests())
+    std::size_t shown = 0;
+    for (const api::BOOT_EVENT_DIGEST &digest : event.digests()) {
+        if (shown++ == MOST_DIGESTS) {
+            out << "<span>and more</span>";
+            break;
+        }
         out << "<span><i>" << digest_algorithm_text(digest) << "</i> <code>"
             << (digest.has_digest() ? hex_preview(digest.digest(), 64) : std::string("(no digest)"))
             << "</code></span>";
+    }
 }
 
 void append_boot_log(html &out, const api::NodeBootIntegrityLog &log)
@@ -122,6 +144,10 @@ void append_ima_list(html &out, const page_source &from)
     if (from.replayed != nullptr && from.replayed->begun_after != 0)
         out << "<p class=note>Up to event " << from.replayed->begun_after
             << " the list was verified earlier; only what is new was asked for.</p>";
+    if (from.replayed != nullptr && from.replayed->met_quote &&
+        from.replayed->next_number - 1 > from.replayed->met_after)
+        out << "<p class=note>Events after " << from.replayed->met_after
+            << " came after the quote: nothing vouches for them yet.</p>";
     append_growth_plot(out, list);
     if (list.left_out != 0)
         out << "<p class=cut>Cut: of " << counted(list.counts.events, "event") << " this page has the first "
@@ -146,10 +172,11 @@ void append_ima_list(html &out, const page_source &from)
 
 void append_boot_logs(html &out, const std::vector<page_source> &sources)
 {
-    open_section(out, "boot", "Boot log",
-                 "What firmware and boot loader measured, in order. Every event was extended into its PCR, "
-                 "but for those "
-                 "that are marked.");
+    open_section(
+        out, "boot", "Boot log",
+        "What firmware and boot loader measured, in order. Every event was extended into its PCR, "
+        "but for those that are marked. The replay proves digests: data that are not what the digest is of "
+        "are what the node says.");
     for (const page_source &from : sources) {
         const api::NodeBootIntegrityLog *log = from.records.boot_log;
         open_source(out, from, log != nullptr,
@@ -167,9 +194,9 @@ void append_boot_logs(html &out, const std::vector<page_source> &sources)
 void append_ima_lists(html &out, const std::vector<page_source> &sources)
 {
     open_section(out, "ima", "IMA list",
-                 "Files that the kernel measured before they were used. A <b class=r>repeat</b> has the name "
-                 "and digest "
-                 "of an earlier event; a <b class=v>violation</b> was written to while it was measured.");
+                 "Files that the kernel measured before they were used. A <b class=r>repeat</b> has, by the "
+                 "node's word, the name and digest of an earlier event; a <b class=v>violation</b> was "
+                 "written to while it was measured.");
     for (const page_source &from : sources) {
         const bool came = from.ima != nullptr && from.ima->counts.events != 0;
         open_source(out, from, came);

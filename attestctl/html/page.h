@@ -20,6 +20,7 @@ struct page_input {
     std::span<const check> checks;
     const trusted_roots &roots;
     const std::string &trouble; // what ended the asking early, one line; empty: nothing did
+    bool is_saved = false;      // it comes from a directory, which also says what was asked
 };
 
 std::string attestation_page(const page_input &input);

@@ -11,10 +11,11 @@ bool begin_page(const settings &chosen, page_file &page, std::string &error)
     return page.path.empty() || can_replace_file(page.path, error);
 }
 
-void take_for_page(page_file &page, const remote_attestation_api::NodeIMAData &message)
+void take_for_page(page_file &page, const remote_attestation_api::NodeIMAData &message,
+                   const ima_start &start)
 {
     if (!page.path.empty())
-        take_ima_rows(page.ima_lists, message);
+        take_ima_rows(page.ima_lists, message, start);
 }
 
 bool write_page(const settings &chosen, const page_file &page, const evidence &got,
@@ -24,6 +25,7 @@ bool write_page(const settings &chosen, const page_file &page, const evidence &g
         return true;
     const std::string from =
         printable(chosen.from_directory.empty() ? chosen.target : "evidence in " + chosen.from_directory);
-    const page_input input = {from, page.asked_at, got, page.ima_lists, checks, roots, page.trouble};
+    const page_input input = {from,   page.asked_at, got,          page.ima_lists,
+                              checks, roots,         page.trouble, !chosen.from_directory.empty()};
     return replace_file(page.path, attestation_page(input), error);
 }

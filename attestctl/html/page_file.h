@@ -22,7 +22,8 @@ struct page_file {
 // Before anything is asked. False, and `error` has one line, when the page cannot be written.
 bool begin_page(const settings &chosen, page_file &page, std::string &error);
 
-void take_for_page(page_file &page, const remote_attestation_api::NodeIMAData &message);
+void take_for_page(page_file &page, const remote_attestation_api::NodeIMAData &message,
+                   const ima_start &start);
 
 // Puts the page in place. False, and `error` has one line, when it cannot be; what was there stays.
 bool write_page(const settings &chosen, const page_file &page, const evidence &got,

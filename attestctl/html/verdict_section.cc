@@ -132,9 +132,11 @@ void append_verdict(html &out, const page_input &input)
 
 void append_evidence(html &out, const page_input &input)
 {
-    out << "<section id=evidence><h2>Evidence</h2><p class=lead>What was asked for, in this order and with "
-           "fresh "
-        << "nonces, and what came.</p><table class=evidence><thead><tr><th>asked "
+    out << "<section id=evidence><h2>Evidence</h2><p class=lead>"
+        << (input.is_saved
+                ? markup("Saved: when it was asked for, and with which nonces, is what the directory says.")
+                : markup("What was asked for, in this order and with fresh nonces, and what came."))
+        << "</p><table class=evidence><thead><tr><th>asked "
            "for<th>came<th>what</thead><tbody>";
     for (const arrival &row : input.got.arrivals)
         out << "<tr><td>" << row.kind << "<td>"

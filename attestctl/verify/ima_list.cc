@@ -188,7 +188,9 @@ finding check_hashes(const ima_list &list)
 {
     if (!list.hash_problem.empty())
         return failed(list.hash_problem);
-    const std::string done = grouped(list.hashed) + " template hashes recomputed from the fields";
+    std::string done = grouped(list.hashed) + " template hashes recomputed from the fields";
+    if (list.violations != 0)
+        done += "; nothing binds names and digests of " + counted(list.violations, "violation");
     if (list.not_rebuilt != 0) // nothing binds their names and digests to what was extended
         return not_made(done + "; of " + counted(list.not_rebuilt, "event") +
                         " the template's data is not in the answer");
@@ -223,6 +225,8 @@ finding check_replay(const ima_list &list)
     }
     if (!list.met_quote)
         return failed("gives the quoted values of " + pcr_text(replayed) + ", but not after the same event");
+    if (list.met_after == 0 && list.events != 0)
+        return failed("PCR 10 is as after a reset: no event of the list was extended before the quote");
     const std::uint64_t later =
         list.next_number - 1 > list.met_after ? list.next_number - 1 - list.met_after : 0;
     return passed(std::string("gives the quoted ") + (replayed.count() == 1 ? "value of " : "values of ") +

@@ -55,6 +55,9 @@ struct template_field {
 constexpr std::array<template_field, 3> FIELDS = {
     {{"d-ng", append_digest}, {"n-ng", append_name}, {"sig", append_signature}}};
 
+constexpr unsigned DIGEST = 1, NAME = 2, SIGNATURE = 4;   // bits of those fields
+constexpr std::string_view IMA_DIGEST_ALGORITHM = "SHA1"; // what the node says of template "ima"
+
 std::string_view field_list_of(std::string_view template_name)
 {
     if (template_name == "ima-ng")
@@ -80,7 +83,9 @@ bool rebuild_template_data(const api::IMA_EVENT &event, std::string &data)
 {
     data.clear();
     if (event.template_name() == "ima")
-        return rebuild_ima(event, data);
+        return event.signature().empty() && event.digest_algo() == IMA_DIGEST_ALGORITHM &&
+               rebuild_ima(event, data);
+    unsigned used = 0;
     std::string_view fields = field_list_of(event.template_name());
     for (bool more = true; more;) {
         const std::size_t end = fields.find('|');
@@ -89,8 +94,15 @@ bool rebuild_template_data(const api::IMA_EVENT &event, std::string &data)
                                          [id](const template_field &one) { return one.id == id; });
         if (field == FIELDS.end() || !field->append(event, data))
             return false;
+        const unsigned bit = 1U << (field - FIELDS.begin());
+        if ((used & bit) != 0)
+            return false;
+        used |= bit;
         more = end != std::string_view::npos;
         fields = more ? fields.substr(end + 1) : fields;
     }
-    return true;
+    // The name of the template is in no hash: under another one the same bytes are other fields. What would
+    // then be shown without being in the data must not be there.
+    return (used & (DIGEST | NAME)) == (DIGEST | NAME) &&
+           ((used & SIGNATURE) != 0 || event.signature().empty());
 }

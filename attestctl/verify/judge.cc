@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "attestctl/certificate_names.h"
+#include "attestctl/openssl_owners.h"
 #include "attestctl/text.h"
 #include "attestctl/verify/boot_log.h"
 #include "attestctl/verify/certificates.h"
@@ -109,12 +110,28 @@ void refuse_exchanged_keys(judgement &j)
         j.identity.problem = "of an attestation key, and not of the device's identity";
         j.identity.device.reset();
     }
+    if (j.attestation_key.device && !is_for_attestation(*j.attestation_key.device)) {
+        j.attestation_key.problem = "not for attestation by its extended key usage";
+        j.attestation_key.device.reset();
+    }
     if (!j.identity.device || !j.attestation_key.device ||
         EVP_PKEY_eq(X509_get0_pubkey(j.identity.device.get()),
                     X509_get0_pubkey(j.attestation_key.device.get())) != 1)
         return;
     j.attestation_key.problem = "of the device identity's key, which signs more than quotes";
     j.attestation_key.device.reset();
+}
+
+// Sources are different devices: one that sends its records under two names must not pass for two.
+void refuse_shared_keys(judgement &j, std::vector<x509_owner> &seen)
+{
+    for (certificate_set *set : {&j.identity, &j.attestation_key})
+        if (set->device && std::any_of(seen.begin(), seen.end(), [set](const x509_owner &earlier) {
+                return EVP_PKEY_eq(X509_get0_pubkey(set->device.get()), X509_get0_pubkey(earlier.get())) == 1;
+            })) {
+            set->problem = "of a key that another source has, too";
+            set->device.reset();
+        }
 }
 
 void judge_subject(judgement &j, subject what)
@@ -147,8 +164,12 @@ std::vector<check> judge(const evidence &got, std::span<const subject> subjects,
         add(whole, "sources", failed("more of them than a node can have"));
     else if (sources.empty())
         add(whole, "sources", failed("none has evidence"));
+    for (const source &one : sources)
+        if (one.name.size() > LONGEST_SOURCE_NAME)
+            add(whole, "sources", failed("one has a name of " + counted(one.name.size(), "byte")));
     if (!whole.rows.empty())
         return whole.rows;
+    std::vector<x509_owner> seen; // of the sources so far
     for (std::size_t i = 0; i < sources.size(); ++i) {
         const source &one = sources[i];
         const bool of_bmc = i > 0 && bmc_roots != nullptr;
@@ -163,9 +184,13 @@ std::vector<check> judge(const evidence &got, std::span<const subject> subjects,
             j.attestation_key =
                 read_certificates(*one.attestation_key, got.attestation_key_request.cert_name());
         refuse_exchanged_keys(j);
+        refuse_shared_keys(j, seen);
         for (const subject what : subjects)
             judge_subject(j, what);
         std::move(j.list.rows.begin(), j.list.rows.end(), std::back_inserter(rows));
+        for (certificate_set *set : {&j.identity, &j.attestation_key})
+            if (set->device)
+                seen.push_back(std::move(set->device));
     }
     if (std::find(subjects.begin(), subjects.end(), subject::ima_list) != subjects.end())
         judge_ima_stream(got, sources, rows);

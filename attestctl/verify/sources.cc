@@ -27,6 +27,11 @@ bool sort_in(std::vector<source> &sources, const Answer &answer, const Record *s
     return true;
 }
 
+std::string shown_name(const std::string &name)
+{
+    return name.empty() ? "(without a name)" : printable(name, LONGEST_SOURCE_NAME);
+}
+
 } // namespace
 
 bool sort_by_source(const evidence &got, std::vector<source> &sources)
@@ -40,10 +45,11 @@ bool sort_by_source(const evidence &got, std::vector<source> &sources)
 std::string source_name(const std::vector<source> &sources, std::size_t index)
 {
     const std::string &name = sources[index].name;
-    const auto before = std::count_if(sources.data(), sources.data() + index,
-                                      [&name](const source &other) { return other.name == name; });
-    return (name.empty() ? "(without a name)" : printable(name, 64)) +
-           (before == 0 ? "" : format(" (%d)", static_cast<int>(before) + 1));
+    const std::string shown = shown_name(name);
+    const auto before = std::count_if(sources.data(), sources.data() + index, [&shown](const source &other) {
+        return shown_name(other.name) == shown;
+    });
+    return shown + (before == 0 ? "" : format(" (%d)", static_cast<int>(before) + 1));
 }
 
 const ima_list *ima_list_of(const evidence &got, const source &from)

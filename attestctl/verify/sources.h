@@ -20,6 +20,9 @@ struct source {
 // node can have.
 bool sort_by_source(const evidence &got, std::vector<source> &sources);
 
+// In bytes; the contract says 31, and a management controller adds a word.
+inline constexpr std::size_t LONGEST_SOURCE_NAME = 64;
+
 // The name of sources[index], fit for a terminal; different where the sources are.
 std::string source_name(const std::vector<source> &sources, std::size_t index);
 

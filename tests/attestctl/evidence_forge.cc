@@ -62,12 +62,12 @@ void add_name(X509_NAME *name, const char *text)
 }
 
 void add_certificates(api::get_certificate_response &answer, const std::string &node, const std::string &name,
-                      const char *root_name, EVP_PKEY *key)
+                      const char *root_name, const certificate_plan &device)
 {
     api::SystemCertificates &record = *answer.add_node_data();
     record.set_node_name(node);
     const std::array<std::pair<std::string, certificate_plan>, 3> plans = {
-        {{" Root", root_plan(root_name)}, {" CA", ca_plan(root_name)}, {"", device_plan(key)}}};
+        {{" Root", root_plan(root_name)}, {" CA", ca_plan(root_name)}, {"", device}}};
     for (const auto &[suffix, plan] : plans) {
         api::CERTIFICATE_ENTRY &entry = *record.add_certs();
         entry.set_name(name + suffix);
@@ -181,8 +181,14 @@ void quote_record(const forged &f, Record &record, const std::string &nonce, std
 const forge_keys &keys()
 {
     const auto ec = [] { return pkey_owner(EVP_EC_gen("P-256")); };
-    static const forge_keys made{
-        pkey_owner(EVP_RSA_gen(2048)), pkey_owner(EVP_RSA_gen(2048)), ec(), ec(), ec(), ec()};
+    static const forge_keys made{pkey_owner(EVP_RSA_gen(2048)),
+                                 pkey_owner(EVP_RSA_gen(2048)),
+                                 ec(),
+                                 ec(),
+                                 ec(),
+                                 ec(),
+                                 pkey_owner(EVP_RSA_gen(2048)),
+                                 ec()};
     return made;
 }
 
@@ -240,9 +246,19 @@ certificate_plan device_plan(EVP_PKEY *key)
     return {"device", key, "issuing CA", keys().ca.get()};
 }
 
-forged good_evidence(const std::string &node_name, std::uint32_t hash_algo)
+certificate_plan attestation_plan(EVP_PKEY *key)
 {
-    forged f{{}, {"roots.pem", {}}, keys().identity.get(), keys().attestation.get()};
+    certificate_plan plan = device_plan(key);
+    plan.extended_usage = "2.23.133.8.3";
+    return plan;
+}
+
+namespace {
+
+forged evidence_of(EVP_PKEY *identity, EVP_PKEY *attestation, const std::string &node_name,
+                   std::uint32_t hash_algo)
+{
+    forged f{{}, {"roots.pem", {}}, identity, attestation};
     evidence &got = f.got;
     got.identity_request.set_cert_name("Kestrin VOXA");
     got.identity_request.set_nonce(std::string(32, 'v'));
@@ -252,8 +268,9 @@ forged good_evidence(const std::string &node_name, std::uint32_t hash_algo)
     got.hw_integrity_request.set_nonce(std::string(32, 'h'));
     got.hw_integrity_request.set_hash_algo(hash_algo);
 
-    add_certificates(got.identity, node_name, "Kestrin VOXA", IDENTITY_ROOT, f.identity_key);
-    add_certificates(got.attestation_key, node_name, "Kestrin AIK", ATTESTATION_ROOT, f.attestation_key);
+    add_certificates(got.identity, node_name, "Kestrin VOXA", IDENTITY_ROOT, device_plan(f.identity_key));
+    add_certificates(got.attestation_key, node_name, "Kestrin AIK", ATTESTATION_ROOT,
+                     attestation_plan(f.attestation_key));
     f.roots.certificates = {got.identity.node_data(0).certs(0).data(),
                             got.attestation_key.node_data(0).certs(0).data()};
     sign_certificates(f);
@@ -272,6 +289,18 @@ forged good_evidence(const std::string &node_name, std::uint32_t hash_algo)
     add_hardware(got, node_name, hash_algo);
     quote_hardware(f);
     return f;
+}
+
+} // namespace
+
+forged good_evidence(const std::string &node_name, std::uint32_t hash_algo)
+{
+    return evidence_of(keys().identity.get(), keys().attestation.get(), node_name, hash_algo);
+}
+
+forged good_second_source(const std::string &node_name, std::uint32_t hash_algo)
+{
+    return evidence_of(keys().second_identity.get(), keys().second_attestation.get(), node_name, hash_algo);
 }
 
 void sign_certificates(forged &f)

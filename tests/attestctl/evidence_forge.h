@@ -16,9 +16,9 @@ struct pkey_deleter {
 };
 using pkey_owner = std::unique_ptr<EVP_PKEY, pkey_deleter>;
 
-// Made once; identity and rsa are RSA-2048, the others P-256.
+// Made once; identity, rsa and second_identity are RSA-2048, the others P-256.
 struct forge_keys {
-    pkey_owner identity, rsa, root, ca, attestation, stranger;
+    pkey_owner identity, rsa, root, ca, attestation, stranger, second_identity, second_attestation;
 };
 const forge_keys &keys();
 
@@ -39,6 +39,7 @@ std::string pem_of(const std::string &der);
 certificate_plan root_plan(const char *name);
 certificate_plan ca_plan(const char *root_name);
 certificate_plan device_plan(EVP_PKEY *key);
+certificate_plan attestation_plan(EVP_PKEY *key);
 
 enum class signature_scheme : std::uint16_t {
     rsassa = TPM2_ALG_RSASSA,
@@ -55,6 +56,8 @@ struct forged {
 
 // One source of this name, everything good; all 24 PCRs asked for, hardware by the bank of this number.
 forged good_evidence(const std::string &node_name = "rack1", std::uint32_t hash_algo = 1);
+// The same of another device, a node's management controller.
+forged good_second_source(const std::string &node_name, std::uint32_t hash_algo = 1);
 
 // Signs both certificate records again.
 void sign_certificates(forged &f);

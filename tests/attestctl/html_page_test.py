@@ -74,7 +74,7 @@ def hostile_node():
     answers = {}
 
     def both(make):
-        return [make("rack1 " + ATTACKS[1]), make("bmc1")]
+        return [make("rack1 " + ATTACKS[2]), make("bmc1")]
 
     text = " ".join(ATTACKS)
     answers["GetCertificate"] = api.get_certificate_response(node_data=both(lambda name: api.SystemCertificates(
@@ -164,8 +164,17 @@ class Page(wire.Program):
         said = done.stdout.decode()
         self.assertEqual(len(rows), 24)
         self.assertRegex(rows[10], r"^10\|[0-9a-f]{64}\|same IMA list to event 2,675\|signed$")
-        self.assertRegex(rows[15], r"^15\|[0-9a-f]{64}\|same recorded hardware, 3 chips\|signed$")
+        self.assertRegex(rows[15], r"^15\|[0-9a-f]{64}\|same recorded hardware, \d+ chips?\|signed$")
         self.assertEqual(rows[17], "17|ones|no log tells|signed")
+        signed = value("[...document.querySelectorAll('.chain > .note')].map((p) => p.innerText)")
+        self.assertEqual(len(signed), 2)
+        for words in signed:
+            self.assertRegex(words, "^Signature over nonce [0-9a-f]{64} and the certificates pass$")
+        proven = value("[...document.querySelectorAll('.boot tbody tr')].map((r) => [r.querySelector('b').innerText, "
+                       "r.innerText.includes('data not proven')])")
+        self.assertIn(["EV_SEPARATOR", False], proven)
+        self.assertNotIn(["EV_SEPARATOR", True], proven)  # its digest is that of its data
+        self.assertIn(["EV_EFI_BOOT_SERVICES_APPLICATION", True], proven)  # its digest is the image's
         for reason in re.findall(r"^    .{28} pass     (.*)$", said, re.MULTILINE):
             self.assertTrue(value(f"document.querySelector('main').innerText.includes({json.dumps(reason)})"), reason)
 

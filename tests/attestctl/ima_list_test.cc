@@ -201,6 +201,11 @@ TEST(ima_list, WhatIsWrongFailsInItsRow)
         {"no quoted PCR 10",
          [](attested &boot) { boot.quotes.mutable_node_data(0)->mutable_pcrs()->DeleteSubrange(10, 1); },
          {"replay"}},
+        {"PCR 10 that no event was extended into",
+         [](attested &boot) {
+             boot.quotes.mutable_node_data(0)->mutable_pcrs(10)->set_value(std::string(32, '\0'));
+         },
+         {"replay"}},
         {"another node's quote",
          [](attested &boot) { boot.quotes.mutable_node_data(0)->set_node_name("card8"); },
          {"replay"}},
@@ -213,6 +218,34 @@ TEST(ima_list, WhatIsWrongFailsInItsRow)
         attested boot = good;
         row.damage(boot);
         EXPECT_EQ(not_passed(boot), row.rows) << row.what;
+    }
+}
+
+// The name of the template is in no hash: the same bytes are other fields under another one.
+TEST(ima_list, FieldsThatTheTemplateDoesNotHaveAreNotProven)
+{
+    const attested good = recorded("recorded-a");
+    ASSERT_EQ(good.list.events(50).template_name(), "ima-ng");
+    const std::pair<const char *, std::function<void(api::IMA_EVENT &)>> cases[] = {
+        {"another digest",
+         [](api::IMA_EVENT &event) {
+             event.set_template_name("sig|n-ng");
+             event.set_signature(event.digest_algo() + std::string(":\0", 2) + event.digest());
+             event.mutable_digest()->back() ^= 1;
+         }},
+        {"another name",
+         [](api::IMA_EVENT &event) {
+             event.set_template_name("d-ng|sig");
+             event.set_signature(event.event_name() + '\0');
+             event.set_event_name("/bin/sh");
+         }},
+        {"a name twice", [](api::IMA_EVENT &event) { event.set_template_name("d-ng|n-ng|n-ng"); }},
+        {"a signature", [](api::IMA_EVENT &event) { event.set_signature("forged"); }},
+    };
+    for (const auto &[what, change] : cases) {
+        attested boot = good;
+        change(*boot.list.mutable_events(50));
+        EXPECT_THAT(not_passed(boot), ElementsAre("hashes", "replay")) << what;
     }
 }
 
@@ -312,11 +345,19 @@ TEST(ima_list, TemplateDataIsRebuiltAsTheKernelHashesIt)
 {
     api::IMA_EVENT event;
     event.set_template_name("ima");
+    event.set_digest_algo("SHA1");
     event.set_digest(std::string(20, 'd'));
     event.set_event_name("/bin/sh");
     std::string data;
     ASSERT_TRUE(rebuild_template_data(event, data));
     EXPECT_EQ(data, std::string(20, 'd') + "/bin/sh" + std::string(249, '\0'));
+    for (const auto &change : std::initializer_list<std::function<void(api::IMA_EVENT &)>>{
+             [](api::IMA_EVENT &made) { made.set_digest_algo("sha256"); },
+             [](api::IMA_EVENT &made) { made.set_signature("s"); }}) {
+        api::IMA_EVENT wrong = event;
+        change(wrong);
+        EXPECT_FALSE(rebuild_template_data(wrong, data));
+    }
     event.set_event_name(std::string(257, 'n'));
     EXPECT_FALSE(rebuild_template_data(event, data));
 

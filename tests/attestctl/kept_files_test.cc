@@ -15,10 +15,9 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 
-// Good as well, with other roots, another PCR 5 and another chip 3.
-forged other_good_evidence(const std::string &node_name)
+// Good as well, with another PCR 5 and another chip 3.
+forged changed(forged f)
 {
-    forged f = good_evidence(node_name);
     api::NodeBootIntegrityLog &log = *f.got.boot_log.mutable_node_data(0);
     api::BOOT_EVENT &event = *log.add_events();
     event = log.events(log.events_size() - 2);
@@ -66,7 +65,7 @@ protected:
     {
         source_model &bmc = node.model.bmc.emplace_back();
         bmc.name = name;
-        bmc.evidence = other_good_evidence(name);
+        bmc.evidence = changed(good_second_source(name));
         bmc.resets = 8;
         grow(bmc, 30);
         trust(bmc.evidence);
@@ -107,6 +106,32 @@ TEST_F(KeptFiles, OnlyWhatIsNewIsAskedForAndStillLeadsToTheQuote)
     EXPECT_THAT(node.asked(), ElementsAre(2507, 2510));
 }
 
+// A node answers in whole chunks: what it sends of events that were verified earlier is not looked at again.
+TEST_F(KeptFiles, ThePageHasNoEventThatWasNotLookedAt)
+{
+    ASSERT_EQ(attest_with_state().status, 0);
+    grow(node.model, 7);
+    node.model.rewrite = [](api::NodeIMAData &message) {
+        for (api::IMA_EVENT &event : *message.mutable_events())
+            if (event.event_num() == 2400)
+                event.set_event_name("/usr/bin/invented");
+    };
+    const std::string page = folder + "/page.html";
+    const outcome done = attest("--state " + state + " --html " + page);
+    EXPECT_EQ(done.status, 0) << done.text;
+    EXPECT_THAT(content_of(page), HasSubstr("/usr/bin/tool-2507"));
+    EXPECT_EQ(content_of(page).find("invented"), std::string::npos);
+}
+
+// Unfolded, it could be of any size.
+TEST_F(KeptFiles, ACompressedAnswerIsNotTaken)
+{
+    simulated_node compressing(1, GRPC_COMPRESS_GZIP);
+    const outcome done = attestctl("--target " + compressing.targets()[0] + " boot-log");
+    EXPECT_NE(done.status, 0) << done.text;
+    EXPECT_EQ(attestctl("--target " + node.targets()[0] + " boot-log").status, 0);
+}
+
 TEST_F(KeptFiles, AListThatDoesNotContinueIsTakenFromItsBegin)
 {
     ASSERT_EQ(attest_with_state().status, 0);
@@ -127,7 +152,7 @@ TEST_F(KeptFiles, AListThatDoesNotContinueIsTakenFromItsBegin)
          [](node_model &now) {
              auto &certificates = *now.evidence.got.attestation_key.mutable_node_data(0);
              certificates.mutable_certs(2)->set_data(
-                 make_certificate(device_plan(now.evidence.attestation_key)));
+                 make_certificate(attestation_plan(now.evidence.attestation_key)));
          }},
         {"does not go on from event",
          {100, 0},
@@ -178,7 +203,7 @@ TEST_F(KeptFiles, ListsOfTwoSourcesAreRememberedEachByItself)
     expect_lists("0 new events after number 2,507",
                  " 10 events, from 1 on and without gaps; taken whole: the node was booted since");
     bmc.evidence.got.attestation_key.mutable_node_data(0)->mutable_certs(2)->set_data(
-        make_certificate(device_plan(bmc.evidence.attestation_key)));
+        make_certificate(attestation_plan(bmc.evidence.attestation_key)));
     expect_lists("0 new events after number 2,507", "taken whole: another attestation key");
     ++node.model.resets;
     node.model.list.resize(5);
@@ -250,7 +275,7 @@ TEST_F(KeptFiles, PinsAreDemandedFromTheSecondUseOn)
     write_content(pins, kept);
 
     // Another firmware that measures itself well, other roots, other chips that are recorded well.
-    node.model.evidence = other_good_evidence(node.model.name);
+    node.model.evidence = changed(good_evidence(node.model.name));
     done = attest_unpinned("");
     EXPECT_EQ(done.status, 1);
     EXPECT_THAT(done.text, HasSubstr("NOT VERIFIED: 4 checks failed"));
@@ -281,7 +306,7 @@ TEST_F(KeptFiles, PinsOfTwoSourcesAreDemandedOfEachByItself)
     EXPECT_THAT(failing(), IsEmpty());
     EXPECT_THAT(failing(), IsEmpty()) << "by the pins";
 
-    bmc.evidence = good_evidence("b\\mc"); // like the node, which is pinned too
+    bmc.evidence = good_second_source("b\\mc"); // like the node, which is pinned too
     trust(bmc.evidence);
     EXPECT_THAT(failing(), ElementsAre("b\\\\mc: pinned identity root", "b\\\\mc: pinned attestation root",
                                        "b\\\\mc: pinned PCR 5", "b\\\\mc: pinned reference 3"));

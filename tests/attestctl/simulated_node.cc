@@ -120,7 +120,9 @@ public:
         for (const source_model &bmc : node_.bmc)
             writer->Write(events_of(bmc, begin, bmc.list.size()));
         for (std::uint64_t at = begin;; at += CHUNK) {
-            const api::NodeIMAData message = events_of(node_, at, at + CHUNK);
+            api::NodeIMAData message = events_of(node_, at, at + CHUNK);
+            if (node_.rewrite)
+                node_.rewrite(message);
             writer->Write(message);
             while (node_.endless && writer->Write(message))
                 std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -176,9 +178,11 @@ struct simulated_node::parts {
     std::unique_ptr<grpc::Server> server;
 };
 
-simulated_node::simulated_node(std::size_t addresses) : parts_(new parts(model))
+simulated_node::simulated_node(std::size_t addresses, grpc_compression_algorithm compression)
+    : parts_(new parts(model))
 {
     grpc::ServerBuilder builder;
+    builder.SetDefaultCompressionAlgorithm(compression);
     builder.RegisterService(&parts_->answers);
     std::vector<int> ports(addresses);
     for (int &port : ports)

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include <grpc/compression.h>
+
 #include "tests/attestctl/evidence_forge.h"
 
 // What a source of evidence is.
@@ -20,9 +22,10 @@ struct source_model {
 
 // What a node is. Changed by a test while nobody asks.
 struct node_model : source_model {
-    std::vector<source_model> bmc;   // one, or none
-    bool endless = false;            // the stream of the node's list goes on and on
-    std::function<void()> meanwhile; // what else happens while the lists are asked for
+    std::vector<source_model> bmc;                   // one, or none
+    bool endless = false;                            // the stream of the node's list goes on and on
+    std::function<void()> meanwhile;                 // what else happens while the lists are asked for
+    std::function<void(api::NodeIMAData &)> rewrite; // what it makes of messages of its list
 };
 
 // Appends good events.
@@ -31,7 +34,8 @@ void grow(source_model &source, std::size_t count);
 class simulated_node {
 public:
     // With this many addresses, all of the same node.
-    explicit simulated_node(std::size_t addresses = 1);
+    explicit simulated_node(std::size_t addresses = 1,
+                            grpc_compression_algorithm compression = GRPC_COMPRESS_NONE);
     ~simulated_node();
 
     node_model model;

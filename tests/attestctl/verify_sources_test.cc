@@ -1,8 +1,10 @@
 // Several sources in one answer, and the roots that they are held to.
+#include <filesystem>
 #include <fstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "tests/attestctl/wrong_evidence.h"
 
@@ -35,7 +37,7 @@ TEST(verify, sources_are_judged_side_by_side)
         {"bmc", "bmc"}, {"rack1", "rack1 (2)"}, {"", "(without a name)"}, {"\x1b[2J", "\\x1b[2J"}};
     for (const auto &[name, shown] : names) {
         forged f = good_evidence();
-        add_source(f, good_evidence(name));
+        add_source(f, good_second_source(name));
         EXPECT_THAT(not_passed(f), IsEmpty()) << shown;
         flip_bit(*f.got.pcrs.mutable_node_data(1)->mutable_pcrs(13)->mutable_value());
         for (const check &row : judge(f.got, SUBJECTS, f.roots)) {
@@ -47,7 +49,7 @@ TEST(verify, sources_are_judged_side_by_side)
 
 TEST(verify, bmc_is_held_to_roots_of_its_own_and_has_to_be_there)
 {
-    const forged bmc = good_evidence("bmc");
+    const forged bmc = good_second_source("bmc");
     forged f = good_evidence();
     const auto wrong = [&f](const trusted_roots &node, const trusted_roots &of_bmc) {
         strings rows;
@@ -66,10 +68,47 @@ TEST(verify, bmc_is_held_to_roots_of_its_own_and_has_to_be_there)
                 ElementsAre("rack1: identity root", "rack1: attestation key root"));
 }
 
-TEST(verify, source_without_one_kind_fails_there)
+TEST(verify, one_device_is_not_two_sources)
 {
     forged f = good_evidence();
     add_source(f, good_evidence("bmc"));
+    EXPECT_THAT(not_passed(f),
+                testing::IsSupersetOf({"FAIL identity certificates", "FAIL attestation key certificates"}));
+    for (const check &row : judge(f.got, SUBJECTS, f.roots))
+        EXPECT_TRUE(row.source == "bmc" || row.outcome == check_outcome::passed)
+            << row.source << ": " << row.name;
+}
+
+TEST(verify, names_that_could_be_taken_for_each_other_are_not)
+{
+    EXPECT_THAT(not_passed(good_evidence(std::string(65, 'n'))), ElementsAre("FAIL sources"));
+    EXPECT_THAT(not_passed(good_evidence(std::string(64, 'n'))), IsEmpty());
+    forged f = good_evidence("");
+    add_source(f, good_second_source("(without a name)"));
+    const std::vector<check> rows = judge(f.got, SUBJECTS, f.roots);
+    EXPECT_EQ(rows.front().source, "(without a name)");
+    EXPECT_EQ(rows.back().source, "(without a name) (2)");
+}
+
+TEST(verify, what_came_is_told_of_no_more_sources_than_there_can_be)
+{
+    api::get_certificate_response answer;
+    ima_arrival stream;
+    for (int i = 0; i < 1000; ++i) {
+        answer.add_node_data();
+        api::NodeIMAData message;
+        message.set_node_name("n" + std::to_string(i));
+        note_message(stream, message);
+    }
+    EXPECT_LT(arrival_of("certificates", answer).text.size(), 1000U);
+    EXPECT_EQ(arrival_of("certificates", answer).sources, 1000U);
+    EXPECT_LT(stream.nodes.size(), 20U);
+}
+
+TEST(verify, source_without_one_kind_fails_there)
+{
+    forged f = good_evidence();
+    add_source(f, good_second_source("bmc"));
     f.got.boot_log.mutable_node_data()->RemoveLast();
     EXPECT_THAT(not_passed(f), ElementsAre("FAIL boot log events"));
 }
@@ -117,10 +156,12 @@ TEST(verify, ima_list_that_did_not_come_fails)
 TEST(roots, files)
 {
     const auto read = [](const std::string &content, trusted_roots &roots) {
-        const std::string path = testing::TempDir() + "attestctl_roots_test";
+        const std::string path = testing::TempDir() + "attestctl_roots_" + std::to_string(getpid());
         std::ofstream(path, std::ios::binary) << content;
         std::string error;
-        return read_roots(path, roots, error) ? "" : error.substr(error.rfind(": ") + 2);
+        const bool was_read = read_roots(path, roots, error);
+        std::filesystem::remove(path);
+        return was_read ? "" : error.substr(error.rfind(": ") + 2);
     };
     const std::string one = make_certificate(root_plan("one"));
     const std::string two = make_certificate(root_plan("two"));

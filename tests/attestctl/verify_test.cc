@@ -24,7 +24,8 @@ TEST(verify, good_evidence_passes)
         forged f = good_evidence();
         f.scheme = scheme;
         f.attestation_key = keys().rsa.get();
-        attestation_key(f).mutable_certs(DEVICE)->set_data(make_certificate(device_plan(f.attestation_key)));
+        attestation_key(f).mutable_certs(DEVICE)->set_data(
+            make_certificate(attestation_plan(f.attestation_key)));
         sign_certificates(f);
         quote_pcrs(f);
         quote_hardware(f);
@@ -117,6 +118,18 @@ TEST(verify, certificates)
              attestation_key(f).mutable_certs(DEVICE)->set_name("Kestrin AIK");
              sign_certificates(f);
              f.attestation_key = keys().identity.get();
+             f.scheme = signature_scheme::rsassa;
+             quote_pcrs(f);
+             quote_hardware(f);
+         },
+         {"FAIL attestation key certificates", "not made attestation key chain", "not made quote signature",
+          "not made hardware quote signature"}},
+        {"another device's identity in the attestation key's place, its quotes made by hand",
+         [](forged &f) {
+             attestation_key(f).mutable_certs(DEVICE)->set_data(
+                 make_certificate(device_plan(keys().rsa.get())));
+             sign_certificates(f);
+             f.attestation_key = keys().rsa.get();
              f.scheme = signature_scheme::rsassa;
              quote_pcrs(f);
              quote_hardware(f);

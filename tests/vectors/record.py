@@ -28,6 +28,7 @@ NEVER = "99991231235959Z"
 SEQUENCE, SET, OID, BIT_STRING, OCTET_STRING, INTEGER, UTF8, UTC_TIME, TIME = (
     0x30, 0x31, 0x06, 0x03, 0x04, 0x02, 0x0C, 0x17, 0x18)
 COMMON_NAME, CONSTRAINTS, KEY_USAGE = bytes.fromhex("550403"), bytes.fromhex("551d13"), bytes.fromhex("551d0f")
+EXTENDED_USAGE, FOR_ATTESTATION = bytes.fromhex("551d25"), bytes.fromhex("6781050803")
 ECDSA_WITH_SHA256 = bytes.fromhex("2a8648ce3d040302")
 IS_CA, CERT_SIGN, DIGITAL_SIGNATURE = b"\1\1\xff", b"\2\4", b"\7\x80"
 
@@ -43,7 +44,7 @@ def der(tag, *pieces):
     return bytes([tag]) + length + content
 
 
-def certificate(subject, public_key, issuer, issuer_key, is_ca, end):
+def certificate(subject, public_key, issuer, issuer_key, is_ca, end, extended_usage=b""):
     """`public_key` in DER: keys that only a TPM has cannot sign a request. Valid since 2020, whatever the clock says."""
     def name(text):
         return der(SEQUENCE, der(SET, der(SEQUENCE, der(OID, COMMON_NAME), der(UTF8, text.encode()))))
@@ -53,7 +54,8 @@ def certificate(subject, public_key, issuer, issuer_key, is_ca, end):
 
     algorithm = der(SEQUENCE, der(OID, ECDSA_WITH_SHA256))
     dates = der(SEQUENCE, der(UTC_TIME, b"200101000000Z"), der(TIME if end == NEVER else UTC_TIME, end.encode()))
-    extensions = der(SEQUENCE, extension(CONSTRAINTS, der(SEQUENCE, IS_CA if is_ca else b"")),
+    extended = extension(EXTENDED_USAGE, der(SEQUENCE, der(OID, extended_usage))) if extended_usage else b""
+    extensions = der(SEQUENCE, extended, extension(CONSTRAINTS, der(SEQUENCE, IS_CA if is_ca else b"")),
                      extension(KEY_USAGE, der(BIT_STRING, CERT_SIGN if is_ca else DIGITAL_SIGNATURE)))
     body = der(SEQUENCE, der(0xA0, der(INTEGER, b"\2")), der(INTEGER, b"\1" + os.urandom(8)), algorithm, name(issuer),
                dates, name(subject), public_key, der(0xA3, extensions))
@@ -75,8 +77,8 @@ class Authority:
         self.root = certificate(root, public[0], root, root_key, True, end)
         self.chain = certificate(self.name, public[1], root, root_key, True, end) + self.root
 
-    def certify(self, subject, public_key):
-        return certificate(subject, public_key, self.name, self.key, False, self.end)
+    def certify(self, subject, public_key, extended_usage):
+        return certificate(subject, public_key, self.name, self.key, False, self.end, extended_usage)
 
     def pem(self):
         return openssl("x509", "-inform", "DER", input=self.root)
@@ -97,10 +99,12 @@ class Node:
         return openssl("pkey", "-pubin", "-outform", "DER",
                        input=openssl("x509", "-inform", "DER", "-in", str(file), "-noout", "-pubkey"))
 
-    def give(self, kind, authority, key=None):
-        """Puts a certificate and its chain in the place of the node's; it may be for the other key."""
+    def give(self, kind, authority, key=None, extended_usage=None):
+        """Puts a certificate and its chain in the place of the node's; it may be for the other key, or another use."""
+        if extended_usage is None:
+            extended_usage = FOR_ATTESTATION if kind == "AIK" else b""
         place, chain = PAIRS[kind]
-        self.files[place].write_bytes(authority.certify(f"vector {kind}", self.keys[key or kind]))
+        self.files[place].write_bytes(authority.certify(f"vector {kind}", self.keys[key or kind], extended_usage))
         self.files[chain].write_bytes(authority.chain)
 
     def ask(self, method, request, answer):
@@ -175,6 +179,9 @@ def certificate_cases(cases):
               attestation_key_signature="not made")
     cases.answer("attestation-key-of-identity", "the certificate is for the device identity's key",
                  "attestation-key.response", "other key", attestation_key_certificates="FAIL",
+                 attestation_key_chain="not made", quote_signature="not made", hardware_quote_signature="not made")
+    cases.answer("attestation-key-of-any-use", "the certificate has no extended key usage for attestation",
+                 "attestation-key.response", "any use", attestation_key_certificates="FAIL",
                  attestation_key_chain="not made", quote_signature="not made", hardware_quote_signature="not made")
     cases.add("attestation-key-signature", "a bit of the signature is flipped",
               flip_field("signature", "attestation-key.response"), attestation_key_signature="FAIL")
@@ -326,6 +333,8 @@ def inside(out):
     node.give("VOXA", identity)
     node.give("AIK", attestation, "VOXA")
     from_node["other key"] = node.certificates(good["attestation-key.request"])
+    node.give("AIK", attestation, extended_usage=b"")
+    from_node["any use"] = node.certificates(good["attestation-key.request"])
     fewer = copy.deepcopy(good["pcrs.request"])
     fewer.pcr_indices.pop()
     from_node["23 PCRs"] = node.pcrs(fewer)
