@@ -211,7 +211,7 @@ void operate(std::uint8_t operation)
     }
 }
 
-// Whatever there was: a check leaves a cache that takes the next chunk and gives it back.
+// Whatever there was: a check leaves a cache that takes the next chunk.
 void go_on()
 {
     if (validate_all_blocks() != 1)

@@ -80,11 +80,16 @@ class Metrics(unittest.TestCase):
             during = []
             while not all(one.done() for one in asked):
                 during.append(sum(value for (name, _), value in scrape().items() if name == "attest_requests_total"))
-        # gRPC may tell the agent that a call is over after it told the client.
-        node.wait_for(lambda: count(scrape(), "attest_requests_total", operation="AttestPcrs", outcome="ok") == 3, "calls")
+        operations = ("GetPlatformBootIntegrityEventLogs", "StreamPlatformImaEventLogs", "GetPlatformImaEventLogs",
+                      "AttestPcrs")
+
+        def all_are_counted():  # gRPC may tell the agent that a call is over after it told the client
+            values = scrape()
+            return all(count(values, "attest_requests_total", operation=one, outcome="ok") == 3 for one in operations)
+
+        node.wait_for(all_are_counted, "calls")
         values = scrape()
-        for operation in ("GetPlatformBootIntegrityEventLogs", "StreamPlatformImaEventLogs", "GetPlatformImaEventLogs",
-                          "AttestPcrs"):
+        for operation in operations:
             with self.subTest(operation):
                 self.assertEqual(count(values, "attest_requests_total", operation=operation, outcome="ok"), 3)
                 self.assertEqual(count(values, "attest_request_seconds_count", operation=operation), 3)

@@ -78,7 +78,7 @@ class StartUp(Process):
         second = subprocess.run([node.AGENT], capture_output=True, text=True, timeout=60, check=False,
                                 env={**os.environ, "ATTEST_RUN_DIR": tempfile.mkdtemp()})
         self.assertEqual(second.returncode, 0)
-        self.assertNotEqual(second.stderr, "")
+        self.assertIn("Address already in use", second.stderr)
 
     def test_without_a_trace_buffer_the_agent_serves(self):
         self.run_dir = "/dev/null/trace"

@@ -43,7 +43,7 @@ protected:
     table_of_test table;
 };
 
-TEST_F(Deduplication, MarksTheFirstOrMissesTheSecond)
+TEST_F(Deduplication, MarksTheSecondAndNotTheFirst)
 {
     EXPECT_EQ(check("/bin/a", "digest", 10), 0);
     EXPECT_EQ(check("/bin/a", "digest", 500), 1);
@@ -54,7 +54,7 @@ TEST_F(Deduplication, MarksTheFirstOrMissesTheSecond)
     EXPECT_EQ(check_and_insert_unique_ima_entry("/bin/a", nullptr, 20, 1), -1);
 }
 
-TEST_F(Deduplication, MakesAnotherKeyOfNameAndDigest)
+TEST_F(Deduplication, MakesTheKeyOfNameAndDigest)
 {
     std::string name(300, 'n');
     std::string digest(32, 'd');
@@ -71,7 +71,7 @@ TEST_F(Deduplication, MakesAnotherKeyOfNameAndDigest)
     EXPECT_EQ(table.search(""), 6);
 }
 
-TEST_F(Deduplication, MarksEventsWithoutNameOrDigest)
+TEST_F(Deduplication, LeavesEventsWithoutNameOrDigestUnmarked)
 {
     std::string digest = ima_digest_field("sha256", std::string(32, 'd'));
     parsed_list list(ima_record(10, "d-ng", digest) + ima_record(10, "n-ng", ima_name_field("x")) +
@@ -84,7 +84,7 @@ TEST_F(Deduplication, MarksEventsWithoutNameOrDigest)
     EXPECT_EQ(check("x", "y", 1), -1);
 }
 
-TEST_F(Deduplication, ForgetsOverARestart)
+TEST_F(Deduplication, RemembersOverARestart)
 {
     parsed_list list(ima_list(2000, IMA_KIND_ALL));
     std::string first = marks(list);
@@ -96,7 +96,7 @@ TEST_F(Deduplication, ForgetsOverARestart)
     EXPECT_EQ(marks(list), first);
 }
 
-TEST_F(Deduplication, SeesAnotherListBesideAnotherProcess)
+TEST_F(Deduplication, SeesTheSameListBesideAnotherProcess)
 {
     parsed_list list(ima_list(2000, IMA_KIND_ALL));
     std::string alone;
@@ -127,7 +127,7 @@ protected:
     FullTable() : Deduplication(0) {}
 };
 
-TEST_F(FullTable, EndsTheMarking)
+TEST_F(FullTable, KeepsMarkingWhatItHas)
 {
     std::string bytes;
     for (int i = 0; i < 60; ++i)
@@ -141,7 +141,7 @@ TEST_F(FullTable, EndsTheMarking)
               7);
 }
 
-TEST(DeduplicationTable, LiesElsewhere)
+TEST(DeduplicationTable, LiesWhereItsNameSays)
 {
     int result = in_own_shm(16 << 20, [] {
         trace_captured.clear();

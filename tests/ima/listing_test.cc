@@ -62,7 +62,7 @@ judgement ask_evmctl(const list_file &list, const std::array<std::uint8_t, 20> &
     return said;
 }
 
-TEST(Listing, DiffersFromTheKernels)
+TEST(Listing, AgreesWithTheKernels)
 {
     std::string data = ATTEST_TEST_DATA;
     parsed_list list(file_bytes(data + "/recorded-b-ima.bin"));
@@ -71,7 +71,7 @@ TEST(Listing, DiffersFromTheKernels)
               without_trailing_blanks(file_bytes(data + "/recorded-b-ima.txt")));
 }
 
-TEST(Listing, DiffersFromEvmctlsOnGeneratedLists)
+TEST(Listing, AgreesWithEvmctlsOnGeneratedLists)
 {
     if (!evmctl_is_there())
         GTEST_SKIP() << "evmctl (ima-evm-utils) is not installed";
@@ -90,7 +90,7 @@ TEST(Listing, DiffersFromEvmctlsOnGeneratedLists)
     EXPECT_NE(ask_evmctl(list_file(all), {}).exit_status, 0) << "evmctl accepts any PCR value";
 }
 
-TEST(Listing, DiffersFromEvmctlsOnRecordedLists)
+TEST(Listing, AgreesWithEvmctlsOnRecordedLists)
 {
     if (!evmctl_is_there())
         GTEST_SKIP() << "evmctl (ima-evm-utils) is not installed";

@@ -96,7 +96,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- what is allowed ----
 
-TEST_F(RecordReader, RefusesTheLongestThatIsAllowed)
+TEST_F(RecordReader, TakesTheLongestThatIsAllowed)
 {
     std::string long_template = "d-ng|n-ng|" + std::string(245, 'x');
     ASSERT_EQ(long_template.size(), 255);
@@ -144,7 +144,7 @@ TEST_F(RecordReader, TakesAnotherNameForTheOldTemplate)
     EXPECT_TRUE(trace_has("parse_template_data(): Field 'ima2' not supported\n"));
 }
 
-TEST_F(RecordReader, SetsASignatureThatIsNotThere)
+TEST_F(RecordReader, SetsNoSignatureThatIsNotThere)
 {
     std::string fields = ima_digest_field("sha256", DIGEST) + ima_name_field("x");
     parsed_list list(ima_record(10, "ima-sig", fields + ima_field_bytes("")) +
@@ -166,7 +166,7 @@ struct fatal {
 };
 class FatalRecord : public RecordReader, public testing::WithParamInterface<fatal> {};
 
-TEST_P(FatalRecord, IsReadOn)
+TEST_P(FatalRecord, EndsTheList)
 {
     parsed_list list(GOOD + GetParam().record);
     EXPECT_EQ(list.end, ima_record_outcome::failed);
@@ -201,7 +201,7 @@ INSTANTIATE_TEST_SUITE_P(
                           "read_template_data(): ERROR: invalid field len read \n"}),
     [](const auto &parameter) { return std::string(parameter.param.what); });
 
-TEST_F(RecordReader, AllocatesForALengthThatItRefuses)
+TEST_F(RecordReader, AllocatesNothingForALengthThatItRefuses)
 {
     list_file file(with_data_length(ima_record(10, "sig", "data"), 4, IMA_TEMPLATE_DATA_MAX + 1));
     trace_capture_switch_off(true); // its lines come from another heap
@@ -213,7 +213,7 @@ TEST_F(RecordReader, AllocatesForALengthThatItRefuses)
     trace_capture_switch_off(false);
 }
 
-TEST_F(RecordReader, AllocatesMoreThanTheCopies)
+TEST_F(RecordReader, AllocatesTheCopiesAlone)
 {
     list_file file(ima_list(600, IMA_KIND_ALL));
     trace_capture_switch_off(true);
@@ -230,7 +230,7 @@ TEST_F(RecordReader, AllocatesMoreThanTheCopies)
 }
 
 // A list cut at every byte: what was whole before stays, and nothing else is said than the cut.
-TEST_F(RecordReader, ReadsPastACut)
+TEST_F(RecordReader, EndsAtACut)
 {
     std::string old = ima_old_record(10, std::string(20, 'd'), "/bin/old");
     for (const std::string &last : {GOOD, old, ima_list(1, IMA_KIND_SIG, 3)}) {
@@ -252,7 +252,7 @@ TEST_F(RecordReader, ReadsPastACut)
 }
 
 // Every allocation fails once, and from then on: the list is still read, or refused with a status.
-TEST_F(RecordReader, CannotDoWithoutMemory)
+TEST_F(RecordReader, SurvivesWithoutMemory)
 {
     list_file file(ima_list(6, IMA_KIND_ALL) +
                    ima_record(10, "sig", ima_field_bytes(std::string(400000, 's'))) + GOOD);
@@ -286,7 +286,7 @@ TEST_F(RecordReader, CannotDoWithoutMemory)
 // ---- the log's buffer ----
 
 // As the kernel hands the list out, only worse: some bytes at a time.
-TEST_F(RecordReader, NeedsWholeReads)
+TEST_F(RecordReader, TakesReadsInPieces)
 {
     std::string bytes = ima_list(200, IMA_KIND_ALL);
     parsed_list whole(bytes);
@@ -309,7 +309,7 @@ TEST_F(RecordReader, NeedsWholeReads)
     writer.join();
 }
 
-TEST_F(RecordReader, LosesItsPlaceInTheFile)
+TEST_F(RecordReader, KeepsItsPlaceInTheFile)
 {
     std::string big = ima_record(10, "sig", ima_field_bytes(std::string(700000, 's')));
     std::string bytes = ima_list(1000, IMA_KIND_ALL) + big + ima_list(1000, IMA_KIND_ALL, 2);

@@ -29,7 +29,7 @@ bool kind_agrees(field_kind kind, const pb::FieldDescriptor &theirs)
     return false;
 }
 
-TEST(MessageTables, DifferFromTheContract)
+TEST(MessageTables, AgreeWithTheContract)
 {
     const pb::FileDescriptor &file = *remote_attestation_api::IMA_EVENT::descriptor()->file();
     EXPECT_EQ(contract_messages().size(), static_cast<std::size_t>(file.message_type_count()) + 1)
@@ -54,7 +54,7 @@ TEST(MessageTables, DifferFromTheContract)
 }
 
 // A member that lands in the wrong place both ways would pass every comparison of bytes.
-TEST(MessageCodec, MembersLandElsewhere)
+TEST(MessageCodec, MembersLandInTheirPlaces)
 {
     remote_attestation_api::NodeIMAData theirs;
     theirs.set_uptime(77);
@@ -85,7 +85,7 @@ TEST(MessageCodec, MembersLandElsewhere)
     EXPECT_EQ(event.template_name, nullptr);
 }
 
-TEST(MessageCodec, BytesDifferFromProtoc)
+TEST(MessageCodec, BytesAreProtocs)
 {
     std::mt19937 random(1);
     for (const contract_message &type : contract_messages()) {
@@ -100,7 +100,7 @@ TEST(MessageCodec, BytesDifferFromProtoc)
     EXPECT_EQ(heap.live_blocks, 0);
 }
 
-TEST(MessageCodec, NumbersThatAreNotPackedAreLost)
+TEST(MessageCodec, NumbersThatAreNotPackedAreTaken)
 {
     remote_attestation_api::attest_pcr_request theirs;
     for (std::uint32_t index : {0u, 300u, 7u})
@@ -116,7 +116,7 @@ TEST(MessageCodec, NumbersThatAreNotPackedAreLost)
     EXPECT_EQ(empty->present, 0u) << "a run without numbers";
 }
 
-TEST(MessageEncoder, WritesWithoutRoomOrBesideIt)
+TEST(MessageEncoder, WritesOnlyWithinItsRoom)
 {
     std::mt19937 random(2);
     for (const contract_message &type : contract_messages()) {
@@ -151,7 +151,7 @@ TEST(MessageEncoder, PresentEmptyListIsNotLikeAnAbsentOne)
     EXPECT_EQ(std::to_integer<int>(out[2]), 0) << "before the room";
 }
 
-TEST(MessageEncoder, UnencodableIsEncoded)
+TEST(MessageEncoder, UnencodableIsRefused)
 {
     std::uint8_t byte = 0;
     char latin1[] = "caf\xe9";
@@ -226,7 +226,7 @@ TEST(MessageEncoder, UnencodableIsEncoded)
     EXPECT_EQ(message_encoded_size(cases[6].message), (1ll << 31) - 1);
 }
 
-TEST(MessageRelease, SecondReleaseFreesAgain)
+TEST(MessageRelease, SecondReleaseFreesNothing)
 {
     std::mt19937 random(3);
     for (const contract_message &type : contract_messages()) {

@@ -40,7 +40,7 @@ bool agree(const contract_message &type, const std::string &wire)
     return taken;
 }
 
-TEST(HostileBytes, PrefixLeaksOrIsTakenForWhole)
+TEST(HostileBytes, PrefixIsRefusedWithoutALeak)
 {
     pb::LogSilencer quiet;
     std::mt19937 random(4);
@@ -80,7 +80,7 @@ void mutate(std::string &wire, std::mt19937 &random)
     }
 }
 
-TEST(HostileBytes, DamagedMessageIsReadOtherwiseThanByProtoc)
+TEST(HostileBytes, DamagedMessageIsReadAsByProtoc)
 {
     pb::LogSilencer quiet;
     std::mt19937 random(5);
@@ -176,7 +176,7 @@ TEST(HostileBytes, HandMadeCases)
     EXPECT_TRUE(agree(pcrs, "\x0a\x06\xff\xff\xff\xff\xff\x01")) << "packed number of more than 32 bits";
 }
 
-TEST(HostileBytes, Utf8IsJudgedOtherwiseThanByProtoc)
+TEST(HostileBytes, Utf8IsJudgedAsByProtoc)
 {
     pb::LogSilencer quiet;
     const contract_message &type =
@@ -195,7 +195,7 @@ TEST(HostileBytes, Utf8IsJudgedOtherwiseThanByProtoc)
 // The most memory that bytes can claim: an item of the widest structure, spelled out in two bytes. And the
 // most work: a decoder that looks through the rest of the message at each item does not come to the end of
 // this.
-TEST(HostileBytes, FewBytesClaimMuchMemory)
+TEST(HostileBytes, FewBytesClaimLittleMemory)
 {
     constexpr std::size_t WIRE = 256UL * 1024;
     for (const contract_message &type : contract_messages()) {
@@ -214,7 +214,7 @@ TEST(HostileBytes, FewBytesClaimMuchMemory)
 }
 
 // The same with a bound: the item too many is refused, and what came before it is given back.
-TEST(HostileBytes, ListsTakeMoreThanAllowed)
+TEST(HostileBytes, ListsTakeNoMoreThanAllowed)
 {
     constexpr std::uint64_t ITEMS = 1000;
     std::string wire;
@@ -231,7 +231,7 @@ TEST(HostileBytes, ListsTakeMoreThanAllowed)
     message_release(message);
 }
 
-TEST(HostileBytes, MessageBeyondTheLimitIsRead)
+TEST(HostileBytes, MessageBeyondTheLimitIsRefusedUnread)
 {
     constexpr std::size_t size = MESSAGE_SIZE_MAX + std::size_t{1};
     void *unreadable = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
@@ -243,7 +243,7 @@ TEST(HostileBytes, MessageBeyondTheLimitIsRead)
     munmap(unreadable, size);
 }
 
-TEST(HostileBytes, FailedAllocationLeavesSomething)
+TEST(HostileBytes, FailedAllocationLeavesNothing)
 {
     std::mt19937 random(6);
     for (const contract_message &type : contract_messages()) {

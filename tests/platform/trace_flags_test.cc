@@ -123,7 +123,14 @@ TEST_F(trace_flags_test, DestroyedParentHandsItsChildrenOn)
     EXPECT_EQ(trace_flag_destroy(nullptr), platform_status_from_errno(EINVAL));
     add("in-its-place");
     EXPECT_TRUE(trace_flag_enabled(leaf));
-    EXPECT_NE(leaf, root);
+    std::string bytes(TRACE_FLAGS_FILE_SIZE, '\0');
+    std::fstream file(path(TRACE_FLAGS_FILE), std::ios::in | std::ios::out | std::ios::binary);
+    ASSERT_TRUE(file.read(bytes.data(), static_cast<std::streamsize>(bytes.size())));
+    auto &table = *reinterpret_cast<trace_flag_table *>(bytes.data());
+    const trace_flag_slot *parent = trace_flag_parent(table, *trace_flag_find(table, "leaf"));
+    ASSERT_NE(parent, nullptr);
+    EXPECT_EQ(trace_flag_name(*parent), "root");
+    EXPECT_NE(root, nullptr);
 }
 
 TEST_F(trace_flags_test, DamagedTableNeitherHangsNorIsRead)
