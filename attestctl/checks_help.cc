@@ -44,7 +44,7 @@ constexpr auto CHECKS = std::to_array<checks_row>({
      R"(  IMA list         numbers without gaps; template hashes recomputed; the replay gives the quoted
                    PCR 10; with --state from the last event that was verified, unless the node was
                    booted since or the list does not go on from there: then from the begin
-  pinned ...       with --pin: roots, PCRs 0 to 9, 14 and 15 and recorded digests are those of the
+  pinned ...       with --pin: roots, keys, PCRs 0 to 9, 14, 15 and recorded digests are those of the
                    first attestation that was VERIFIED; what differs is a row each, old against new
 )"},
 });

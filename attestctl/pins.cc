@@ -1,8 +1,13 @@
 #include "attestctl/pins.h"
 
 #include <algorithm>
+#include <array>
 
+#include <openssl/x509.h>
+
+#include "attestctl/certificate_text.h"
 #include "attestctl/kept_json.h"
+#include "attestctl/openssl_owners.h"
 #include "attestctl/text.h"
 #include "attestctl/verify/pcr_set.h"
 #include "attestctl/verify/sources.h"
@@ -16,10 +21,21 @@ constexpr kept_kind KIND = {"attestctl_pins", "sources"};
 // Firmware, boot loader, shim and provisioning extend these, and nobody after them.
 constexpr pcr_set PINNED_PCRS = 0xc3ff;
 
+struct pinned_digest {
+    const char *member, *row; // of the file, and of the checks
+    std::optional<std::string> pinned_source::*digest;
+};
+constexpr std::array<pinned_digest, 4> PINNED_DIGESTS = {{
+    {"identity_root", "pinned identity root", &pinned_source::identity_root},
+    {"attestation_key_root", "pinned attestation root", &pinned_source::attestation_key_root},
+    {"identity_key", "pinned identity key", &pinned_source::identity_key},
+    {"attestation_key", "pinned attestation key", &pinned_source::attestation_key},
+}};
+
 // False: it is there, and is none.
-bool read_root(const json &entry, const char *name, std::optional<std::string> &root)
+bool read_digest(const json &entry, const char *name, std::optional<std::string> &digest)
 {
-    return !entry.contains(name) || take_hex(entry, name, sizeof(sha256_digest), root.emplace());
+    return !entry.contains(name) || take_hex(entry, name, sizeof(sha256_digest), digest.emplace());
 }
 
 bool read_pcrs(const json &entry, std::map<std::uint32_t, std::string> &pcrs)
@@ -47,18 +63,19 @@ bool read_references(const json &entry, std::optional<std::vector<std::string>> 
 
 bool read_source(const json &entry, pinned_source &into)
 {
-    return take(entry, "source", into.source) && read_root(entry, "identity_root", into.identity_root) &&
-           read_root(entry, "attestation_key_root", into.attestation_key_root) &&
-           read_pcrs(entry, into.pcrs) && read_references(entry, into.references);
+    for (const pinned_digest &one : PINNED_DIGESTS)
+        if (!read_digest(entry, one.member, into.*one.digest))
+            return false;
+    return take(entry, "source", into.source) && read_pcrs(entry, into.pcrs) &&
+           read_references(entry, into.references);
 }
 
 json source_json(const pinned_source &one)
 {
     json entry = {{"source", one.source}};
-    if (one.identity_root)
-        entry["identity_root"] = hex(*one.identity_root);
-    if (one.attestation_key_root)
-        entry["attestation_key_root"] = hex(*one.attestation_key_root);
+    for (const pinned_digest &kind : PINNED_DIGESTS)
+        if (one.*kind.digest)
+            entry[kind.member] = hex(*(one.*kind.digest));
     if (!one.pcrs.empty())
         entry["pcrs"] = json::array();
     for (const auto &[index, value] : one.pcrs)
@@ -74,13 +91,34 @@ std::optional<std::string> root_of(const api::SystemCertificates *record)
 {
     if (record == nullptr || record->certs().empty())
         return std::nullopt;
-    const sha256_digest digest = sha256_of(record->certs(0).data());
-    return std::string(digest.begin(), digest.end());
+    return digest_of(quoted_bank(), {record->certs(0).data()});
+}
+
+// The key of the certificate, which comes last.
+std::optional<std::string> key_of(const api::SystemCertificates *record)
+{
+    if (record == nullptr || record->certs().empty())
+        return std::nullopt;
+    std::string error;
+    const x509_owner certificate = read_certificate(record->certs(record->certs_size() - 1).data(), error);
+    const EVP_PKEY *key = certificate ? X509_get0_pubkey(certificate.get()) : nullptr;
+    const int length = key != nullptr ? i2d_PUBKEY(key, nullptr) : 0;
+    std::string der(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+    auto *at = reinterpret_cast<unsigned char *>(der.data());
+    if (der.empty() || i2d_PUBKEY(key, &at) != length)
+        return std::nullopt;
+    return digest_of(quoted_bank(), {der});
 }
 
 pinned_source describe(const source &from, std::string name)
 {
-    pinned_source now{std::move(name), root_of(from.identity), root_of(from.attestation_key), {}, {}};
+    pinned_source now{std::move(name),
+                      root_of(from.identity),
+                      root_of(from.attestation_key),
+                      key_of(from.identity),
+                      key_of(from.attestation_key),
+                      {},
+                      {}};
     for (std::uint32_t i = 0; from.pcrs != nullptr && i < PINNED_PCRS.size(); ++i)
         if (const std::string *value = value_of(from.pcrs->pcrs(), i); value != nullptr)
             now.pcrs[i] = *value;
@@ -112,8 +150,8 @@ finding old_against_new(const std::string &then, const std::string &now)
     return failed("pinned is " + shown(then) + ", now it is " + shown(now));
 }
 
-void check_root(check_list &list, const char *name, const std::optional<std::string> &pinned,
-                const std::optional<std::string> &now)
+void check_digest(check_list &list, const char *name, const std::optional<std::string> &pinned,
+                  const std::optional<std::string> &now)
 {
     if (pinned)
         add(list, name,
@@ -194,8 +232,8 @@ void check_pins(std::vector<check> &rows, const std::vector<pinned_source> &pinn
         if (is == now.end()) {
             add(list, "pinned source", failed("sent nothing, and is pinned"));
         } else {
-            check_root(list, "pinned identity root", then.identity_root, is->identity_root);
-            check_root(list, "pinned attestation root", then.attestation_key_root, is->attestation_key_root);
+            for (const pinned_digest &one : PINNED_DIGESTS)
+                check_digest(list, one.row, then.*one.digest, (*is).*one.digest);
             check_pcrs(list, then, *is);
             check_references(list, then, *is);
         }

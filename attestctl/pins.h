@@ -15,6 +15,7 @@
 struct pinned_source {
     std::string source;                                             // see source_name
     std::optional<std::string> identity_root, attestation_key_root; // SHA-256 of the certificates
+    std::optional<std::string> identity_key, attestation_key;       // SHA-256 of the public keys in DER
     std::map<std::uint32_t, std::string> pcrs;                      // of the quoted bank
     std::optional<std::vector<std::string>> references;             // digests of the chips as recorded
 };
@@ -30,8 +31,8 @@ bool read_pins(const std::string &path, node_pins &into, std::string &error);
 // Replaces the file where something has changed. False, and `error` has one line.
 bool write_pins(node_pins &pins, std::string &error);
 
-// What is to be pinned of a node that was verified: the roots, PCRs 0 to 9, 14 and 15, which are the same
-// after each boot of the same software, and the recorded digests.
+// What is to be pinned of a node that was verified: roots and keys, PCRs 0 to 9, 14 and 15, which are the
+// same after each boot of the same software, and the recorded digests.
 std::vector<pinned_source> pins_of(const evidence &got);
 
 // Adds a row for each kind of pin that holds, and one for each single thing that is not as pinned, old

@@ -284,6 +284,14 @@ TEST_F(KeptFiles, PinsAreDemandedFromTheSecondUseOn)
         EXPECT_THAT(done.text, MatchesRegex(std::string(".*\n +") + row +
                                             " +FAIL +pinned is [0-9a-f]{64}, now it is [0-9a-f]{64}\n.*"));
     EXPECT_EQ(content_of(pins), kept);
+
+    node.model.evidence = good_second_source(node.model.name); // another card in its place
+    done = attest_unpinned("");
+    EXPECT_EQ(done.status, 1);
+    for (const char *row : {"pinned identity key", "pinned attestation key"})
+        EXPECT_THAT(done.text, MatchesRegex(std::string(".*\n +") + row +
+                                            " +FAIL +pinned is [0-9a-f]{64}, now it is [0-9a-f]{64}\n.*"));
+    EXPECT_EQ(content_of(pins), kept);
 }
 
 TEST_F(KeptFiles, PinsOfTwoSourcesAreDemandedOfEachByItself)
