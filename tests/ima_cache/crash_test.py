@@ -169,7 +169,8 @@ def sweep(name, state, target, after_a_kill, after_a_failure):
         again = random.choice(calls_of("work", target)[0])
         half_way.put_back()
         kill_before(name, *again, target)
-        check(f"{name}, killed before {call} {number}, then before {again}", after_a_kill)
+        # The second one may have come while a cache that the first had cut back was filled again.
+        check(f"{name}, killed before {call} {number}, then before {again}", range(min(after_a_kill), target + 1, 1000))
         shutil.rmtree(half_way.place)
     reading = random.sample(reading, min(READS, len(reading)))
     errors = sample([(call, number, error, ever) for call, number in points + reading for error in ERRORS
