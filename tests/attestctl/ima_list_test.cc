@@ -249,6 +249,15 @@ TEST(ima_list, FieldsThatTheTemplateDoesNotHaveAreNotProven)
     }
 }
 
+TEST(ima_list, ANodeThatMeasuresNothingSaysSo)
+{
+    attested boot = recorded("recorded-a");
+    boot.list.clear_events();
+    boot.quotes.mutable_node_data(0)->mutable_pcrs(10)->set_value(std::string(32, '\0'));
+    EXPECT_THAT(not_passed(boot), testing::IsEmpty());
+    EXPECT_THAT(judge(boot)[0].reason, HasSubstr("0 events"));
+}
+
 TEST(ima_list, AListThatHasGrownVerifiesUpToTheQuote)
 {
     attested boot = recorded("recorded-b");

@@ -126,7 +126,7 @@ class Stream(Program):
             targets.flush()
             done = run(None, "attest", "--targets", targets.name, "--node-timeout", "3", "--timeout", "50")
             self.assertIn("NOT VERIFIED: ", done.stdout.decode())
-            self.assertRegex(done.stdout.decode(), r"no answer within [0-2](\.\d+)? s")
+            self.assertRegex(done.stdout.decode(), r"no answer within [0-3](\.\d+)? s")
 
     def test_one_of_many_nodes_may_not_send_as_much_as_it_likes(self):
         large = api.get_platform_boot_integrity_event_logs_response(

@@ -63,6 +63,14 @@ TEST(verify, certificates)
         {"key of another kind",
          replaced(DEVICE, device, [](auto &plan) { plan.key = keys().stranger.get(); }),
          {"FAIL identity signature", "FAIL attestation key signature"}},
+        {"key by an algorithm that nobody has",
+         [](forged &f) {
+             std::string der = identity(f).certs(DEVICE).data();
+             const std::string rsa_encryption = "\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01";
+             der.at(der.find(rsa_encryption) + rsa_encryption.size() - 1) = '\x63';
+             replace_certificate(f, DEVICE, der);
+         },
+         {"FAIL identity chain", "FAIL identity signature", "FAIL attestation key signature"}},
         {"CA that did not issue",
          replaced(DEVICE, device,
                   [](auto &plan) {

@@ -385,6 +385,12 @@ TEST_F(retrieval_test, TheLimitOfTheDataSegmentStopsTheGrowthAndKeepsWhatThereIs
     EXPECT_TRUE(trace_has("attestation_get_local_ima_event_logs(): RLIMIT is hit"));
     EXPECT_EQ(got.numbers.size() % 1000, 0u);
     EXPECT_FALSE(got.numbers.empty());
+
+    at_soft_data_limit = ~std::uint64_t{0};
+    fill_cache();
+    at_soft_data_limit = peak_resident_set() + 500'000;
+    EXPECT_EQ(ask(0, ALL).status, ATTEST_ERR_NO_MEMORY) << "from the cache, too";
+    EXPECT_EQ(stream(0, ALL), numbers(1, LENGTH)) << "a stream holds one chunk at a time";
 }
 
 TEST_F(retrieval_test, DuplicatesAreMarkedAlikeLiveAndFromTheCache)
