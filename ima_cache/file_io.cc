@@ -22,7 +22,7 @@ unique_fd open_own_object(const char *name, int more_flags, mode_t mode)
     struct stat state {};
     bool foreign =
         object ? fstat(object.get(), &state) != 0 || !S_ISREG(state.st_mode) || state.st_uid != geteuid()
-               : errno == EACCES;
+               : errno == EACCES || errno == ELOOP || errno == ENXIO;
     if (foreign) {
         object.reset();
         shm_unlink(name);

@@ -47,11 +47,11 @@ void refresh_manifest(kovc_context &context)
     forget_keys(context);
     context.binding = KOV_ERR_NOT_PROVISIONED;
     cache.status = manifest_load(path, cache.content);
-    cache.path = path;
     // What could not be read now is read again at the next login.
     const bool settled = cache.status == KOV_SUCCESS || cache.status == KOV_ERR_MANIFEST ||
                          cache.status == KOV_ERR_NOT_PROVISIONED;
-    cache.stamp = settled ? stamp : (struct stat){};
+    cache.path = settled ? path : std::string();
+    cache.stamp = stamp;
 }
 
 void bind_reference_list(kovc_context &context)

@@ -112,7 +112,10 @@ TEST_F(provision_test, ADamagedManifestIsReplacedWithoutLossOfWhatItNamed)
     const std::string whole = file_text(tpm.manifest());
     write_file(tpm.manifest(), whole.substr(0, whole.size() / 2));
     fs::create_directory(tpm.manifest() + ".new"); // in the way of the new one
-    EXPECT_NE(run(tpm, "--force").status, 0);
+    for (int run_again = 0; run_again < 2; ++run_again) {
+        EXPECT_NE(run(tpm, "--force").status, 0);
+        EXPECT_THAT(keys_in(tpm), SizeIs(2)) << "what it made itself stays behind";
+    }
     fs::remove(tpm.manifest() + ".new");
     write_file(tpm.manifest(), whole);
     const program_result checked = run(tpm, "--check");

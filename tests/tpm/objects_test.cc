@@ -1,4 +1,7 @@
 // Named objects, and the board's identifiers with their binding to PCR 15.
+#include <filesystem>
+#include <functional>
+
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -112,18 +115,32 @@ TEST_F(objects_test, AManifestChangedOrDamagedIsSeenAtTheNextLogin)
     EXPECT_EQ(session.pcr(2, 0).status, KOV_SUCCESS);
     write_file(tpm_.manifest(), whole);
     EXPECT_EQ(login().sign("RSA_VOXAKEY", {1}).status, KOV_SUCCESS);
+}
+
+// A login while no file can be opened.
+kov_status sign_without_descriptors(const std::function<kov_status()> &sign)
+{
+    const unique_fd lowest(dup(0)); // none is free below this one
+    rlimit former{};
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &former), 0);
+    const rlimit none{static_cast<rlim_t>(lowest.get()), former.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const scope_exit restore([&former] { setrlimit(RLIMIT_NOFILE, &former); });
+    return sign();
+}
+
+TEST_F(objects_test, AManifestThatCannotBeReadNowIsReadAtTheNextLogin)
+{
+    const auto sign = [this] { return login().sign("RSA_VOXAKEY", {1}).status; };
+    ASSERT_EQ(sign(), KOV_SUCCESS);
+    const std::string whole = file_text(tpm_.manifest());
     write_file(tpm_.manifest(), whole + "\n");
-    {
-        const unique_fd lowest(dup(0)); // none is free below this one
-        rlimit former{};
-        ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &former), 0);
-        const rlimit none{static_cast<rlim_t>(lowest.get()), former.rlim_max};
-        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-        const scope_exit restore([&former] { setrlimit(RLIMIT_NOFILE, &former); });
-        EXPECT_EQ(login().sign("RSA_VOXAKEY", {1}).status, KOV_ERR_ERRNO | EMFILE);
-    }
-    EXPECT_EQ(login().sign("RSA_VOXAKEY", {1}).status, KOV_SUCCESS)
-        << "read again, though it is the same file";
+    EXPECT_EQ(sign_without_descriptors(sign), KOV_ERR_ERRNO | EMFILE);
+    EXPECT_EQ(sign(), KOV_SUCCESS) << "of the same file";
+    write_file(tpm_.manifest(), whole);
+    EXPECT_EQ(sign_without_descriptors(sign), KOV_ERR_ERRNO | EMFILE);
+    std::filesystem::remove(tpm_.manifest());
+    EXPECT_EQ(sign(), KOV_ERR_NOT_PROVISIONED);
 }
 
 // What a verifier does: PCR 15 from the type 0 digests of the answer.

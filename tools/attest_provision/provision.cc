@@ -29,6 +29,7 @@ struct run {
     authority ca;
     std::unique_ptr<tpm_connection> tpm;
     inventory held;
+    inventory before; // what earlier runs left in it
     manifest made;
     std::string folder;
 };
@@ -74,6 +75,23 @@ bool clear_unreferenced(run &now, const manifest &in_force)
 bool is_known(kov_status loaded)
 {
     return loaded == KOV_SUCCESS || loaded == KOV_ERR_NOT_PROVISIONED;
+}
+
+// Removes what this run has made: a manifest that is damaged has none of it.
+bool take_back(run &now)
+{
+    const auto is_older = [&now](const inventory_key &key) {
+        return std::any_of(now.before.keys.begin(), now.before.keys.end(), [&key](const inventory_key &old) {
+            return old.handle == key.handle && old.tpm_name == key.tpm_name;
+        });
+    };
+    for (const inventory_key &key : now.held.keys)
+        if (!is_older(key) && !tpm_evict_key(*now.tpm, key.handle, key.tpm_name))
+            return false;
+    if (!node_directory_remove_folder(now.directory, now.folder))
+        return false;
+    now.held = now.before;
+    return inventory_write(now.directory, now.held);
 }
 
 // False, and *status set, when the node is provisioned already and that is to stay.
@@ -225,7 +243,10 @@ bool prepare(run &now, int *status)
     if (!have_ca || !tpm_connect(now.tpm))
         return false;
     now.held = inventory_read(now.directory);
-    return (!is_known(now.old_status) || clear_unreferenced(now, now.old)) && name_folder(now);
+    if (is_known(now.old_status) && !clear_unreferenced(now, now.old))
+        return false;
+    now.before = now.held;
+    return name_folder(now);
 }
 
 } // namespace
@@ -238,8 +259,11 @@ int provision(const provision_options &options)
         return status;
     if (!make_material(now) || !commit(now)) {
         manifest in_force; // the disk says which it is: a failure may come after the rename
-        if (is_known(manifest_load(now.directory.manifest_path, in_force)))
+        const kov_status loaded = manifest_load(now.directory.manifest_path, in_force);
+        if (is_known(loaded))
             clear_unreferenced(now, in_force);
+        else if (loaded == KOV_ERR_MANIFEST)
+            take_back(now);
         return EXIT_FAILED;
     }
     tell(now);
