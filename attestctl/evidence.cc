@@ -8,12 +8,11 @@
 #include "attestctl/nonce.h"
 #include "attestctl/state.h"
 #include "attestctl/text.h"
+#include "attestctl/verify/ima_list.h"
 #include "attestctl/verify/pcr_set.h"
 
 namespace {
 
-// A node and its management controller are two; more are counted, and refused by the checks.
-constexpr std::size_t MOST_TOLD = 16;
 constexpr const char *NO_NONCE = "no random bytes for a nonce";
 constexpr const char *NO_EVIDENCE = "the node answered without evidence";
 
@@ -51,12 +50,12 @@ arrival row_of(const char *kind, const Answer &answer)
 {
     std::string text;
     const std::size_t sources = length_of(answer.node_data());
-    for (std::size_t i = 0; i < std::min(sources, MOST_TOLD); ++i) {
+    for (std::size_t i = 0; i < std::min(sources, MOST_SOURCES); ++i) {
         const auto &record = answer.node_data(static_cast<int>(i));
         text += (text.empty() ? "" : "; ") + printable(record.node_name(), 64) + ": " + content(record);
     }
-    if (sources > MOST_TOLD)
-        text += "; and " + grouped(sources - MOST_TOLD) + " more";
+    if (sources > MOST_SOURCES)
+        text += "; and " + grouped(sources - MOST_SOURCES) + " more";
     return {kind, sources > 0, sources, sources > 0 ? text : NO_EVIDENCE};
 }
 
@@ -217,7 +216,7 @@ void note_message(ima_arrival &state, const api::NodeIMAData &message)
 {
     state.events += length_of(message.events());
     state.cut_short = !message.has_node_name();
-    if (message.has_node_name() && state.nodes.size() <= MOST_TOLD &&
+    if (message.has_node_name() && state.nodes.size() <= MOST_SOURCES &&
         std::find(state.nodes.begin(), state.nodes.end(), message.node_name()) == state.nodes.end())
         state.nodes.push_back(message.node_name());
 }

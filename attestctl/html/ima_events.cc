@@ -8,8 +8,6 @@ namespace api = remote_attestation_api;
 
 namespace {
 
-// A node and its management controller are two.
-constexpr std::size_t MOST_LISTS = 16;
 // Templates that are told apart; more are "others".
 constexpr std::size_t MOST_TEMPLATES = 8;
 
@@ -144,7 +142,7 @@ void take_ima_rows(std::vector<shown_ima_list> &lists, const api::NodeIMAData &m
     auto list = std::find_if(lists.begin(), lists.end(),
                              [&](const shown_ima_list &one) { return one.source == message.node_name(); });
     if (list == lists.end()) {
-        if (lists.size() == MOST_LISTS)
+        if (lists.size() == MOST_SOURCES)
             return;
         list = lists.insert(list, shown_ima_list{message.node_name()});
     }

@@ -1,6 +1,5 @@
 // The boot event log and the IMA list.
 #include <algorithm>
-#include <cstring>
 
 #include "attestctl/event_data.h"
 #include "attestctl/event_types.h"
@@ -20,12 +19,11 @@ constexpr std::size_t MOST_DIGESTS = 16; // of one event; a TPM has fewer banks
 // Whether its SHA-256 digest is that of its data.
 bool is_digest_of_data(const api::BOOT_EVENT &event)
 {
-    const sha256_digest of_data = sha256_of(event.event_data());
-    return std::any_of(
-        event.digests().begin(), event.digests().end(), [&](const api::BOOT_EVENT_DIGEST &one) {
-            return one.digest().size() == of_data.size() && one.hash_alg() == quoted_bank().number &&
-                   std::memcmp(one.digest().data(), of_data.data(), of_data.size()) == 0;
-        });
+    const std::string of_data = digest_of(quoted_bank(), {event.event_data()});
+    return std::any_of(event.digests().begin(), event.digests().end(),
+                       [&of_data](const api::BOOT_EVENT_DIGEST &one) {
+                           return one.hash_alg() == quoted_bank().number && one.digest() == of_data;
+                       });
 }
 
 void append_boot_event(html &out, const api::BOOT_EVENT &event)

@@ -11,9 +11,6 @@ namespace api = remote_attestation_api;
 
 namespace {
 
-// A node and its management controller are two.
-constexpr std::size_t MOST_LISTS = 16;
-
 constexpr std::uint32_t IMA_PCR = 10;
 constexpr std::size_t TEMPLATE_HASH_SIZE = 20;
 
@@ -250,7 +247,7 @@ void take_ima_message(std::vector<ima_list> &lists, const api::NodeIMAData &mess
     auto list = std::find_if(lists.begin(), lists.end(),
                              [&](const ima_list &one) { return one.source == message.node_name(); });
     if (list == lists.end()) {
-        if (lists.size() == MOST_LISTS)
+        if (lists.size() == MOST_SOURCES)
             return;
         list = lists.insert(lists.end(), ima_list());
         begin_list(*list, message.node_name(), quotes, start);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -11,6 +12,10 @@
 #include "attestctl/check.h"
 #include "attestctl/verify/hashes.h"
 #include "attestctl/verify/pcr_set.h"
+
+// Sources whose evidence is looked at: a node and its management controller are two, more than this is no
+// node.
+inline constexpr std::size_t MOST_SOURCES = 16;
 
 // A place in a list up to which it has been verified: what was quoted of the PCRs that its events were
 // extended into.

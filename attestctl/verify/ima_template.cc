@@ -48,14 +48,16 @@ bool append_signature(const api::IMA_EVENT &event, std::string &data)
     return true;
 }
 
+constexpr unsigned DIGEST = 1, NAME = 2, SIGNATURE = 4;
+
 struct template_field {
     std::string_view id;
+    unsigned bit;
     bool (*append)(const api::IMA_EVENT &event, std::string &data);
 };
 constexpr std::array<template_field, 3> FIELDS = {
-    {{"d-ng", append_digest}, {"n-ng", append_name}, {"sig", append_signature}}};
+    {{"d-ng", DIGEST, append_digest}, {"n-ng", NAME, append_name}, {"sig", SIGNATURE, append_signature}}};
 
-constexpr unsigned DIGEST = 1, NAME = 2, SIGNATURE = 4;   // bits of those fields
 constexpr std::string_view IMA_DIGEST_ALGORITHM = "SHA1"; // what the node says of template "ima"
 
 std::string_view field_list_of(std::string_view template_name)
@@ -92,12 +94,9 @@ bool rebuild_template_data(const api::IMA_EVENT &event, std::string &data)
         const std::string_view id = fields.substr(0, end);
         const auto *field = std::find_if(FIELDS.begin(), FIELDS.end(),
                                          [id](const template_field &one) { return one.id == id; });
-        if (field == FIELDS.end() || !field->append(event, data))
+        if (field == FIELDS.end() || (used & field->bit) != 0 || !field->append(event, data))
             return false;
-        const unsigned bit = 1U << (field - FIELDS.begin());
-        if ((used & bit) != 0)
-            return false;
-        used |= bit;
+        used |= field->bit;
         more = end != std::string_view::npos;
         fields = more ? fields.substr(end + 1) : fields;
     }

@@ -6,9 +6,6 @@
 
 namespace {
 
-// A node and its management controller are two; more than this is none.
-constexpr std::size_t MOST_SOURCES = 16;
-
 // False: there are too many.
 template <typename Answer, typename Record>
 bool sort_in(std::vector<source> &sources, const Answer &answer, const Record *source::*kind)

@@ -184,9 +184,10 @@ void watch_listener()
 
 void rest_is_over(void *)
 {
-    if (server.listener && server.accepts == nullptr)
-        watch_listener();
-    if (server.listener && server.accepts == nullptr) // no memory for it yet
+    if (!server.listener || server.accepts != nullptr)
+        return;
+    watch_listener();
+    if (server.accepts == nullptr) // no memory for it yet
         levm_watch_timer_rearm(server.rest.get(), REST_MS);
 }
 
@@ -206,6 +207,13 @@ void accept_one()
         &one));
     if (one.ready == nullptr || one.limit == nullptr)
         forget(one);
+}
+
+void close_listener()
+{
+    server.rest.reset();
+    server.accepts.reset();
+    server.listener.reset();
 }
 
 // What an agent left that was killed. Only a socket is removed: a path that was mistyped may be anything.
@@ -233,9 +241,7 @@ int listen_at(const address &where)
     server.rest.reset(levm_watch_timer(server.manager, REST_MS, rest_is_over, nullptr));
     if (server.accepts != nullptr && server.rest != nullptr)
         return 0;
-    server.rest.reset();
-    server.accepts.reset();
-    server.listener.reset();
+    close_listener();
     return ENOMEM;
 }
 
@@ -279,9 +285,7 @@ std::uint32_t metrics_start(levm *manager)
 void metrics_stop()
 {
     server.connections.clear();
-    server.rest.reset();
-    server.accepts.reset();
-    server.listener.reset();
+    close_listener();
     if (!server.path.empty())
         remove_socket(server.path);
     server.path.clear();

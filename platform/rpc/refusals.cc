@@ -98,8 +98,7 @@ bool rpc_handshake_failed(const char *line)
         if (reasons.size() == MOST_REASONS)
             reasons.pop_front();
         reasons.push_back({rpc_now_ms(), reason_of(text)});
-    } catch (const std::bad_alloc &) {
-        return true; // it was one, and nobody is told why
+    } catch (const std::bad_alloc &) { // nobody is told why
     }
     return true;
 }

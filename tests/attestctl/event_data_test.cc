@@ -292,7 +292,6 @@ TEST(event_data, lists_that_do_not_end_are_cut)
     EXPECT_THAT(variable_data_text("db", lists), testing::EndsWith("of 1 bytes; ..."));
     EXPECT_EQ(event_data_lines(event_type::EFI_HANDOFF_TABLES, le(200, 8) + tables).back(),
               "... 72 more tables");
-    const std::string head = GPT.substr(0, 80) + le(200, 8);
     std::string entries;
     for (int i = 0; i < 200; ++i)
         entries += GPT.substr(92);

@@ -27,8 +27,9 @@ LIBRARY = node.BUILD / "tests/end_to_end/libfailing_allocator.so"
 CONTROL = "/dev/shm/failing_allocator"
 METRICS = "http://127.0.0.1:9551/metrics"
 ALL = os.environ.get("ALLOCATIONS") == "all"
-# What a call may end with when the memory for it is short: its status, or the end of its connection.
+# Operations whose records are whole or not there, while a log may lack single events or fields of them.
 WHOLE_OR_ABSENT = ("GetCertificate", "AttestPcrs", "GetPlatformHwIntegrity")
+# What a call may end with when the memory for it is short: its status, or the end of its connection.
 SAID_CLEARLY = (grpc.StatusCode.RESOURCE_EXHAUSTED, grpc.StatusCode.UNAVAILABLE)
 # Functions in the executable that headers have put there: of the C++ library, which libraries use too; and of others.
 ANYBODYS = re.compile(r"([^(]* )?std::|__gnu_cxx::")
@@ -134,7 +135,6 @@ class Allocations(unittest.TestCase):
         if isinstance(answer, list):
             if len(answer) > len(self.whole[operation]):
                 found.append("more than the whole answer")
-            # A log may lack single events or fields of them; these records are whole or not there.
             if operation in WHOLE_OR_ABSENT and answer not in ([], self.whole[operation]):
                 found.append("a part of the record")
         elif answer not in SAID_CLEARLY:

@@ -334,16 +334,16 @@ TEST_F(Flow, DeactivationDoesNotWaitForAStalledClient)
 {
     serve();
     auto stream = open_refused_stream();
-    const auto before = std::chrono::steady_clock::now();
     node.deactivate();
-    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(60))
-        << "the client's limit is 90 s";
     EXPECT_EQ(node.order(), "connect stream refused error disconnect");
     EXPECT_EQ(send_late(), REMOTE_ATTESTATION_API_NO_CLIENT);
     api::NodeIMAData message;
     while (stream->reader->Read(&message)) {
     }
-    EXPECT_FALSE(stream->reader->Finish().ok());
+    const grpc::Status ended = stream->reader->Finish();
+    EXPECT_FALSE(ended.ok());
+    EXPECT_NE(ended.error_code(), grpc::StatusCode::DEADLINE_EXCEEDED)
+        << "deactivating waited for the client's limit";
 }
 
 } // namespace
