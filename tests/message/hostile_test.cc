@@ -103,7 +103,7 @@ TEST(HostileBytes, DamagedMessageIsReadAsByProtoc)
 TEST(HostileBytes, HandMadeCases)
 {
     pb::LogSilencer quiet;
-    const std::string ten_ff(9, '\xff');
+    const std::string nine_ff(9, '\xff');
     const std::string group_start = "\x7b";
     const std::string group_end = "\x7c";
     auto groups = [&](int depth) {
@@ -119,36 +119,21 @@ TEST(HostileBytes, HandMadeCases)
         std::string wire;
         bool taken;
     } cases[] = {
-        {"last of two equal fields counts",
-         {"\x0a\x01"
-          "a\x0a\x02"
-          "bc"},
-         true},
-        {"text with a NUL",
-         {"\x0a\x03"
-          "a\0b",
-          5},
-         true},
+        {"last of two equal fields counts", {"\x0a\1a\x0a\2bc"}, true},
+        {"text with a NUL", {"\x0a\3a\0b", 5}, true},
         {"string that is not UTF-8", {"\x0a\x02\xc3\x28"}, false},
         {"overlong UTF-8", {"\x0a\x02\xc0\x80"}, false},
         {"surrogate", {"\x0a\x03\xed\xa0\x80"}, false},
         {"known field with another wire type is unknown", {"\x08\x05\x15\1\2\3\4"}, true},
         {"number with a length is unknown", {"\x12\x02\x05\x06"}, true},
-        {"varint of 10 bytes", "\x10" + ten_ff + "\x01", true},
-        {"varint of 10 bytes with bits beyond 64", "\x10" + ten_ff + "\x7f", true},
-        {"varint of 11 bytes", "\x10" + ten_ff + "\x81\x01", false},
-        {"unknown varint of 11 bytes", "\x78" + ten_ff + "\x81\x01", false},
-        {"length beyond the end",
-         {"\x0a\x7f"
-          "a"},
-         false},
+        {"varint of 10 bytes", "\x10" + nine_ff + "\x01", true},
+        {"varint of 10 bytes with bits beyond 64", "\x10" + nine_ff + "\x7f", true},
+        {"varint of 11 bytes", "\x10" + nine_ff + "\x81\x01", false},
+        {"unknown varint of 11 bytes", "\x78" + nine_ff + "\x81\x01", false},
+        {"length beyond the end", {"\x0a\177a"}, false},
         {"length of 2 GiB", {"\x0a\xff\xff\xff\xff\x07"}, false},
         {"length of 6 bytes", {"\x0a\x80\x80\x80\x80\x80\x00", 7}, false},
-        {"length that is not minimal",
-         {"\x0a\x81\x80\x00"
-          "a",
-          5},
-         true},
+        {"length that is not minimal", {"\x0a\201\200\0a", 5}, true},
         {"tag of 6 bytes", {"\x88\x80\x80\x80\x80\x00\x01", 7}, false},
         {"field number 0", {"\x00\x01", 2}, false},
         {"field number 0 with a length", {"\x02\x00", 2}, false},
