@@ -87,31 +87,6 @@ TEST_F(trace_flags_test, FlagThatCannotBeRegisteredIsAStatus)
     EXPECT_EQ(status, platform_status_from_errno(ENOSPC));
 }
 
-TEST_F(trace_flags_test, DirectoryInPlaceOfTheTableIsAStatusAndLeavesTheBufferUsable)
-{
-    std::filesystem::create_directory(path(TRACE_FLAGS_FILE));
-    trace_buffer *buffer = nullptr;
-    ASSERT_EQ(trace_buffer_init(&buffer, "test", 0, TRACE_RING_SIZE_MIN), 0u);
-    trace_flag *flag = add("root");
-    EXPECT_EQ(status, platform_status_from_errno(EISDIR));
-    std::uint32_t site = TRACE_SITE_INIT;
-    trace_log(flag, buffer, &site, "under a flag that is not there");
-    EXPECT_EQ(lines().size(), 1u);
-    trace_buffer_close(&buffer);
-}
-
-TEST_F(trace_flags_test, FlagThatIsOffWritesNothing)
-{
-    setenv("ATTEST_TRACE", "none", 1);
-    trace_buffer *buffer = nullptr;
-    ASSERT_EQ(trace_buffer_init(&buffer, "test", 0, TRACE_RING_SIZE_MIN), 0u);
-    std::uint32_t site = TRACE_SITE_INIT;
-    trace_log(add("root"), buffer, &site, "not wanted");
-    EXPECT_TRUE(lines().empty());
-    EXPECT_EQ(site, TRACE_SITE_INIT);
-    trace_buffer_close(&buffer);
-}
-
 TEST_F(trace_flags_test, DestroyedParentHandsItsChildrenOn)
 {
     trace_flag *root = add("root");
