@@ -1,11 +1,10 @@
 #include "tests/tpm/fake_tpm.h"
 
 #include <poll.h>
+#include <stdexcept>
 #include <sys/socket.h>
-#include <sys/un.h>
 
-#include <cerrno>
-#include <system_error>
+#include "tests/tpm/software_tpm.h"
 
 namespace {
 
@@ -20,14 +19,10 @@ bool readable(int fd)
 } // namespace
 
 fake_tpm::fake_tpm(const std::string &path, answerer answer)
-    : answer_(std::move(answer)), listening_(socket(AF_UNIX, SOCK_STREAM, 0))
+    : answer_(std::move(answer)), listening_(listen_at(path))
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    if (bind(listening_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
-        listen(listening_.get(), 4) != 0)
-        throw std::system_error(errno, std::generic_category(), path);
+    if (!listening_)
+        throw std::runtime_error("cannot listen at " + path);
     thread_ = std::thread([this] {
         while (!stopping_) {
             if (!readable(listening_.get()))

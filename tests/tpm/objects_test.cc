@@ -172,31 +172,19 @@ TEST_F(objects_test, TheReferenceListIsInPcr15OnceABoot)
     }
 }
 
-TEST_F(objects_test, ASwappedARemovedAndAnAddedChipAreDifferences)
+TEST_F(objects_test, OfAChipThatIsGoneTheBoardHasZeros)
 {
     manifest changed = read_manifest();
-    const std::size_t shown = changed.identifiers.size(); // on this machine
     manifest_identifier gone{"net/gone", {}};
     gone.digests[1].fill(0x77);
     changed.identifiers.push_back(gone);
-    if (shown > 0)
-        changed.identifiers[0].digests[1][5] ^= 1;
-    if (shown > 1)
-        changed.identifiers.erase(changed.identifiers.begin() + 1);
     write_manifest(changed);
     const session_owner session = login();
-    const std::vector<std::uint8_t> reference = session.uids(KOV_UID_REFERENCE, 2).digests.bytes();
-    const std::vector<std::uint8_t> board = session.uids(KOV_UID_BOARD, 2).digests.bytes();
-    EXPECT_EQ(reference.size(), changed.identifiers.size() * 32);
-    EXPECT_EQ(board.size(), reference.size() + (shown > 1 ? 32 : 0)) << "the unknown one follows at the end";
-    for (std::size_t i = 0; i < changed.identifiers.size(); ++i) {
-        const bool swapped = i == 0 && shown > 0;
-        const bool removed = changed.identifiers[i].place == "net/gone";
-        const std::span now = std::span(board).subspan(i * 32, 32);
-        EXPECT_EQ(std::equal(now.begin(), now.end(), reference.begin() + static_cast<long>(i) * 32),
-                  !swapped && !removed);
-        EXPECT_EQ(std::all_of(now.begin(), now.end(), [](std::uint8_t byte) { return byte == 0; }), removed);
-    }
+    std::vector<std::uint8_t> expected = session.uids(KOV_UID_REFERENCE, 2).digests.bytes();
+    ASSERT_EQ(expected.size(), changed.identifiers.size() * 32);
+    EXPECT_EQ(expected.back(), 0x77);
+    std::fill(expected.end() - 32, expected.end(), std::uint8_t{0});
+    EXPECT_EQ(session.uids(KOV_UID_BOARD, 2).digests.bytes(), expected);
 }
 
 } // namespace

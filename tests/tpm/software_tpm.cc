@@ -14,25 +14,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include "platform/owners.h"
-
 namespace {
 
 namespace fs = std::filesystem;
-
-// Listens for the TPM before it runs: who connects early waits for it instead of failing.
-unique_fd listen_at(const std::string &path)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    unlink(path.c_str());
-    unique_fd listening(socket(AF_UNIX, SOCK_STREAM, 0));
-    if (bind(listening.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
-        listen(listening.get(), 4) != 0)
-        listening.reset();
-    return listening;
-}
 
 [[noreturn]] void become_tpm(const std::string &directory, int listening, tpm_start start)
 {
@@ -51,6 +35,19 @@ unique_fd listen_at(const std::string &path)
 }
 
 } // namespace
+
+unique_fd listen_at(const std::string &path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    unlink(path.c_str());
+    unique_fd listening(socket(AF_UNIX, SOCK_STREAM, 0));
+    if (bind(listening.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
+        listen(listening.get(), 4) != 0)
+        listening.reset();
+    return listening;
+}
 
 temporary_directory::temporary_directory()
 {
@@ -85,6 +82,7 @@ software_tpm::~software_tpm()
 
 void software_tpm::start(tpm_start how)
 {
+    // Before the TPM runs: who connects early waits for it instead of failing.
     const unique_fd listening = listen_at(directory() + "/socket");
     unlink((directory() + "/socket.ctrl").c_str());
     process_ = fork();

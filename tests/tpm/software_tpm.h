@@ -8,6 +8,7 @@
 #include <sys/types.h>
 #include <vector>
 
+#include "platform/owners.h"
 #include "platform/tpm/connection.h"
 
 // A directory that goes with its owner.
@@ -22,6 +23,9 @@ public:
 private:
     std::string path_;
 };
+
+// A unix socket that listens at the path, in the place of what was there. Empty on failure.
+unique_fd listen_at(const std::string &path);
 
 enum class tpm_start { started, not_started }; // whether TPM2_Startup was issued, as firmware does
 

@@ -188,7 +188,6 @@ TEST_F(transport_test, NonsenseIsAStatus)
     for (const nonsense &one : cases) {
         linux_ipc_set_command_bound(one.expected == KOV_ERR_TIMEOUT ? 150ms : ipc_command_bound);
         const std::string path = tpm_.directory() + "/fake";
-        unlink(path.c_str());
         const fake_tpm fake(path, [&](int, auto) { return one.answer; });
         use("swtpm:path=" + path, tpm_.manifest());
         EXPECT_EQ(login().login_status, one.expected) << one.what;
