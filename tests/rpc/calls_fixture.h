@@ -91,17 +91,21 @@ protected:
     std::shared_ptr<grpc::Channel> channel;
     std::unique_ptr<remote_attestation_api::RemoteAttestationApi::Stub> stub;
 
+    grpc::ChannelArguments arguments;
+
+    Calls()
+    {
+        arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+        arguments.SetMaxReceiveMessageSize(-1);
+    }
     void serve()
     {
         ASSERT_EQ(node.start(), 0u);
-        connect(grpc::InsecureChannelCredentials());
+        connect();
     }
-    void connect(const std::shared_ptr<grpc::ChannelCredentials> &credentials)
+    void connect(const std::shared_ptr<grpc::ChannelCredentials> &as = grpc::InsecureChannelCredentials())
     {
-        grpc::ChannelArguments arguments;
-        arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
-        arguments.SetMaxReceiveMessageSize(-1);
-        channel = grpc::CreateCustomChannel(node.target(), credentials, arguments);
+        channel = grpc::CreateCustomChannel(node.target(), as, arguments);
         stub = remote_attestation_api::RemoteAttestationApi::NewStub(channel);
     }
 };

@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <linux/tcp.h>
-#include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
@@ -166,10 +165,7 @@ struct shortage {
     static void begin(void *context)
     {
         auto &self = *static_cast<shortage *>(context);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(self.node.port);
+        sockaddr_in address = loopback(self.node.port);
         self.client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         getrlimit(RLIMIT_NOFILE, &self.former);
         const rlimit little{static_cast<rlim_t>(self.client) + 1, self.former.rlim_max};
@@ -271,9 +267,7 @@ TEST(Activation, AnAddressInUseIsAStatusAndCanBeTriedAgain)
 {
     server_harness node;
     const unique_fd other(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address = loopback(0);
     socklen_t length = sizeof address;
     auto *generic = reinterpret_cast<sockaddr *>(&address);
     ASSERT_EQ(bind(other.get(), generic, length), 0);

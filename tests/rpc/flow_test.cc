@@ -1,13 +1,10 @@
 // Flow control, and clients that stop reading, cancel, or vanish.
 #include <fstream>
-#include <grpcpp/grpcpp.h>
-#include <gtest/gtest.h>
 
-#include "api/remote_attestation_api.grpc.pb.h"
 #include "platform/owners.h"
 #include "platform/rpc/server.h"
 #include "platform/status.h"
-#include "tests/rpc/server_harness.h"
+#include "tests/rpc/calls_fixture.h"
 
 namespace {
 
@@ -30,19 +27,21 @@ struct client_stream {
     std::unique_ptr<grpc::ClientReader<api::NodeIMAData>> reader;
 };
 
-class Flow : public testing::Test {
+class Flow : public Calls {
 protected:
-    server_harness node;
-    std::shared_ptr<grpc::Channel> channel;
-    std::unique_ptr<api::RemoteAttestationApi::Stub> stub;
     // The agent's one stream: sends `next` to `end`, stops when it is refused, goes on when it is told to.
     remote_attestation_api_client client = 0;
     std::uint32_t request_id = 0;
     std::uint64_t next = 0, end = 10'000;
     bool takes_up = true; // on a resume
 
+    Flow() { arguments.SetInt(GRPC_ARG_HTTP2_BDP_PROBE, 0); } // the client's window stays at 64 KiB
     void serve()
     {
+        node.on_boot_log = [](auto who, const auto &, auto id) {
+            const get_platform_boot_integrity_event_logs_response response{};
+            remote_attestation_api_get_platform_boot_integrity_event_logs_Resp(who, &response, 1, 0, id);
+        };
         node.on_stream = [this](auto who, const auto &, auto id) {
             client = who;
             request_id = id;
@@ -53,16 +52,7 @@ protected:
             if (takes_up)
                 send_until_refused();
         };
-        ASSERT_EQ(node.start(), 0u);
-        connect();
-    }
-    void connect()
-    {
-        grpc::ChannelArguments arguments;
-        arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
-        arguments.SetInt(GRPC_ARG_HTTP2_BDP_PROBE, 0); // the client's window stays at 64 KiB
-        channel = grpc::CreateCustomChannel(node.target(), grpc::InsecureChannelCredentials(), arguments);
-        stub = api::RemoteAttestationApi::NewStub(channel);
+        Calls::serve();
     }
     void send_until_refused()
     {
@@ -154,11 +144,7 @@ TEST_F(Flow, AMessageLargerThanTheMarksGoesOutAloneAndRefusesOnesBehindItUntilIt
                 return;
         }
     };
-    ASSERT_EQ(node.start(), 0u);
-    grpc::ChannelArguments arguments;
-    arguments.SetMaxReceiveMessageSize(-1);
-    channel = grpc::CreateCustomChannel(node.target(), grpc::InsecureChannelCredentials(), arguments);
-    stub = api::RemoteAttestationApi::NewStub(channel);
+    Calls::serve();
     const auto stream = open_stream();
     api::NodeIMAData message;
     for (std::uint64_t i = 0; i < 3; ++i) {
@@ -189,10 +175,6 @@ TEST_F(Flow, AClientThatVanishesWhilePausedIsAnErrorThenADisconnect)
 TEST_F(Flow, ACancelledStreamIsAnErrorAndTheConnectionStays)
 {
     serve();
-    node.on_boot_log = [](auto who, const auto &, auto id) {
-        const get_platform_boot_integrity_event_logs_response response{};
-        remote_attestation_api_get_platform_boot_integrity_event_logs_Resp(who, &response, 1, 0, id);
-    };
     const auto stream = open_refused_stream();
     stream->context.TryCancel();
     ASSERT_TRUE(node.wait_count("error", 1));
@@ -233,12 +215,7 @@ TEST_F(Flow, SmallAnswersPassAFullQueueAndLargeOnesAreRefusedWithAStatus)
 {
     serve();
     std::size_t size = 1000;
-    node.on_ima = [&](auto who, const auto &, auto id) {
-        const stream_message record(1, size);
-        NodeIMAData data = record.data;
-        const get_platform_ima_event_logs_response response{1, {&data, 1}, {}, 0};
-        remote_attestation_api_get_platform_ima_event_logs_Resp(who, &response, 1, 0, id);
-    };
+    node.on_ima = [&](auto who, const auto &, auto id) { send_ima(who, id, 1, size); };
     const auto stream = open_refused_stream();
     for (const auto &[bytes, code] :
          {std::pair{std::size_t{1000}, grpc::StatusCode::OK},
@@ -258,10 +235,6 @@ TEST_F(Flow, RequestsForWholeLogsWaitWhileAllQueuesTogetherAreFull)
     node.limits.all_queues_bytes = MIB; // less than one stream's
     node.limits.sweep_ms = 50;
     serve();
-    node.on_boot_log = [](auto who, const auto &, auto id) {
-        const get_platform_boot_integrity_event_logs_response response{};
-        remote_attestation_api_get_platform_boot_integrity_event_logs_Resp(who, &response, 1, 0, id);
-    };
     node.on_hw = [](auto who, const auto &, auto id) {
         const get_platform_hw_integrity_response response{};
         remote_attestation_api_get_platform_hw_integrity_Resp(who, &response, 1, 0, id);

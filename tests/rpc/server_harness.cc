@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <chrono>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -21,6 +20,16 @@ void run(const std::function<void(Arguments...)> &action, std::type_identity_t<A
 {
     if (action)
         action(arguments...);
+}
+
+constexpr char CERTIFICATE[] = "certificate", PCRS[] = "pcrs", BOOT_LOG[] = "boot_log", HW[] = "hw",
+               IMA[] = "ima", STREAM[] = "stream";
+
+template <const char *Operation, auto Action, class Request>
+void on_request(remote_attestation_api_client client, const Request *request, std::uint32_t id)
+{
+    current->tell(Operation, client, id);
+    run(current->*Action, client, *request, id);
 }
 
 void set_callbacks(remote_attestation_api_server *server)
@@ -41,34 +50,18 @@ void set_callbacks(remote_attestation_api_server *server)
         current->tell("resume", client, 0);
         run(current->on_resume, client);
     });
-    remote_attestation_api_server_set_get_certificate_callback(server, [](auto client, auto *r, auto id) {
-        current->tell("certificate", client, id);
-        run(current->on_certificate, client, *r, id);
-    });
-    remote_attestation_api_server_set_attest_pcrs_callback(server, [](auto client, auto *r, auto id) {
-        current->tell("pcrs", client, id);
-        run(current->on_pcrs, client, *r, id);
-    });
+    remote_attestation_api_server_set_get_certificate_callback(
+        server, on_request<CERTIFICATE, &server_harness::on_certificate>);
+    remote_attestation_api_server_set_attest_pcrs_callback(server,
+                                                           on_request<PCRS, &server_harness::on_pcrs>);
     remote_attestation_api_server_set_get_platform_boot_integrity_event_logs_callback(
-        server, [](auto client, auto *r, auto id) {
-            current->tell("boot_log", client, id);
-            run(current->on_boot_log, client, *r, id);
-        });
+        server, on_request<BOOT_LOG, &server_harness::on_boot_log>);
     remote_attestation_api_server_set_get_platform_hw_integrity_callback(
-        server, [](auto client, auto *r, auto id) {
-            current->tell("hw", client, id);
-            run(current->on_hw, client, *r, id);
-        });
+        server, on_request<HW, &server_harness::on_hw>);
     remote_attestation_api_server_set_get_platform_ima_event_logs_callback(
-        server, [](auto client, auto *r, auto id) {
-            current->tell("ima", client, id);
-            run(current->on_ima, client, *r, id);
-        });
+        server, on_request<IMA, &server_harness::on_ima>);
     remote_attestation_api_server_set_stream_ima_event_logs_callback(
-        server, [](auto client, auto *r, auto id) {
-            current->tell("stream", client, id);
-            run(current->on_stream, client, *r, id);
-        });
+        server, on_request<STREAM, &server_harness::on_stream>);
 }
 
 } // namespace
@@ -177,6 +170,14 @@ stream_message::stream_message(std::uint64_t number, std::size_t size)
     data.events = {&event, 1};
 }
 
+std::int32_t send_ima(remote_attestation_api_client client, std::uint32_t request_id, std::uint64_t number,
+                      std::size_t size)
+{
+    stream_message record(number, size);
+    const get_platform_ima_event_logs_response response{1, {&record.data, 1}, {}, 0};
+    return remote_attestation_api_get_platform_ima_event_logs_Resp(client, &response, 1, 0, request_id);
+}
+
 std::int32_t send_stream(remote_attestation_api_client client, std::uint32_t request_id, std::uint64_t number,
                          std::size_t size, bool last)
 {
@@ -185,13 +186,19 @@ std::int32_t send_stream(remote_attestation_api_client client, std::uint32_t req
                                                              request_id);
 }
 
-int connect_silently(std::uint16_t port)
+sockaddr_in loopback(std::uint16_t port)
 {
-    unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(port);
+    return address;
+}
+
+int connect_silently(std::uint16_t port)
+{
+    unique_fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address = loopback(port);
     return connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 ? fd.release() : -1;
 }
 

@@ -6,6 +6,7 @@
 #include <functional>
 #include <future>
 #include <mutex>
+#include <netinet/in.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,18 +27,13 @@ public:
     std::uint32_t address = 0x7F000001;
     // What a callback does after it was written down; on the loop.
     std::function<void(remote_attestation_api_client)> on_connect, on_disconnect, on_error, on_resume;
-    std::function<void(remote_attestation_api_client, const get_certificate_request &, std::uint32_t)>
-        on_certificate;
-    std::function<void(remote_attestation_api_client, const attest_pcr_request &, std::uint32_t)> on_pcrs;
-    std::function<void(remote_attestation_api_client, const get_platform_boot_integrity_event_logs_request &,
-                       std::uint32_t)>
-        on_boot_log;
-    std::function<void(remote_attestation_api_client, const get_platform_hw_integrity_request &,
-                       std::uint32_t)>
-        on_hw;
-    std::function<void(remote_attestation_api_client, const get_platform_ima_event_logs_request &,
-                       std::uint32_t)>
-        on_ima, on_stream;
+    template <class Request>
+    using operation = std::function<void(remote_attestation_api_client, const Request &, std::uint32_t)>;
+    operation<get_certificate_request> on_certificate;
+    operation<attest_pcr_request> on_pcrs;
+    operation<get_platform_boot_integrity_event_logs_request> on_boot_log;
+    operation<get_platform_hw_integrity_request> on_hw;
+    operation<get_platform_ima_event_logs_request> on_ima, on_stream;
 
     server_harness();
     ~server_harness();
@@ -88,9 +84,13 @@ struct stream_message {
     NodeIMAData data{};
     IMA_EVENT event{};
 };
+// Answers with a log of that one message.
+std::int32_t send_ima(remote_attestation_api_client client, std::uint32_t request_id, std::uint64_t number,
+                      std::size_t size);
 std::int32_t send_stream(remote_attestation_api_client client, std::uint32_t request_id, std::uint64_t number,
                          std::size_t size, bool last);
 
+sockaddr_in loopback(std::uint16_t port);
 // A TCP connection that says nothing; -1 on failure. The caller closes it.
 int connect_silently(std::uint16_t port);
 // Whether the peer ends the connection within a minute.
