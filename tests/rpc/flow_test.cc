@@ -235,37 +235,35 @@ TEST_F(Flow, RequestsForWholeLogsWaitWhileAllQueuesTogetherAreFull)
     node.limits.all_queues_bytes = MIB; // less than one stream's
     node.limits.sweep_ms = 50;
     serve();
-    node.on_hw = [](auto who, const auto &, auto id) {
-        const get_platform_hw_integrity_response response{};
+    std::size_t quote_size = 0;
+    node.on_hw = [&](auto who, const auto &, auto id) {
+        std::vector<std::uint8_t> quote(quote_size);
+        tpm_hw_integrity record{};
+        record.present = tpm_hw_integrity::has_quote;
+        record.quote = {quote.data(), quote.size()};
+        get_platform_hw_integrity_response response{};
+        response.present = get_platform_hw_integrity_response::has_node_data;
+        response.node_data = {&record, 1};
         remote_attestation_api_get_platform_hw_integrity_Resp(who, &response, 1, 0, id);
+    };
+    const auto ask_hw = [this] {
+        grpc::ClientContext context;
+        api::get_platform_hw_integrity_response response;
+        return stub->GetPlatformHwIntegrity(&context, {}, &response).error_code();
     };
     const auto stream = open_refused_stream();
     connect(); // another client
     auto answer = std::async(std::launch::async, [this] { return ask_boot_log(); });
     EXPECT_EQ(answer.wait_for(std::chrono::milliseconds(500)), std::future_status::timeout);
-    grpc::ClientContext context;
-    api::get_platform_hw_integrity_response response;
-    EXPECT_TRUE(stub->GetPlatformHwIntegrity(&context, {}, &response).ok());
+    EXPECT_EQ(ask_hw(), grpc::StatusCode::OK);
     EXPECT_EQ(node.count("boot_log"), 0u) << "the request waits";
-    node.on_hw = [](auto who, const auto &, auto id) {
-        std::vector<std::uint8_t> quote(2 * MIB);
-        tpm_hw_integrity record{};
-        record.present = tpm_hw_integrity::has_quote;
-        record.quote = {quote.data(), static_cast<std::uint32_t>(quote.size())};
-        get_platform_hw_integrity_response large{};
-        large.present = get_platform_hw_integrity_response::has_node_data;
-        large.node_data = {&record, 1};
-        remote_attestation_api_get_platform_hw_integrity_Resp(who, &large, 1, 0, id);
-    };
-    grpc::ClientContext larger;
-    EXPECT_EQ(stub->GetPlatformHwIntegrity(&larger, {}, &response).error_code(),
-              grpc::StatusCode::RESOURCE_EXHAUSTED);
+    node.on_loop([&] { quote_size = 2 * MIB; });
+    EXPECT_EQ(ask_hw(), grpc::StatusCode::RESOURCE_EXHAUSTED);
     stream->context.TryCancel();
     EXPECT_EQ(answer.get(), grpc::StatusCode::OK);
-    grpc::ClientContext again;
     EXPECT_TRUE(
         node.wait([&] { return node.on_loop([&] { return rpc_connections_queued(*node.server); }) == 0; }));
-    EXPECT_TRUE(stub->GetPlatformHwIntegrity(&again, {}, &response).ok());
+    EXPECT_EQ(ask_hw(), grpc::StatusCode::OK);
 }
 
 TEST_F(Flow, ACancelledCallDoesNotDropAnotherOnesPause)
