@@ -43,6 +43,9 @@ std::vector<std::string> keys_of_bucket(std::uint64_t bucket, std::size_t count)
 // Entries in use in both areas.
 std::uint64_t count_entries(const shmht_handle &table);
 
-// Runs `check` in a child with a file system of `size` bytes as its /dev/shm and with semaphores of its own.
-// 0: it passed; 1: it did not; -1: this machine does not let us.
-int in_own_shm(std::size_t size, const std::function<void()> &check);
+// Runs `check` in a child with a file system of `size` bytes as its /dev/shm and with semaphores of its own;
+// the test is skipped on a machine that does not let us.
+void in_own_shm(std::size_t size, const std::function<void()> &check);
+
+// Runs `work` in `count` children at once, for each number from 0; all must return true.
+void in_children(int count, const std::function<bool(int)> &work);
