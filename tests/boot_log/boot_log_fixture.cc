@@ -25,34 +25,13 @@ temporary_file::~temporary_file()
     unlink(path_.c_str());
 }
 
-std::string read_whole(const std::string &path)
+template <typename Integer>
+static std::string little_endian(Integer value)
 {
-    std::ostringstream content;
-    content << std::ifstream(path, std::ios::binary).rdbuf();
-    return content.str();
+    return {reinterpret_cast<const char *>(&value), sizeof value};
 }
 
-static std::string little_endian(std::uint64_t value, std::size_t size)
-{
-    return {reinterpret_cast<const char *>(&value), size};
-}
-
-std::string le16(unsigned value)
-{
-    return little_endian(value, 2);
-}
-
-std::string le32(std::uint32_t value)
-{
-    return little_endian(value, 4);
-}
-
-std::string le64(std::uint64_t value)
-{
-    return little_endian(value, 8);
-}
-
-std::string utf16(const std::string &text)
+static std::string utf16(const std::string &text)
 {
     std::string units;
     for (char c : text)
@@ -63,25 +42,27 @@ std::string utf16(const std::string &text)
 std::string sha1_record(std::uint32_t pcr, std::uint32_t type, const std::string &digest,
                         const std::string &data)
 {
-    return le32(pcr) + le32(type) + digest + le32(static_cast<std::uint32_t>(data.size())) + data;
+    return little_endian(pcr) + little_endian(type) + digest +
+           little_endian(static_cast<std::uint32_t>(data.size())) + data;
 }
 
 std::string agile_record(std::uint32_t pcr, std::uint32_t type, const digest_list &digests,
                          const std::string &data)
 {
-    std::string record = le32(pcr) + le32(type) + le32(static_cast<std::uint32_t>(digests.size()));
+    std::string record =
+        little_endian(pcr) + little_endian(type) + little_endian(static_cast<std::uint32_t>(digests.size()));
     for (const auto &[identifier, digest] : digests)
-        record += le16(identifier) + digest;
-    return record + le32(static_cast<std::uint32_t>(data.size())) + data;
+        record += little_endian(identifier) + digest;
+    return record + little_endian(static_cast<std::uint32_t>(data.size())) + data;
 }
 
 std::string spec_id_data(const std::vector<std::pair<std::uint16_t, std::uint16_t>> &algorithms,
                          const std::string &vendor_info)
 {
     std::string data("Spec ID Event03\0\0\0\0\0\0\2\0\2", 24);
-    data += le32(static_cast<std::uint32_t>(algorithms.size()));
+    data += little_endian(static_cast<std::uint32_t>(algorithms.size()));
     for (const auto &[identifier, size] : algorithms)
-        data += le16(identifier) + le16(size);
+        data += little_endian(identifier) + little_endian(size);
     return data + static_cast<char>(vendor_info.size()) + vendor_info;
 }
 
@@ -90,8 +71,8 @@ std::string uefi_variable(const std::string &name, std::uint64_t name_length, co
 {
     static const unsigned char guid[] = {0x61, 0xDF, 0xE4, 0x8B, 0xCA, 0x93, 0xD2, 0x11,
                                          0xAA, 0x0D, 0x00, 0xE0, 0x98, 0x03, 0x2B, 0x8C};
-    return std::string(reinterpret_cast<const char *>(guid), sizeof guid) + le64(name_length) +
-           le64(data_length) + utf16(name) + data;
+    return std::string(reinterpret_cast<const char *>(guid), sizeof guid) + little_endian(name_length) +
+           little_endian(data_length) + utf16(name) + data;
 }
 
 std::string secure_boot(std::uint64_t name_length, std::uint64_t data_length)
@@ -183,7 +164,7 @@ std::string hex(const std::string &bytes)
     return text;
 }
 
-std::string hex(const message_bytes &bytes)
+static std::string hex(const message_bytes &bytes)
 {
     return hex(std::string(reinterpret_cast<const char *>(bytes.data), bytes.length));
 }

@@ -23,13 +23,6 @@ private:
     std::string path_;
 };
 
-std::string read_whole(const std::string &path);
-
-std::string le16(unsigned value);
-std::string le32(std::uint32_t value);
-std::string le64(std::uint64_t value);
-std::string utf16(const std::string &text);
-
 // Records as their bytes. A digest is an identifier and its bytes.
 using digest_list = std::vector<std::pair<std::uint16_t, std::string>>;
 std::string sha1_record(std::uint32_t pcr, std::uint32_t type, const std::string &digest,
@@ -87,4 +80,3 @@ protected:
 };
 
 std::string hex(const std::string &bytes);
-std::string hex(const message_bytes &bytes);

@@ -2,8 +2,8 @@
 #include <array>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <map>
-#include <memory>
 #include <sstream>
 
 #include "tests/boot_log/boot_log_fixture.h"
@@ -83,17 +83,14 @@ struct reference_log {
     }
 };
 
-struct pipe_closer {
-    void operator()(std::FILE *pipe) const { pclose(pipe); }
-};
-
 reference_log run_tpm2_eventlog(const std::string &path)
 {
-    std::unique_ptr<std::FILE, pipe_closer> pipe(popen(("tpm2_eventlog '" + path + "'").c_str(), "r"));
+    std::FILE *pipe = popen(("tpm2_eventlog '" + path + "'").c_str(), "r");
     std::string output;
     std::array<char, 4096> part = {};
-    while (std::size_t count = std::fread(part.data(), 1, part.size(), pipe.get()))
+    while (std::size_t count = std::fread(part.data(), 1, part.size(), pipe))
         output.append(part.data(), count);
+    pclose(pipe);
     reference_log log;
     std::istringstream lines(output);
     for (std::string line; std::getline(lines, line);)
@@ -122,7 +119,8 @@ TEST_P(reference_test, ReadsWhatTheReferenceReads)
     reference_log reference = run_tpm2_eventlog(GetParam());
     ASSERT_FALSE(reference.events.empty()) << "tpm2_eventlog (package tpm2-tools) lists nothing";
     ASSERT_EQ(read_path(GetParam().c_str()), ATTEST_OK);
-    std::string file = read_whole(GetParam());
+    std::ifstream stream(GetParam(), std::ios::binary);
+    const std::string file(std::istreambuf_iterator<char>(stream), {});
     ASSERT_EQ(log->events.count, reference.events.size());
     std::size_t position = 0;
     for (std::uint32_t i = 0; i < log->events.count; ++i) {

@@ -5,7 +5,6 @@
 #include <thread>
 #include <unistd.h>
 
-#include "boot_log/efi_text.h"
 #include "boot_log/file_utilities.h"
 #include "boot_log/trace_dump.h"
 #include "boot_log/uptime.h"
@@ -14,8 +13,6 @@
 #include "tests/support/trace_capture.h"
 
 namespace {
-
-using lines = std::vector<std::string>;
 
 struct file_read {
     explicit file_read(const char *path) { result = read_file(path, &buffer, &size); }
@@ -101,27 +98,7 @@ TEST_F(read_file_test, RefusesMoreThanItsCountersHold)
                                     sparse.path() + "\n"});
 }
 
-TEST_F(read_file_test, FreesAllWhenABufferCannotBeHad)
-{
-    temporary_file file(std::string(5000, 'x'));
-    for (std::size_t n = 0; n < 4; ++n) {
-        trace_captured.clear();
-        allocation_faults faults(n);
-        EXPECT_TRUE(file_read(file.path()).refused());
-        EXPECT_EQ(allocation_faults::live(), 0u);
-        EXPECT_EQ(trace_captured, lines{"read_file(): Could not allocate " + std::to_string(1024 << n) +
-                                        " bytes to read " + file.path() + "\n"});
-    }
-}
-
 class dump_test : public boot_log_test {};
-
-TEST_F(dump_test, RendersHexadecimal)
-{
-    print_hexstring("\x00\xAB\x10", 3);
-    print_hexstring("", 0);
-    EXPECT_EQ(trace_captured, (lines{"print_hexstring(): \n 00AB10", "print_hexstring(): \n "}));
-}
 
 TEST_F(dump_test, DropsWhatIsNeitherPrintableNorWhiteSpace)
 {
@@ -141,35 +118,12 @@ TEST_F(dump_test, CutsOnlyWithoutVerbose)
         print_asciistring(bytes.data(), 1024);
         return trace_captured;
     };
-    auto hex_of = [](int count) {
-        std::string line = "print_hexstring(): \n ";
-        while (count-- > 0)
-            line += "41";
-        return line;
-    };
-    auto text_of = [](int count) { return "print_asciistring(): \n " + std::string(count, 'A'); };
-    EXPECT_EQ(dump_all(), (lines{hex_of(600), hex_of(512), text_of(1025), text_of(1024)}));
+    const auto hex_of = [](std::size_t count) { return "h:" + hex(std::string(count, 'A')); };
+    const auto text_of = [](std::size_t count) { return "t:" + std::string(count, 'A'); };
+    EXPECT_EQ(dump_all(), traced({hex_of(600), hex_of(512), text_of(1025), text_of(1024)}));
     verbose = 0;
-    EXPECT_EQ(dump_all(), (lines{hex_of(512), "print_hexstring(): \n    [truncated]", hex_of(512),
-                                 text_of(1024), "print_asciistring(): \n    [truncated]", text_of(1024)}));
-}
-
-TEST_F(dump_test, TracesNothingWithoutMemory)
-{
-    allocation_faults faults(0, true);
-    print_hexstring("abc", 3);
-    print_asciistring("abc", 3);
-    EXPECT_TRUE(trace_captured.empty());
-    EXPECT_EQ(allocation_faults::asked(), 2u);
-}
-
-TEST_F(dump_test, RendersNothingWhileTheFlagIsOff)
-{
-    trace_capture_switch_off(true);
-    allocation_faults faults;
-    print_hexstring("abc", 3);
-    print_asciistring("abc", 3);
-    EXPECT_EQ(allocation_faults::asked(), 0u);
+    EXPECT_EQ(dump_all(), traced({hex_of(512), "h:   [truncated]", hex_of(512), text_of(1024),
+                                  "t:   [truncated]", text_of(1024)}));
 }
 
 class uptime_test : public boot_log_test {};
@@ -191,28 +145,6 @@ TEST_F(uptime_test, ReadsTheWholeSecondsOfTheFirstNumber)
     EXPECT_EQ(trace_captured, lines{"at_get_uptime_fm_sys(): failed to open /proc/uptime"});
     uptime_file = nullptr;
     EXPECT_GT(at_get_uptime_fm_sys(), 0u);
-}
-
-std::vector<std::byte> bytes_of(const std::string &text)
-{
-    const auto *begin = reinterpret_cast<const std::byte *>(text.data());
-    return {begin, begin + text.size()};
-}
-
-TEST(efi_text, FormatsAGuidThatIsNotAligned)
-{
-    std::vector<std::byte> bytes = bytes_of("x" + uefi_variable("", 0, "", 0).substr(0, 16));
-    EXPECT_STREQ(guid_to_string(std::span<const std::byte, 16>(bytes.data() + 1, 16)),
-                 "8be4df61-93ca-11d2-aa0d-00e098032b8c");
-}
-
-TEST(efi_text, CutsANameAt99UnitsAndForgetsTheLastOne)
-{
-    std::vector<std::byte> longest = bytes_of(utf16(std::string(99, 'n')));
-    EXPECT_EQ(unicode_name_to_string(longest.data(), UINT64_MAX), std::string(99, 'n'));
-    std::vector<std::byte> unaligned = bytes_of("x" + utf16("PK"));
-    EXPECT_STREQ(unicode_name_to_string(unaligned.data() + 1, 2), "PK");
-    EXPECT_STREQ(unicode_name_to_string(unaligned.data(), 0), "");
 }
 
 } // namespace
