@@ -1,12 +1,10 @@
 // What is appended, how it lies on the disk, and what is read back.
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
-#include <linux/fs.h>
-#include <openssl/evp.h>
-#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
@@ -22,16 +20,6 @@ namespace {
 
 using Append = cache_of_test;
 using Read = cache_of_test;
-
-sha256_digest hash_of(const sha256_digest &previous, const std::vector<std::uint8_t> &block,
-                      std::size_t used_len)
-{
-    std::vector<std::uint8_t> hashed(previous.begin(), previous.end());
-    hashed.insert(hashed.end(), block.begin() + 32, block.begin() + static_cast<std::ptrdiff_t>(used_len));
-    sha256_digest digest{};
-    EVP_Digest(hashed.data(), hashed.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
-    return digest;
-}
 
 TEST_F(Append, WritesTheBlockThatTheFormatSays)
 {
@@ -50,7 +38,7 @@ TEST_F(Append, WritesTheBlockThatTheFormatSays)
     EXPECT_EQ(header.end_offset, offset_behind(1000));
     EXPECT_NEAR(static_cast<double>(header.create_time), static_cast<double>(time(nullptr)), 60);
     EXPECT_EQ(header.end_time, 0);
-    EXPECT_EQ(header.block_hash, hash_of({}, block, header.used_len));
+    EXPECT_EQ(header.block_hash, hash_of({}, block));
     std::vector<std::uint8_t> zeros(block.size() - header.used_len);
     EXPECT_EQ(std::memcmp(&block[header.used_len], zeros.data(), zeros.size()), 0);
     struct stat file {};
@@ -66,28 +54,14 @@ TEST_F(Append, CutsASealedBlockAndChainsTheNextToIt)
     EXPECT_EQ(sealed.size(), header.used_len);
     EXPECT_NE(header.end_time, 0);
     EXPECT_EQ(header.event_count, CHUNKS * 1000);
-    EXPECT_EQ(header.block_hash, hash_of({}, sealed, header.used_len));
+    EXPECT_EQ(header.block_hash, hash_of({}, sealed));
     EXPECT_EQ(ima_cache_ctx.meta->cur_block, 1);
     cache_block_hdr next = header_of(1);
     EXPECT_EQ(next.first_event, CHUNKS * 1000 + 1);
     EXPECT_EQ(next.start_offset, offset_behind(CHUNKS * 1000));
-    EXPECT_EQ(next.block_hash, hash_of(header.block_hash, read_block(1), next.used_len));
+    EXPECT_EQ(next.block_hash, hash_of(header.block_hash, read_block(1)));
     EXPECT_EQ(ima_cache_ctx.meta->blocks[0].event_count, CHUNKS * 1000);
     EXPECT_EQ(ima_cache_ctx.meta->blocks[1].event_count, 1000);
-}
-
-TEST_F(Append, MakesASealedBlockImmutable)
-{
-    append(CHUNKS);
-    unique_fd file(open(path_of(0).c_str(), O_RDONLY));
-    int flags = 0;
-    if (ioctl(file.get(), FS_IOC_GETFLAGS, &flags) != 0 ||
-        trace_has("block_end(): Cannot set the flags to make the block immutable"))
-        GTEST_SKIP() << "files cannot be made immutable here";
-    EXPECT_NE(flags & FS_IMMUTABLE_FL, 0);
-    EXPECT_LT(open(path_of(0).c_str(), O_RDWR), 0);
-    remove_block(path_of(0).c_str());
-    EXPECT_FALSE(std::filesystem::exists(path_of(0)));
 }
 
 TEST_F(Append, TakesOnlyTheChunkThatComesNext)
@@ -125,11 +99,9 @@ TEST_F(Append, KeepsALongChunkWhole)
     source_chunk chunk(1, 4000);
     ASSERT_EQ(chunk.add(), 1); // the block outgrows what is reserved, too
     EXPECT_GT(header_of(0).used_len, 4'000'000);
-    ima_cache_cursor at{};
-    owned_message<IMACacheBlock> message;
-    ASSERT_EQ(at_ima_cache_read_start(1000, message.get(), &at.block, &at.offset, &at.fd), 1);
-    EXPECT_EQ(message->events.items[999].event_name, chunk.names[999]);
-    at_ima_cache_read_done(&at.block, &at.offset, &at.fd);
+    cache_reader reader;
+    ASSERT_EQ(reader.start(1000), 1);
+    EXPECT_EQ(reader.message->events.items[999].event_name, chunk.names[999]);
 }
 
 TEST_F(Append, EndsWithTheLastBlock)
@@ -159,23 +131,15 @@ TEST_F(Append, LeavesNoFileOnAFullDisk)
     expect_events(1000);
 }
 
-// No file gets larger than this while it lives: a write that would is cut short, as by a full disk.
-class file_limit {
-public:
-    explicit file_limit(rlim_t size)
-    {
-        signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &old_);
-        rlimit low{size, old_.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &low);
-    }
-    ~file_limit() { setrlimit(RLIMIT_FSIZE, &old_); }
-    file_limit(const file_limit &) = delete;
-    file_limit &operator=(const file_limit &) = delete;
-
-private:
-    rlimit old_{};
-};
+// No file gets larger than this: a write that would make it so is cut short, as by a full disk.
+void limit_files(rlim_t size)
+{
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = std::min(size, limit.rlim_max);
+    setrlimit(RLIMIT_FSIZE, &limit);
+}
 
 TEST_F(Append, GoesOnAfterAShortWrite)
 {
@@ -183,15 +147,16 @@ TEST_F(Append, GoesOnAfterAShortWrite)
     std::vector<std::uint8_t> before = read_block(0);
     std::uint32_t used_len = header_of(0).used_len;
     for (rlim_t size : {0u, used_len, used_len + 1, used_len + 20'000}) {
-        file_limit limit(size);
+        limit_files(size);
         EXPECT_EQ(source_chunk(1001).add(), -1) << size;
         EXPECT_EQ(read_block(0), before) << size;
     }
+    limit_files(RLIM_INFINITY);
     append(CHUNKS - 1);
-    { // the first chunk of a block, larger than what is reserved
-        file_limit limit(at_ima_cache_limits.block_size + 10'000);
-        EXPECT_EQ(source_chunk(CHUNKS * 1000 + 1, 200).add(), -1);
-    }
+    // The first chunk of a block, larger than what is reserved.
+    limit_files(at_ima_cache_limits.block_size + 10'000);
+    EXPECT_EQ(source_chunk(CHUNKS * 1000 + 1, 200).add(), -1);
+    limit_files(RLIM_INFINITY);
     append(1);
     expect_events(CHUNKS * 1000 + 1000);
     EXPECT_EQ(messages_raised, std::vector<std::string>{});
@@ -202,15 +167,14 @@ TEST_F(Append, DoesNothingWithoutTheLock)
     append(1);
     semctl(ima_cache_ctx.semid, 0, IPC_RMID);
     std::uint64_t out = 0;
-    ima_cache_cursor at{};
-    owned_message<IMACacheBlock> message;
+    cache_reader reader;
     EXPECT_EQ(source_chunk(1001).add(), -1);
     EXPECT_EQ(at_ima_cache_get_last_offset(&out, &out), -1);
     EXPECT_EQ(at_ima_cache_find_file_offset(1, &out, &out), -1);
     EXPECT_EQ(validate_all_blocks(), -1);
     EXPECT_EQ(open_cache_block(0, 0, O_RDONLY, 0), -1);
-    EXPECT_EQ(at_ima_cache_read_start(1, message.get(), &at.block, &at.offset, &at.fd), -1);
-    EXPECT_LE(at.fd, 0);
+    EXPECT_EQ(reader.start(1), -1);
+    EXPECT_LE(reader.at.fd, 0);
     EXPECT_EQ(restart(), 1); // which makes the lock again
     expect_events(1000);
 }
@@ -220,26 +184,21 @@ TEST_F(Append, DoesNothingWithoutTheLock)
 TEST_F(Read, StartsOnTheChunkOfTheEvent)
 {
     append(CHUNKS + 2);
-    for (auto [event, first, block] :
-         std::initializer_list<std::tuple<std::uint64_t, std::uint64_t, int>>{{0, 1, 0},
-                                                                              {1, 1, 0},
-                                                                              {1000, 1, 0},
-                                                                              {1001, 1001, 0},
-                                                                              {1500, 1001, 0},
-                                                                              {3000, 2001, 0},
-                                                                              {3001, 3001, 1},
-                                                                              {5000, 4001, 1}}) {
-        ima_cache_cursor at{7, 7, 7};
-        owned_message<IMACacheBlock> message;
-        ASSERT_EQ(at_ima_cache_read_start(event, message.get(), &at.block, &at.offset, &at.fd), 1) << event;
-        EXPECT_EQ(message->events.items[0].event_num, first);
-        EXPECT_EQ(at.block, block);
-        at_ima_cache_read_done(&at.block, &at.offset, &at.fd);
-        EXPECT_EQ(at.fd, -1);
+    const struct {
+        std::uint64_t event, first;
+        int block;
+    } starts[] = {{0, 1, 0},       {1, 1, 0},       {1000, 1, 0},    {1001, 1001, 0},
+                  {1500, 1001, 0}, {3000, 2001, 0}, {3001, 3001, 1}, {5000, 4001, 1}};
+    for (auto [event, first, block] : starts) {
+        cache_reader reader;
+        reader.at = {7, 7, 7};
+        ASSERT_EQ(reader.start(event), 1) << event;
+        EXPECT_EQ(reader.message->events.items[0].event_num, first);
+        EXPECT_EQ(reader.at.block, block);
+        reader.done();
+        EXPECT_EQ(reader.at.fd, -1);
     }
-    ima_cache_cursor at{};
-    owned_message<IMACacheBlock> message;
-    EXPECT_EQ(at_ima_cache_read_start(5001, message.get(), &at.block, &at.offset, &at.fd), -1);
+    EXPECT_EQ(cache_reader().start(5001), -1);
     EXPECT_TRUE(
         trace_has("at_ima_cache_find_block(): 5001 attempt to read beyond current cache content 5000"));
 }
@@ -247,27 +206,21 @@ TEST_F(Read, StartsOnTheChunkOfTheEvent)
 TEST_F(Read, KeepsItsPlaceAtABlocksEnd)
 {
     append(CHUNKS);
-    ima_cache_cursor at{};
-    owned_message<IMACacheBlock> message;
-    auto next = [&] {
-        message_release(*message);
-        return at_ima_cache_read_next(message.get(), &at.block, &at.offset, &at.fd);
-    };
-    ASSERT_EQ(at_ima_cache_read_start(2001, message.get(), &at.block, &at.offset, &at.fd), 1);
+    cache_reader reader;
+    ASSERT_EQ(reader.start(2001), 1);
     append(1); // while it is being read
-    ASSERT_EQ(next(), 1);
-    EXPECT_EQ(at.block, 1);
-    EXPECT_EQ(at.offset, 88);
-    EXPECT_EQ(message->events.items[999].event_num, 4000);
+    ASSERT_EQ(reader.next(), 1);
+    EXPECT_EQ(reader.at.block, 1);
+    EXPECT_EQ(reader.at.offset, 88);
+    EXPECT_EQ(reader.message->events.items[999].event_num, 4000);
     append(1);
-    ASSERT_EQ(next(), 1);
-    EXPECT_EQ(message->events.items[0].event_num, 4001);
-    ASSERT_EQ(next(), 0);
-    EXPECT_EQ(at.block, 2);
-    EXPECT_EQ(at.offset, 0);
-    EXPECT_EQ(at.fd, -1);
-    EXPECT_EQ(next(), -1);
-    at_ima_cache_read_done(&at.block, &at.offset, &at.fd);
+    ASSERT_EQ(reader.next(), 1);
+    EXPECT_EQ(reader.message->events.items[0].event_num, 4001);
+    ASSERT_EQ(reader.next(), 0);
+    EXPECT_EQ(reader.at.block, 2);
+    EXPECT_EQ(reader.at.offset, 0);
+    EXPECT_EQ(reader.at.fd, -1);
+    EXPECT_EQ(reader.next(), -1);
 }
 
 TEST_F(Read, RefusesMissingArguments)
@@ -352,25 +305,23 @@ TEST_F(Read, DoesNotBelieveLengthsAndNumbers)
          }},
     };
     for (auto &[what, change] : changes) {
+        SCOPED_TRACE(what);
         put_back(saved);
         std::vector<std::uint8_t> block = saved.blocks[0];
         change(block);
         write_block_with_hash(0, block);
-        ima_cache_cursor at{};
-        owned_message<IMACacheBlock> message;
-        std::int32_t result = at_ima_cache_read_start(1, message.get(), &at.block, &at.offset, &at.fd);
+        cache_reader reader;
+        std::int32_t result = reader.start(1);
         if (result == 1) {
-            EXPECT_EQ(message->events.items[999].event_num, 1000) << what;
-            message_release(*message);
-            result = at_ima_cache_read_next(message.get(), &at.block, &at.offset, &at.fd);
+            EXPECT_EQ(reader.message->events.items[999].event_num, 1000);
+            result = reader.next();
         }
-        EXPECT_LE(result, 0) << what;
-        EXPECT_EQ(message->events.count, 0) << what;
-        at_ima_cache_read_done(&at.block, &at.offset, &at.fd);
-        EXPECT_EQ(at_ima_cache_read_start(1001, message.get(), &at.block, &at.offset, &at.fd), -1) << what;
-        EXPECT_EQ(message->events.count, 0) << what;
-        at_ima_cache_read_done(&at.block, &at.offset, &at.fd);
-        EXPECT_EQ(messages_raised, std::vector<std::string>{}) << what;
+        EXPECT_LE(result, 0);
+        EXPECT_EQ(reader.message->events.count, 0);
+        reader.done();
+        EXPECT_EQ(reader.start(1001), -1);
+        EXPECT_EQ(reader.message->events.count, 0);
+        EXPECT_EQ(messages_raised, std::vector<std::string>{});
     }
 }
 

@@ -1,5 +1,6 @@
 #include "tests/ima_cache/cache_of_test.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -81,6 +82,18 @@ cache_block_hdr cache_of_test::header_of(unsigned index)
     return header;
 }
 
+sha256_digest cache_of_test::hash_of(const sha256_digest &previous, const std::vector<std::uint8_t> &block)
+{
+    cache_block_hdr header{};
+    std::memcpy(&header, block.data(), sizeof header);
+    std::vector<std::uint8_t> hashed(previous.begin(), previous.end());
+    hashed.insert(hashed.end(), block.begin() + 32,
+                  block.begin() + std::min<std::int64_t>(header.used_len, std::ssize(block)));
+    sha256_digest digest{};
+    EVP_Digest(hashed.data(), hashed.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
+    return digest;
+}
+
 void cache_of_test::write_block(unsigned index, const std::vector<std::uint8_t> &bytes)
 {
     remove_block(path_of(index).c_str()); // where root made it immutable
@@ -89,16 +102,17 @@ void cache_of_test::write_block(unsigned index, const std::vector<std::uint8_t> 
     ASSERT_TRUE(file.flush());
 }
 
+void cache_of_test::damage_block(unsigned index, std::size_t place, unsigned bits)
+{
+    std::vector<std::uint8_t> block = read_block(index);
+    block.at(place) ^= static_cast<std::uint8_t>(bits);
+    write_block(index, block);
+}
+
 void cache_of_test::write_block_with_hash(unsigned index, std::vector<std::uint8_t> bytes)
 {
-    std::vector<std::uint8_t> hashed(32);
-    if (index > 0)
-        std::memcpy(hashed.data(), header_of(index - 1).block_hash.data(), 32);
-    cache_block_hdr header{};
-    std::memcpy(&header, bytes.data(), sizeof header);
-    hashed.insert(hashed.end(), bytes.begin() + 32,
-                  bytes.begin() + std::min<std::int64_t>(header.used_len, std::ssize(bytes)));
-    EVP_Digest(hashed.data(), hashed.size(), bytes.data(), nullptr, EVP_sha256(), nullptr);
+    std::ranges::copy(hash_of(index == 0 ? sha256_digest{} : header_of(index - 1).block_hash, bytes),
+                      bytes.begin());
     write_block(index, bytes);
 }
 

@@ -29,9 +29,11 @@ protected:
     static std::string path_of(unsigned index);
     static std::vector<std::uint8_t> read_block(unsigned index);
     static cache_block_hdr header_of(unsigned index);
+    static sha256_digest hash_of(const sha256_digest &previous, const std::vector<std::uint8_t> &block);
     // Changes the file behind the cache's back.
     static void write_block(unsigned index, const std::vector<std::uint8_t> &bytes);
-    // The same, with the hash put right.
+    static void damage_block(unsigned index, std::size_t place, unsigned bits = 1);
+    // Writes it with the hash put right.
     static void write_block_with_hash(unsigned index, std::vector<std::uint8_t> bytes);
 
     // The cache as it lies on the machine, to come back to.

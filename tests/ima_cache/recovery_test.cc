@@ -4,7 +4,9 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <linux/fs.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
@@ -42,6 +44,15 @@ protected:
         for (unsigned i = index; i < 5; ++i)
             EXPECT_FALSE(fs::exists(path_of(i))) << what << ", block " << i;
     }
+    // As on a new disk, in a new boot.
+    static void lose_all_caches()
+    {
+        static int lost;
+        reboot();
+        for (const auto &entry : fs::directory_iterator(IMA_CACHE_ROOT))
+            fs::rename(entry, "/harddisk:/lost_" + std::to_string(++lost));
+        fs::remove(IMA_CACHE_ROOT);
+    }
     saved_cache four;
 };
 
@@ -53,6 +64,8 @@ TEST_F(Recovery, LeavesASoundCacheAsItIs)
     EXPECT_EQ(std::memcmp(&before, ima_cache_ctx.meta, sizeof before), 0);
     EXPECT_EQ(chain, ima_cache_ctx.block_hash_chain);
     EXPECT_EQ(messages_raised, strings{});
+    unique_fd object(open(IMA_CACHE_META_PATH, O_RDWR | O_CLOEXEC));
+    EXPECT_EQ(flock(object.get(), LOCK_EX | LOCK_NB), 0) << "nobody is kept out behind the start";
     expect_events(11'000);
     append(2);
     expect_events(13'000);
@@ -95,9 +108,7 @@ TEST_F(Recovery, CutsAtADamagedBlock)
         places.push_back(used_len - 1);
         for (std::size_t at : places) {
             put_back(four);
-            std::vector<std::uint8_t> block = four.blocks[index];
-            block[at] ^= static_cast<std::uint8_t>(1 << at % 8);
-            write_block(index, block);
+            damage_block(index, at, 1 << at % 8);
             ASSERT_EQ(restart(), 1);
             std::string what = "byte " + std::to_string(at) + " of block " + std::to_string(index);
             expect_cut_at(index, what);
@@ -105,32 +116,31 @@ TEST_F(Recovery, CutsAtADamagedBlock)
         }
     }
     put_back(four); // what no hash covers does not matter
-    std::vector<std::uint8_t> block = four.blocks[3];
-    block.back() ^= 1;
-    write_block(3, block);
+    damage_block(3, four.blocks[3].size() - 1);
     ASSERT_EQ(restart(), 1);
     expect_events(11'000);
 }
 
 TEST_F(Recovery, CutsAtAForeignBlock)
 {
-    struct {
+    const std::uint32_t whole = header_of(1).used_len;
+    const struct {
         const char *what;
-        std::function<void(std::vector<std::uint8_t> &)> change;
-    } changes[] = {
-        {"version", [](auto &block) { block[32] = 1; }},
-        {"no chunk", [](auto &block) { block[36] = 88, block[37] = block[38] = 0; }},
-        {"used_len within the header", [](auto &block) { block[36] = 40, block[37] = block[38] = 0; }},
-        {"cut file", [](auto &block) { block.resize(block.size() - 1); }},
+        std::uint32_t version, used_len;
+        bool with_hash;
+    } foreign[] = {
+        {"another version", 0x00010001, whole, true},
+        {"no chunk, as it was made", IMA_CACHE_BLOCK_VERSION, CACHE_BLOCK_HDR_LEN, false},
+        {"used_len within the header", IMA_CACHE_BLOCK_VERSION, 40, true},
+        {"used_len behind the file's end", IMA_CACHE_BLOCK_VERSION, whole + 1, true},
     };
-    for (auto &[what, change] : changes) {
+    for (const auto &[what, version, used_len, with_hash] : foreign) {
         put_back(four);
         std::vector<std::uint8_t> block = four.blocks[1];
-        change(block);
-        if (std::string(what) == "no chunk")
-            std::fill(block.begin(), block.begin() + 32, 0), write_block(1, block);
-        else
-            write_block_with_hash(1, block);
+        std::memcpy(&block[offsetof(cache_block_hdr, version)], &version, sizeof version);
+        std::memcpy(&block[offsetof(cache_block_hdr, used_len)], &used_len, sizeof used_len);
+        std::fill_n(block.begin(), sizeof(sha256_digest), 0);
+        with_hash ? write_block_with_hash(1, block) : write_block(1, block);
         ASSERT_EQ(restart(), 1) << what;
         expect_cut_at(1, what);
         EXPECT_EQ(messages_raised, strings{"IMA_DISK_CORRUPT_BLOCK: " + path_of(1)}) << what;
@@ -182,7 +192,6 @@ TEST_F(Recovery, AppendsNoChunkTwice)
 
 TEST_F(Recovery, SealsAFullBlockBeforeTheNextChunk)
 {
-    put_back(four);
     std::vector<std::uint8_t> bytes = four.blocks[2];
     std::memset(&bytes[offsetof(cache_block_hdr, end_time)], 0, sizeof(std::int64_t));
     remove_block(path_of(3).c_str());
@@ -224,21 +233,14 @@ TEST_F(Recovery, CutsAtALostOrDamagedBlock)
         for (unsigned index : {1u, 3u}) {
             put_back(four);
             ASSERT_EQ(restart(), 1);
-            std::vector<std::uint8_t> block = four.blocks[index];
-            block[100] ^= 1;
             if (damaged)
-                write_block(index, block);
+                damage_block(index, 100);
             else
                 remove_block(path_of(index).c_str());
             if (index == 3) {
                 EXPECT_EQ(source_chunk(11'001).add(), -1);
             }
-            ima_cache_cursor at{};
-            owned_message<IMACacheBlock> message;
-            EXPECT_EQ(
-                at_ima_cache_read_start(index * IN_A_BLOCK + 1, message.get(), &at.block, &at.offset, &at.fd),
-                -1);
-            at_ima_cache_read_done(&at.block, &at.offset, &at.fd);
+            EXPECT_EQ(cache_reader().start(index * IN_A_BLOCK + 1), -1);
             EXPECT_EQ(messages_raised.size(), damaged ? 2 : index == 1 ? 1 : 0);
             expect_cut_at(index, "while running");
             append(2);
@@ -247,12 +249,25 @@ TEST_F(Recovery, CutsAtALostOrDamagedBlock)
     }
 }
 
-// ---- the metadata ----
+TEST_F(Recovery, LeavesASealedBlockImmutableAlsoWhereADeathCameBefore)
+{
+    unique_fd file(open(path_of(0).c_str(), O_RDONLY | O_CLOEXEC));
+    int sealed = 0;
+    if (ioctl(file.get(), FS_IOC_GETFLAGS, &sealed) != 0 ||
+        trace_has("block_end(): Cannot set the flags to make the block immutable"))
+        GTEST_SKIP() << "files cannot be made immutable here";
+    EXPECT_NE(sealed & FS_IMMUTABLE_FL, 0);
+    EXPECT_LT(open(path_of(0).c_str(), O_RDWR), 0);
+    int flags = sealed & ~FS_IMMUTABLE_FL;
+    ASSERT_EQ(ioctl(file.get(), FS_IOC_SETFLAGS, &flags), 0);
+    ASSERT_EQ(restart(), 1);
+    ASSERT_EQ(ioctl(file.get(), FS_IOC_GETFLAGS, &flags), 0);
+    EXPECT_EQ(flags, sealed);
+    remove_block(path_of(0).c_str());
+    EXPECT_FALSE(fs::exists(path_of(0)));
+}
 
-struct contradiction {
-    const char *what;
-    std::function<void(ima_cache_meta &)> make;
-};
+// ---- the metadata ----
 
 TEST_F(Recovery, StartsAnewOnMetadataThatContradictThemselves)
 {
@@ -262,7 +277,10 @@ TEST_F(Recovery, StartsAnewOnMetadataThatContradictThemselves)
             std::memcpy(meta.cache_dir, name.data(), name.size());
         };
     };
-    contradiction contradictions[] = {
+    const struct {
+        const char *what;
+        std::function<void(ima_cache_meta &)> make;
+    } contradictions[] = {
         {"size", [](auto &meta) { meta.meta_size = 5336; }},
         {"current block", [](auto &meta) { meta.cur_block = 200; }},
         {"half made", directory("")},
@@ -297,6 +315,29 @@ TEST_F(Recovery, StartsAnewOnAnObjectOfAnotherSize)
     }
 }
 
+// Any user may lay something into /dev/shm before the agent does.
+TEST_F(Recovery, TakesNoObjectOfAnotherUsers)
+{
+    if (chown(IMA_CACHE_META_PATH, 1, static_cast<gid_t>(-1)) != 0)
+        GTEST_SKIP() << "no other users here";
+    ASSERT_EQ(restart(), 1);
+    struct stat object {};
+    ASSERT_EQ(stat(IMA_CACHE_META_PATH, &object), 0);
+    EXPECT_EQ(object.st_uid, geteuid());
+    expect_events(0);
+    ASSERT_EQ(chown(IMA_CACHE_META_PATH, 1, static_cast<gid_t>(-1)), 0);
+    ASSERT_EQ(chmod(IMA_CACHE_META_PATH, 0), 0);
+    ASSERT_EQ(restart(), 1);
+    append(1);
+    expect_events(1000);
+    fs::remove(IMA_CACHE_META_PATH);
+    fs::create_symlink("/tmp/elsewhere", IMA_CACHE_META_PATH);
+    ASSERT_EQ(restart(), 1);
+    append(1);
+    expect_events(1000);
+    EXPECT_FALSE(fs::exists("/tmp/elsewhere"));
+}
+
 // ---- the first start of a boot ----
 
 TEST_F(Recovery, DeletesTheCacheOfAnEarlierBoot)
@@ -325,10 +366,7 @@ TEST_F(Recovery, DeletesTheCacheOfAnEarlierBoot)
 
 TEST_F(Recovery, SaysHowItStarts)
 {
-    reboot();
-    for (const auto &entry : fs::directory_iterator(IMA_CACHE_ROOT))
-        fs::rename(entry, "/harddisk:/elsewhere");
-    fs::remove(IMA_CACHE_ROOT);
+    lose_all_caches();
     trace_captured.clear();
     ASSERT_EQ(restart(), 1);
     struct stat root {};
@@ -341,21 +379,11 @@ TEST_F(Recovery, SaysHowItStarts)
     EXPECT_EQ(trace_captured[2], "load_shm_meta_block(): SEM Key created \n");
     EXPECT_EQ(trace_captured.back(), "load_shm_meta_block(): create_shmht: The id of the semaphore is: " +
                                          std::to_string(ima_cache_ctx.semid) + "\n");
-    remove_block("/harddisk:/elsewhere");
-}
-
-TEST_F(Recovery, KeepsNobodyOutAfterItsEnd)
-{
-    unique_fd object(open(IMA_CACHE_META_PATH, O_RDWR | O_CLOEXEC));
-    EXPECT_EQ(flock(object.get(), LOCK_EX | LOCK_NB), 0);
 }
 
 TEST_F(Recovery, LeavesNothingOfAFailedFirstStart)
 {
-    reboot();
-    for (const auto &entry : fs::directory_iterator(IMA_CACHE_ROOT))
-        fs::rename(entry, "/harddisk:/elsewhere2");
-    fs::remove(IMA_CACHE_ROOT);
+    lose_all_caches();
     std::ofstream("/harddisk:/ima") << "in the way";
     EXPECT_EQ(restart(), -1);
     EXPECT_EQ(trace_captured.back(), "at_ima_cache_init(): \n IMA Cache init failed ");

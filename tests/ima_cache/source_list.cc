@@ -31,6 +31,18 @@ std::int32_t source_chunk::add() const
                             offset_behind(first + MAX_IMA_EVENTS - 1));
 }
 
+std::int32_t cache_reader::start(std::uint64_t event)
+{
+    message_release(*message);
+    return at_ima_cache_read_start(event, message.get(), &at.block, &at.offset, &at.fd);
+}
+
+std::int32_t cache_reader::next()
+{
+    message_release(*message);
+    return at_ima_cache_read_next(message.get(), &at.block, &at.offset, &at.fd);
+}
+
 namespace {
 
 std::vector<std::byte> encoded(const IMACacheBlock &message)
@@ -63,19 +75,15 @@ served_events serve_all()
         return {0, "the end is not known", false};
     if (tail_offset != offset_behind(last_event))
         served.problem = "offset " + number(tail_offset) + " behind event " + number(last_event);
-    ima_cache_cursor at{};
-    IMACacheBlock message{};
-    std::int32_t result = at_ima_cache_read_start(1, &message, &at.block, &at.offset, &at.fd);
+    cache_reader reader;
+    std::int32_t result = reader.start(1);
     while (result == 1 && served.problem.empty()) {
-        served.wrong = !is_source(message, served.count + 1);
+        served.wrong = !is_source(*reader.message, served.count + 1);
         if (served.wrong)
             served.problem = "the chunk behind event " + number(served.count) + " is another one";
         served.count += MAX_IMA_EVENTS;
-        message_release(message);
-        result = at_ima_cache_read_next(&message, &at.block, &at.offset, &at.fd);
+        result = reader.next();
     }
-    message_release(message);
-    at_ima_cache_read_done(&at.block, &at.offset, &at.fd);
     if (served.problem.empty() && served.count != last_event)
         served.problem = number(served.count) + " events served of " + number(last_event);
     if (served.problem.empty() && result < 0 && last_event != 0)

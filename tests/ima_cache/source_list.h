@@ -30,6 +30,23 @@ public:
     std::int32_t add() const;
 };
 
+// A walk through the cache, a chunk at a time.
+class cache_reader {
+public:
+    cache_reader() = default;
+    ~cache_reader() { done(); }
+    cache_reader(const cache_reader &) = delete;
+    cache_reader &operator=(const cache_reader &) = delete;
+
+    // The chunk that holds `event`, or the next one, comes into `message`; the results are the cache's.
+    std::int32_t start(std::uint64_t event);
+    std::int32_t next();
+    void done() { at_ima_cache_read_done(&at.block, &at.offset, &at.fd); }
+
+    ima_cache_cursor at{};
+    owned_message<IMACacheBlock> message;
+};
+
 // What the cache has to give.
 struct served_events {
     std::uint64_t count = 0; // from event 1 on, each as in the source
