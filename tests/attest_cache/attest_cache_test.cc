@@ -24,6 +24,11 @@ protected:
         int status = pclose(pipe);
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
+    static void damage_block_and_hash(unsigned index, std::size_t place, unsigned bits)
+    {
+        damage_block(index, place, bits);
+        write_block_with_hash(index, read_block(index));
+    }
     std::string said;
 };
 
@@ -47,43 +52,28 @@ TEST_F(AttestCache, CallsNoDamagedCacheSound)
 {
     append(2 * CHUNKS + 1);
     saved_cache sound = save(3);
-    struct {
+    const struct {
         const char *fault;
-        std::function<void()> damage;
-    } damages[] = {
-        {"block 1: another hash\n",
-         [] {
-             std::vector<std::uint8_t> block = read_block(1);
-             block[300] ^= 1;
-             write_block(1, block);
-         }},
+        std::function<void()> make;
+    } faults[] = {
+        {"block 1: another hash\n", [] { damage_block(1, 300); }},
         {"block 2: block 1 in front of it is missing\n", [] { remove_block(path_of(1).c_str()); }},
         {"block 0: cut off\n",
          [] {
              std::vector<std::uint8_t> block = read_block(0);
-             block.resize(block.size() - 1);
+             block.pop_back();
              write_block(0, block);
          }},
         {"block 2: no header\n", [] { write_block(2, {1}); }},
-        {"block 2: begins with event 6002 behind event 6000\n",
-         [] {
-             std::vector<std::uint8_t> block = read_block(2);
-             ++block[40];
-             write_block_with_hash(2, block);
-         }},
-        {"block 2: the chunk behind 0 events cannot be read\n",
-         [] {
-             std::vector<std::uint8_t> block = read_block(2);
-             ++block[88];
-             write_block_with_hash(2, block);
-         }},
+        {"block 2: begins with event 6003 behind event 6000\n", [] { damage_block_and_hash(2, 40, 2); }},
+        {"block 2: the chunk behind 0 events cannot be read\n", [] { damage_block_and_hash(2, 88, 1); }},
         {"metadata: they end with event 7001 ", [] { ima_cache_ctx.meta->last_event += 1; }},
         {"metadata: they have another block 1\n", [] { ima_cache_ctx.meta->blocks[1].event_count = 1000; }},
         {"metadata: the current block is 7 of 3\n", [] { ima_cache_ctx.meta->cur_block = 7; }},
     };
-    for (auto &[fault, damage] : damages) {
+    for (const auto &[fault, make] : faults) {
         put_back(sound);
-        damage();
+        make();
         saved_cache before = save(3);
         EXPECT_EQ(run("verify"), 1) << fault;
         EXPECT_THAT(said, testing::HasSubstr(fault));

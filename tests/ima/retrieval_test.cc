@@ -29,45 +29,25 @@ constexpr std::uint64_t LENGTH = 7500;
 constexpr std::uint64_t ALL = 0;
 constexpr unsigned LIST_KINDS = IMA_KIND_OLD | IMA_KIND_NG | IMA_KIND_SIG | IMA_KIND_LISTED;
 
-// What the client has been sent, and what it makes of the next messages.
-struct {
+constexpr std::int32_t PAUSE = -3;
+constexpr std::int32_t FAIL = -1;
+
+// What the client has been sent, and which message it does not take.
+struct sent_messages {
+    int refused = -1; // the number of the send, from 0
+    std::int32_t result = 0;
+    int sends = 0;
     std::vector<std::uint64_t> numbers;
     std::vector<std::size_t> sizes; // of the messages
     std::uint64_t context = 0;
-    int sends = 0;
-    std::function<std::int32_t(int)> result = [](int) { return 0; }; // by the number of the send, from 0
 } sent;
 
-void compare_with_list(const IMA_EVENT *events, std::size_t count);
-
-} // namespace
-
-std::int32_t remote_attestation_api_stream_ima_event_logs_Resp(remote_attestation_api_client client,
-                                                               const NodeIMAData *message, int last,
-                                                               std::uint32_t, std::uint32_t request_id)
+void refuse_send(int number, std::int32_t result)
 {
-    EXPECT_EQ(client, CLIENT);
-    EXPECT_EQ(request_id, 5u);
-    EXPECT_EQ(last, 0);
-    EXPECT_STREQ(message->node_name, "card7");
-    const std::int32_t result = sent.result(sent.sends++);
-    if (result != 0)
-        return result;
-    compare_with_list(message->events.items, message->events.count);
-    sent.sizes.push_back(message->events.count);
-    for (std::uint32_t i = 0; i < message->events.count; ++i)
-        sent.numbers.push_back(message->events.items[i].event_num);
-    return 0;
+    sent = {};
+    sent.refused = number;
+    sent.result = result;
 }
-
-void remote_attestation_api_server_set_user_context(remote_attestation_api_client client,
-                                                    std::uint64_t context)
-{
-    EXPECT_EQ(client, CLIENT);
-    sent.context = context;
-}
-
-namespace {
 
 const std::string &list_bytes()
 {
@@ -95,6 +75,34 @@ void compare_with_list(const IMA_EVENT *events, std::size_t count)
             << "event " << events[i].event_num;
     }
 }
+
+} // namespace
+
+std::int32_t remote_attestation_api_stream_ima_event_logs_Resp(remote_attestation_api_client client,
+                                                               const NodeIMAData *message, int last,
+                                                               std::uint32_t, std::uint32_t request_id)
+{
+    EXPECT_EQ(client, CLIENT);
+    EXPECT_EQ(request_id, 5u);
+    EXPECT_EQ(last, 0);
+    EXPECT_STREQ(message->node_name, "card7");
+    if (sent.sends++ == sent.refused)
+        return sent.result;
+    compare_with_list(message->events.items, message->events.count);
+    sent.sizes.push_back(message->events.count);
+    for (std::uint32_t i = 0; i < message->events.count; ++i)
+        sent.numbers.push_back(message->events.items[i].event_num);
+    return 0;
+}
+
+void remote_attestation_api_server_set_user_context(remote_attestation_api_client client,
+                                                    std::uint64_t context)
+{
+    EXPECT_EQ(client, CLIENT);
+    sent.context = context;
+}
+
+namespace {
 
 std::vector<std::uint64_t> numbers(std::uint64_t first, std::uint64_t last)
 {
@@ -216,18 +224,8 @@ TEST_F(retrieval_test, ACacheThatWasCutBackRemovedOrDamagedChangesNoEvent)
         {"nothing yet", [] {}},
         {"a block removed", [] { remove_block(path_of(1).c_str()); }},
         {"the first block removed", [] { remove_block(path_of(0).c_str()); }},
-        {"a block damaged",
-         [] {
-             std::vector<std::uint8_t> block = read_block(1);
-             block[2000] ^= 1;
-             write_block(1, block);
-         }},
-        {"the last block damaged",
-         [] {
-             std::vector<std::uint8_t> block = read_block(2);
-             block[100] ^= 1;
-             write_block(2, block);
-         }},
+        {"a block damaged", [] { damage_block(1, 2000); }},
+        {"the last block damaged", [] { damage_block(2, 100); }},
         {"a block cut to nothing",
          [] {
              write_block(1, {1, 2, 3});
@@ -272,8 +270,7 @@ TEST_F(retrieval_test, APausedStreamGoesOnWithTheRefusedChunk)
                 at_agent_state.ima_cache_ready = ready;
                 const std::vector<std::uint64_t> undisturbed = stream(start, count);
                 for (int refused = 0; refused < 6; ++refused) {
-                    sent = {};
-                    sent.result = [refused](int send) { return send == refused ? -3 : 0; };
+                    refuse_send(refused, PAUSE);
                     std::vector<std::uint64_t> got = stream(start, count);
                     EXPECT_EQ(got.front(), undisturbed.front()) << ready << ' ' << start << ' ' << refused;
                     EXPECT_TRUE(std::is_sorted(got.begin(), got.end()));
@@ -287,12 +284,15 @@ TEST_F(retrieval_test, APausedStreamGoesOnWithTheRefusedChunk)
 
 TEST_F(retrieval_test, WhereAPausedStreamGoesOnIsRecordedByItsPlace)
 {
-    sent.result = [](int send) { return send == 2 ? -3 : 0; };
+    refuse_send(2, PAUSE);
     EXPECT_EQ(ask(0, ALL, 1).status, ATTEST_ERR_FLOW_PAUSED);
     EXPECT_EQ(at_agent_state.at_paused_stream.start_event, 2000u);
     EXPECT_EQ(at_agent_state.at_paused_stream.event_count, 0u);
     EXPECT_THAT(sent.sizes, ElementsAre(1000, 1000));
-    EXPECT_EQ(ask(0, ALL, 1).status, ATTEST_ERR_MORE_DATA) << "the slot is taken: the second stream gives up";
+    refuse_send(2, PAUSE);
+    const answer second = ask(0, ALL, 1);
+    EXPECT_EQ(second.status, ATTEST_ERR_MORE_DATA) << "the slot is taken: the second stream gives up";
+    EXPECT_EQ(second.present, 0u);
     at_agent_state.at_paused_stream = {};
 
     at_agent_state.ima_cache_ready = 1;
@@ -323,8 +323,7 @@ TEST_F(retrieval_test, AFailedSendEndsWithAMessageWithoutAnyField)
     fill_cache();
     for (const auto &row : cases) {
         at_agent_state.ima_cache_ready = row.ready;
-        sent = {};
-        sent.result = [&row](int send) { return send == row.failed ? -1 : 0; };
+        refuse_send(row.failed, FAIL);
         const answer got = ask(row.start, ALL, 1);
         EXPECT_EQ(got.status, ATTEST_ERR_MORE_DATA);
         EXPECT_EQ(got.present, 0u);
@@ -345,8 +344,7 @@ TEST_F(retrieval_test, ChunksThatTheCacheHasAlreadyDoNotEndTheCaching)
     EXPECT_EQ(ima_cache_ctx.meta->last_event, 3000u);
     write_list(list_bytes());
     // The cache is left at once, for the list from its begin on.
-    sent = {};
-    sent.result = [](int send) { return send == 0 ? -1 : 0; };
+    refuse_send(0, FAIL);
     EXPECT_EQ(ask(0, ALL, 1).status, ATTEST_ERR_MORE_DATA);
     EXPECT_EQ(ima_cache_ctx.meta->last_event, 7000u);
 }
