@@ -1,6 +1,6 @@
 #include <gmock/gmock.h>
 
-#include <functional>
+#include <optional>
 #include <string>
 
 #include "agent/agent_state.h"
@@ -28,45 +28,35 @@ struct handlers : testing::Test {
     }
 };
 
+template <class Request>
+void ask_for_nothing(void (*handler)(remote_attestation_api_client, const Request *, std::uint32_t))
+{
+    const Request request = {};
+    handler(CLIENT, &request, 5);
+}
+
 struct one_shot {
     const char *name;
-    std::function<void()> call;
-    std::string entry_line;
-    std::string send;
+    void (*call)();
+    const char *entry_line;
     bool traces_no_data;
     std::uint32_t flags;
-    bool local_first; // asks the node before the BMC
+    const char *asked_first;
 };
 
-// Each operation with an empty request of its type.
-std::vector<one_shot> one_shots()
-{
-    static const get_certificate_request certificate = {};
-    static const attest_pcr_request pcrs = {};
-    static const get_platform_boot_integrity_event_logs_request boot = {};
-    static const get_platform_ima_event_logs_request ima = {};
-    static const get_platform_hw_integrity_request hw = {};
-    return {
-        {"get_certificate", [] { get_certificate(CLIENT, &certificate, 5); },
-         "get_certificate(): Attestation Agent: get_certificate return code 5\n",
-         "remote_attestation_api_get_certificate_Resp", true, 0, false},
-        {"attest_pcrs", [] { attest_pcrs(CLIENT, &pcrs, 5); },
-         "attest_pcrs(): Attestation agent:attest_pcrs request id 5\n",
-         "remote_attestation_api_attest_pcr_request_Resp", true, 1, false},
-        {"get_platform_boot_integrity_event_logs",
-         [] { get_platform_boot_integrity_event_logs(CLIENT, &boot, 5); },
-         "get_platform_boot_integrity_event_logs(): Attestation agent: "
-         "get_platform_boot_integrity_event_logs "
-         "request id 5\n",
-         "remote_attestation_api_get_platform_boot_integrity_event_logs_Resp", false, 1, false},
-        {"get_platform_ima_event_logs", [] { get_platform_ima_event_logs(CLIENT, &ima, 5); },
-         "get_platform_ima_event_logs(): Attestation agent: attest_ima request id 5\n",
-         "remote_attestation_api_get_platform_ima_event_logs_Resp", false, 1, false},
-        {"get_platform_hw_integrity", [] { get_platform_hw_integrity(CLIENT, &hw, 5); },
-         "get_platform_hw_integrity(): Attestation agent:hw integrity request id 5\n",
-         "remote_attestation_api_get_platform_hw_integrity_Resp", true, 0, true},
-    };
-}
+constexpr one_shot one_shots[] = {
+    {"get_certificate", [] { ask_for_nothing(get_certificate); },
+     "Attestation Agent: get_certificate return code 5\n", true, 0, "bmc"},
+    {"attest_pcrs", [] { ask_for_nothing(attest_pcrs); }, "Attestation agent:attest_pcrs request id 5\n",
+     true, 1, "bmc"},
+    {"get_platform_boot_integrity_event_logs",
+     [] { ask_for_nothing(get_platform_boot_integrity_event_logs); },
+     "Attestation agent: get_platform_boot_integrity_event_logs request id 5\n", false, 1, "bmc"},
+    {"get_platform_ima_event_logs", [] { ask_for_nothing(get_platform_ima_event_logs); },
+     "Attestation agent: attest_ima request id 5\n", false, 1, "bmc"},
+    {"get_platform_hw_integrity", [] { ask_for_nothing(get_platform_hw_integrity); },
+     "Attestation agent:hw integrity request id 5\n", true, 0, "local"},
+};
 
 template <class Request>
 Request request_with_nonce(std::string &nonce)
@@ -81,7 +71,7 @@ Request request_with_nonce(std::string &nonce)
 
 TEST_F(handlers, AnswerWithEveryCombinationOfSources)
 {
-    for (const one_shot &operation : one_shots()) {
+    for (const one_shot &operation : one_shots) {
         for (bool local : {true, false}) {
             for (bool bmc : {true, false}) {
                 SCOPED_TRACE(std::string(operation.name) + (local ? " local" : "") + (bmc ? " bmc" : ""));
@@ -98,66 +88,45 @@ TEST_F(handlers, AnswerWithEveryCombinationOfSources)
                     records.push_back("bmc");
                 ASSERT_EQ(now.sent.size(), 1U);
                 const scripted::sent_message &sent = now.sent[0];
-                EXPECT_EQ(sent.operation, operation.send);
                 EXPECT_EQ(sent.records, records);
-                EXPECT_EQ(sent.has_node_data, !records.empty());
                 EXPECT_EQ(sent.last, 1);
                 EXPECT_EQ(sent.rpc_status, 0U);
                 EXPECT_EQ(sent.request_id, 5U);
                 EXPECT_EQ(sent.flags, operation.flags);
-                EXPECT_EQ(now.asked.front(), operation.local_first ? "local" : "bmc");
-                EXPECT_EQ(trace_captured.front(), operation.entry_line);
-                EXPECT_EQ(
-                    trace_has(std::string(operation.name) + "(): No data available Failed to talk to KOV"),
-                    records.empty() && operation.traces_no_data);
+                EXPECT_EQ(now.asked.front(), operation.asked_first);
+                const std::string name = std::string(operation.name) + "(): ";
+                EXPECT_EQ(trace_captured.front(), name + operation.entry_line);
+                EXPECT_EQ(trace_has(name + "No data available Failed to talk to KOV"),
+                          records.empty() && operation.traces_no_data);
             }
         }
     }
 }
 
-TEST_F(handlers, NonceIsEchoedAlsoWithoutEvidence)
+// With evidence and without it; an empty one by hardware integrity alone; nobody is asked for one too long.
+TEST_F(handlers, NoncesAreEchoedByTheirLength)
 {
-    std::string nonce(64, 'n');
-    auto pcrs = request_with_nonce<attest_pcr_request>(nonce);
-    auto hw = request_with_nonce<get_platform_hw_integrity_request>(nonce);
-    for (std::uint32_t status : {ATTEST_OK, ATTEST_ERR_KOV_COMM}) {
-        now = {};
-        now.local_status = now.bmc_status = status;
-        attest_pcrs(CLIENT, &pcrs, 1);
-        get_platform_hw_integrity(CLIENT, &hw, 2);
-        ASSERT_EQ(now.sent.size(), 2U);
-        EXPECT_EQ(now.sent[0].nonce, nonce);
-        EXPECT_EQ(now.sent[1].nonce, nonce);
-    }
-}
+    for (std::size_t length : {0, 64, 65}) {
+        for (std::uint32_t status : {ATTEST_OK, ATTEST_ERR_KOV_COMM}) {
+            SCOPED_TRACE(std::to_string(length) + " bytes, status " + std::to_string(status));
+            now = {};
+            now.local_status = now.bmc_status = status;
+            trace_captured.clear();
+            std::string nonce(length, 'n');
+            auto pcrs = request_with_nonce<attest_pcr_request>(nonce);
+            auto hw = request_with_nonce<get_platform_hw_integrity_request>(nonce);
+            attest_pcrs(CLIENT, &pcrs, 1);
+            get_platform_hw_integrity(CLIENT, &hw, 2);
 
-TEST_F(handlers, EmptyNonceIsEchoedByHardwareIntegrityOnly)
-{
-    std::string empty;
-    auto pcrs = request_with_nonce<attest_pcr_request>(empty);
-    auto hw = request_with_nonce<get_platform_hw_integrity_request>(empty);
-    attest_pcrs(CLIENT, &pcrs, 1);
-    get_platform_hw_integrity(CLIENT, &hw, 2);
-    EXPECT_FALSE(now.sent.at(0).has_nonce);
-    EXPECT_TRUE(now.sent.at(1).has_nonce);
-    EXPECT_EQ(now.sent.at(1).nonce, "");
-}
-
-TEST_F(handlers, NonceThatIsTooLongAsksNobody)
-{
-    std::string nonce(65, 'n');
-    auto pcrs = request_with_nonce<attest_pcr_request>(nonce);
-    auto hw = request_with_nonce<get_platform_hw_integrity_request>(nonce);
-    attest_pcrs(CLIENT, &pcrs, 1);
-    get_platform_hw_integrity(CLIENT, &hw, 2);
-    EXPECT_THAT(now.asked, IsEmpty());
-    ASSERT_EQ(now.sent.size(), 2U);
-    for (const scripted::sent_message &sent : now.sent) {
-        EXPECT_FALSE(sent.has_nonce);
-        EXPECT_FALSE(sent.has_node_data);
+            const bool too_long = length > 64;
+            ASSERT_EQ(now.sent.size(), 2U);
+            EXPECT_EQ(now.sent[0].nonce, length == 64 ? std::optional(nonce) : std::nullopt);
+            EXPECT_EQ(now.sent[1].nonce, too_long ? std::nullopt : std::optional(nonce));
+            EXPECT_EQ(now.asked.empty(), too_long);
+            for (const char *name : {"attest_pcrs", "get_platform_hw_integrity"})
+                EXPECT_EQ(trace_has(name + std::string("(): No data available Invalid parameter")), too_long);
+        }
     }
-    EXPECT_TRUE(trace_has("attest_pcrs(): No data available Invalid parameter"));
-    EXPECT_TRUE(trace_has("get_platform_hw_integrity(): No data available Invalid parameter"));
 }
 
 TEST_F(handlers, CardsFollowTheOtherRecords)
@@ -236,26 +205,21 @@ TEST_F(handlers, RefusedFinalMessageWaitsAndGoesOnFromItsFirstEvent)
         << "a resumed stream asked the BMC again";
 }
 
-TEST_F(handlers, RefusedFinalMessageOfALimitedStreamKeepsItsLimit)
+TEST_F(handlers, RefusedFinalMessageIsKeptWithItsLimitIfItHasEvents)
 {
     get_platform_ima_event_logs_request request = {};
     request.present = request.has_event_count;
     request.event_count = 500;
-    now.local_status = ATTEST_ERR_MORE_DATA;
     now.stream_send_result = REMOTE_ATTESTATION_API_FLOW_CLOSED;
-    now.stream_events = 2;
-    stream_platform_ima_event_logs(CLIENT, &request, 6);
-    EXPECT_EQ(at_agent_state.at_paused_stream.event_count, 2U);
-}
-
-TEST_F(handlers, RefusedFinalMessageWithoutEventsIsNotKept)
-{
-    get_platform_ima_event_logs_request request = {};
     now.local_status = ATTEST_ERR_SERVICE_FAILED;
-    now.stream_send_result = REMOTE_ATTESTATION_API_FLOW_CLOSED;
     stream_platform_ima_event_logs(CLIENT, &request, 6);
     EXPECT_EQ(at_agent_state.at_paused_stream.paused, 0);
     EXPECT_EQ(now.user_context, 0U);
+
+    now.local_status = ATTEST_ERR_MORE_DATA;
+    now.stream_events = 2;
+    stream_platform_ima_event_logs(CLIENT, &request, 6);
+    EXPECT_EQ(at_agent_state.at_paused_stream.event_count, 2U);
 }
 
 TEST_F(handlers, ResumeWithoutAPausedStreamAnswersEmpty)

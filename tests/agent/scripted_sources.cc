@@ -30,17 +30,15 @@ std::uint32_t source(const char *name, std::uint32_t status, Record *record)
 }
 
 template <class Response>
-scripted::sent_message describe(const char *operation, const Response &response, int last,
-                                std::uint32_t rpc_status, std::uint32_t request_id)
+scripted::sent_message describe(const Response &response, int last, std::uint32_t rpc_status,
+                                std::uint32_t request_id)
 {
-    scripted::sent_message sent = {operation, last, rpc_status, request_id, {}, {}, {}, {}, {}, {}};
-    sent.has_node_data = (response.present & Response::has_node_data) != 0;
-    for (std::uint32_t i = 0; sent.has_node_data && i < response.node_data.count; ++i)
+    scripted::sent_message sent = {last, rpc_status, request_id};
+    for (std::uint32_t i = 0; response.present & Response::has_node_data && i < response.node_data.count; ++i)
         sent.records.push_back(response.node_data.items[i].node_name);
     if constexpr (requires { response.nonce; }) {
-        sent.has_nonce = (response.present & Response::has_nonce) != 0;
-        if (sent.has_nonce)
-            sent.nonce.assign(reinterpret_cast<const char *>(response.nonce.data), response.nonce.length);
+        if (response.present & Response::has_nonce)
+            sent.nonce.emplace(reinterpret_cast<const char *>(response.nonce.data), response.nonce.length);
     }
     if constexpr (requires { response.flags; })
         sent.flags = response.present & Response::has_flags ? response.flags : 0;
@@ -48,6 +46,18 @@ scripted::sent_message describe(const char *operation, const Response &response,
 }
 
 } // namespace
+
+#define SCRIPTED_BMC(call, request_type, record_type)                                                        \
+    std::uint32_t call(const request_type *, record_type *reply)                                             \
+    {                                                                                                        \
+        return source("bmc", now.bmc_status, reply);                                                         \
+    }
+SCRIPTED_BMC(attestation_get_certchain_bmc, get_certificate_request, SystemCertificates)
+SCRIPTED_BMC(attestation_attest_pcrs_bmc, attest_pcr_request, NodePCRData)
+SCRIPTED_BMC(attestation_get_bmc_sb_event_logs, get_platform_boot_integrity_event_logs_request,
+             NodeBootIntegrityLog)
+SCRIPTED_BMC(attestation_get_bmc_ima_event_logs, get_platform_ima_event_logs_request, NodeIMAData)
+SCRIPTED_BMC(get_platform_hw_integrity_bmc, get_platform_hw_integrity_request, tpm_hw_integrity)
 
 std::uint32_t attestation_get_certchain(const get_certificate_request *, SystemCertificates *record)
 {
@@ -87,30 +97,6 @@ std::uint32_t attestation_get_local_ima_event_logs(std::uint64_t start_event, st
     return now.local_status;
 }
 
-std::uint32_t attestation_get_certchain_bmc(const get_certificate_request *, SystemCertificates *reply)
-{
-    return source("bmc", now.bmc_status, reply);
-}
-std::uint32_t attestation_attest_pcrs_bmc(const attest_pcr_request *, NodePCRData *reply)
-{
-    return source("bmc", now.bmc_status, reply);
-}
-std::uint32_t attestation_get_bmc_sb_event_logs(const get_platform_boot_integrity_event_logs_request *,
-                                                NodeBootIntegrityLog *reply)
-{
-    return source("bmc", now.bmc_status, reply);
-}
-std::uint32_t attestation_get_bmc_ima_event_logs(const get_platform_ima_event_logs_request *,
-                                                 NodeIMAData *reply)
-{
-    return source("bmc", now.bmc_status, reply);
-}
-std::uint32_t get_platform_hw_integrity_bmc(const get_platform_hw_integrity_request *,
-                                            tpm_hw_integrity *reply)
-{
-    return source("bmc", now.bmc_status, reply);
-}
-
 std::uint32_t get_max_cpuless_cards()
 {
     return 8;
@@ -129,7 +115,7 @@ std::uint32_t get_cpuless_cards_hw_integrity(const get_platform_hw_integrity_req
     std::int32_t call(remote_attestation_api_client, const response_type *response, int last,                \
                       std::uint32_t rpc_status, std::uint32_t request_id)                                    \
     {                                                                                                        \
-        now.sent.push_back(describe(#call, *response, last, rpc_status, request_id));                        \
+        now.sent.push_back(describe(*response, last, rpc_status, request_id));                               \
         return 0;                                                                                            \
     }
 SCRIPTED_SEND(remote_attestation_api_get_certificate_Resp, get_certificate_response)
@@ -144,7 +130,7 @@ std::int32_t remote_attestation_api_stream_ima_event_logs_Resp(remote_attestatio
                                                                std::uint32_t rpc_status,
                                                                std::uint32_t request_id)
 {
-    scripted::sent_message sent = {"stream", last, rpc_status, request_id, {}, {}, {}, {}, {}, {}};
+    scripted::sent_message sent = {last, rpc_status, request_id};
     if (message->present & message->has_node_name)
         sent.records.push_back(message->node_name);
     for (std::uint32_t i = 0; message->present & message->has_events && i < message->events.count; ++i)

@@ -3,22 +3,20 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace scripted {
 
 struct sent_message {
-    std::string operation; // name of the send call
     int last;
     std::uint32_t rpc_status;
     std::uint32_t request_id;
-    std::vector<std::string> records; // node names, in order
-    bool has_node_data;
-    bool has_nonce;
-    std::string nonce;
-    std::uint32_t flags;
-    std::vector<std::uint64_t> event_numbers; // of a stream message
+    std::vector<std::string> records{}; // node names, in order
+    std::optional<std::string> nonce{};
+    std::uint32_t flags = 0;
+    std::vector<std::uint64_t> event_numbers{}; // of a stream message
 };
 
 struct script {
