@@ -20,8 +20,8 @@ import grpc
 import load
 import measured_list
 import node
-from measured_list import SERVICE
 from node import agent_control
+from operations import method
 
 LIBRARY = node.BUILD / "tests/end_to_end/libfailing_allocator.so"
 CONTROL = "/dev/shm/failing_allocator"
@@ -50,22 +50,19 @@ class Allocations(unittest.TestCase):
         node.restart(f"LD_PRELOAD={LIBRARY}", f"FAILING_ALLOCATOR={CONTROL}", *settings)
         # A channel with connections of its own: not those that another one had to the agent before.
         self.channel = grpc.insecure_channel(os.environ["NODE_ADDRESS"], [("grpc.use_local_subchannel_pool", 1)])
-        self.whole = {operation: self.ask(operation) for operation in load.OPERATIONS}
+        self.whole = {operation: self.ask(operation) for operation in load.REQUESTS}
         for operation, answer in self.whole.items():
             self.assertTrue(answer and all(answer), operation)
 
     def ask(self, operation, timeout=30):
         """The parts of the answer that do not change from request to request; or the status of its failure. While memory
         is short nobody waits for a new connection."""
-        request, response = load.OPERATIONS[operation]
+        request = load.REQUESTS[operation]
         if "Ima" in operation:
             request = type(request)(start_event=0, event_count=0)
-        streams = operation.startswith("Stream")
-        kind = self.channel.unary_stream if streams else self.channel.unary_unary
-        call = kind(f"{SERVICE}/{operation}", type(request).SerializeToString, response.FromString)
         try:
-            answer = call(request, timeout=timeout, wait_for_ready=not self.control[0])
-            records = [record for record in answer] if streams else answer.node_data
+            answer = method(self.channel, operation)(request, timeout=timeout, wait_for_ready=not self.control[0])
+            records = list(answer) if operation.startswith("Stream") else answer.node_data
             return [self.content(record) for record in records if record.ByteSize() != 0]
         except grpc.RpcError as failure:
             return failure.code()
@@ -98,7 +95,7 @@ class Allocations(unittest.TestCase):
 
     def fail_each(self, for_ever):
         problems = []
-        for operation in load.OPERATIONS:
+        for operation in load.REQUESTS:
             number, tried, reached = 0, 0, True
             while reached:
                 answer, asked = self.fail_at(operation, number, for_ever)

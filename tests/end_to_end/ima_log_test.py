@@ -13,7 +13,8 @@ import grpc
 
 import measured_list
 import node
-from measured_list import Client, Events, api
+from measured_list import Client, Events
+from operations import api
 
 LENGTH = 250_000  # two blocks of the cache are sealed, the third is half full
 SHORT = 110_000  # one is

@@ -15,7 +15,7 @@ import grpc
 
 import measured_list
 import node
-from measured_list import SERVICE, api
+from operations import api, method
 
 TLS = "/tmp/tls"
 MADE_TLS = """set -e
@@ -31,18 +31,13 @@ cp ca.crt server/client-ca.crt
 mv server.crt server.key server
 """
 BEGIN_OF_CLIENT_HELLO = bytes.fromhex("160301020001")
-OPERATIONS = {
-    "GetCertificate": (api.get_certificate_request(cert_name="Kestrin AIK", nonce=b"n" * 32),
-                       api.get_certificate_response),
-    "AttestPcrs": (api.attest_pcr_request(pcr_indices=[0, 7, 10], nonce=b"n" * 32), api.attest_pcr_response),
-    "GetPlatformBootIntegrityEventLogs": (api.get_platform_boot_integrity_event_logs_request(),
-                                          api.get_platform_boot_integrity_event_logs_response),
-    "GetPlatformHwIntegrity": (api.get_platform_hw_integrity_request(nonce=b"n" * 32),
-                               api.get_platform_hw_integrity_response),
-    "GetPlatformImaEventLogs": (api.get_platform_ima_event_logs_request(start_event=2500, event_count=1000),
-                                api.get_platform_ima_event_logs_response),
-    "StreamPlatformImaEventLogs": (api.get_platform_ima_event_logs_request(start_event=2500, event_count=1000),
-                                   api.NodeIMAData),
+REQUESTS = {
+    "GetCertificate": api.get_certificate_request(cert_name="Kestrin AIK", nonce=b"n" * 32),
+    "AttestPcrs": api.attest_pcr_request(pcr_indices=[0, 7, 10], nonce=b"n" * 32),
+    "GetPlatformBootIntegrityEventLogs": api.get_platform_boot_integrity_event_logs_request(),
+    "GetPlatformHwIntegrity": api.get_platform_hw_integrity_request(nonce=b"n" * 32),
+    "GetPlatformImaEventLogs": api.get_platform_ima_event_logs_request(start_event=2500, event_count=1000),
+    "StreamPlatformImaEventLogs": api.get_platform_ima_event_logs_request(start_event=2500, event_count=1000),
 }
 
 
@@ -78,26 +73,19 @@ class Client:
 
     def ask(self, operation):
         """Seconds until the whole answer was there."""
-        request, response = OPERATIONS[operation]
-        method = f"{SERVICE}/{operation}"
         began = time.monotonic()
+        answer = method(self.channel, operation)(REQUESTS[operation], timeout=120)
         if operation.startswith("Stream"):
-            call = self.channel.unary_stream(method, type(request).SerializeToString, response.FromString)
-            events = sum(len(message.events) for message in call(request, timeout=120))
-            if events == 0:
+            if sum(len(message.events) for message in answer) == 0:
                 raise AssertionError("a stream without events")
-        else:
-            call = self.channel.unary_unary(method, type(request).SerializeToString, response.FromString)
-            if len(call(request, timeout=120).node_data) != 1:
-                raise AssertionError(f"{operation} without evidence")
+        elif len(answer.node_data) != 1:
+            raise AssertionError(f"{operation} without evidence")
         return time.monotonic() - began
 
     def stall(self):
         """Begins a stream of everything; whoever does not iterate over `stalled` takes nothing of it."""
-        call = self.channel.unary_stream(f"{SERVICE}/StreamPlatformImaEventLogs",
-                                         api.get_platform_ima_event_logs_request.SerializeToString,
-                                         api.NodeIMAData.FromString)
-        self.stalled = call(api.get_platform_ima_event_logs_request(), timeout=600)
+        everything = api.get_platform_ima_event_logs_request()
+        self.stalled = method(self.channel, "StreamPlatformImaEventLogs")(everything, timeout=600)
 
 
 class Hostile:
@@ -174,11 +162,11 @@ class Watch:
 
 def ask_by_turns(clients, seconds, pause):
     """Each client asks for every operation in turn, with pauses: the times by operation. Any failure is raised."""
-    times = {operation: [] for operation in OPERATIONS}
+    times = {operation: [] for operation in REQUESTS}
     deadline = time.monotonic() + seconds
 
     def live(client):
-        operations = list(OPERATIONS)
+        operations = list(REQUESTS)
         chance = random.Random(id(client))
         chance.shuffle(operations)
         turn = 0

@@ -6,9 +6,7 @@ import subprocess
 import grpc
 
 import node
-
-SERVICE = "/remote_attestation_api.RemoteAttestationApi"
-api = node.load_contract()
+from operations import api, method
 
 
 def make(length, seed):
@@ -62,14 +60,9 @@ class Client:
         self.channel = grpc.insecure_channel(os.environ["NODE_ADDRESS"], options)
 
     def stream(self, start=0, count=0):
-        call = self.channel.unary_stream(f"{SERVICE}/StreamPlatformImaEventLogs",
-                                         api.get_platform_ima_event_logs_request.SerializeToString,
-                                         api.NodeIMAData.FromString)
-        return call(api.get_platform_ima_event_logs_request(start_event=start, event_count=count), timeout=1200)
+        request = api.get_platform_ima_event_logs_request(start_event=start, event_count=count)
+        return method(self.channel, "StreamPlatformImaEventLogs")(request, timeout=1200)
 
     def at_once(self, start=0, count=0):
-        call = self.channel.unary_unary(f"{SERVICE}/GetPlatformImaEventLogs",
-                                        api.get_platform_ima_event_logs_request.SerializeToString,
-                                        api.get_platform_ima_event_logs_response.FromString)
         request = api.get_platform_ima_event_logs_request(start_event=start, event_count=count)
-        return call(request, timeout=1200).node_data
+        return method(self.channel, "GetPlatformImaEventLogs")(request, timeout=1200).node_data
