@@ -1,6 +1,5 @@
 // The five relayed operations on a transport that the test scripts.
 #include <cstring>
-#include <functional>
 
 #include <gmock/gmock.h>
 
@@ -57,79 +56,6 @@ std::string encoded(const Message &message)
     return bytes;
 }
 
-char node_text[] = "the BMC";
-
-// A row as the test drives it: asks with a request whose encoding has so many bytes, and says what came of
-// it: the status, the name in the record, whether the record is empty.
-struct outcome {
-    std::uint32_t status;
-    std::string node;
-    bool touched;
-};
-struct operation_case {
-    const char *name;
-    std::uint32_t number;
-    std::size_t room;
-    const char *start_line;
-    std::string record; // encoded, with nothing but its node's name
-    std::function<outcome(std::size_t)> ask;
-};
-
-template <class Request, class Record>
-operation_case row(const char *name, std::uint32_t number, std::size_t room, const char *start_line,
-                   std::uint32_t (*operation)(const Request *, Record *),
-                   void (*fill)(Request &, std::string &))
-{
-    Record answer{};
-    answer.node_name = node_text;
-    answer.present = answer.has_node_name;
-    auto ask = [operation, fill](std::size_t length) {
-        Request request{};
-        std::string filling(length < 3 ? 0 : length - (length < 130 ? 2 : 3), 'x'); // its tag and length
-        if (!filling.empty())
-            fill(request, filling);
-        EXPECT_EQ(encoded(request).size(), length);
-        Record record{};
-        std::uint32_t status = operation(&request, &record);
-        outcome got{status, record.node_name != nullptr ? record.node_name : "", record.present != 0};
-        EXPECT_EQ(now.request, now.calls != 0 ? encoded(request) : "");
-        message_release(record);
-        return got;
-    };
-    return {name, number, room, start_line, encoded(answer), ask};
-}
-
-template <class Request>
-void fill_name(Request &request, std::string &filling)
-{
-    request.node_name = filling.data();
-    request.present = request.has_node_name;
-}
-
-template <class Request>
-void fill_nonce(Request &request, std::string &filling)
-{
-    request.nonce = {reinterpret_cast<std::uint8_t *>(filling.data()), filling.size()};
-    request.present = request.has_nonce;
-}
-
-const std::vector<operation_case> &rows()
-{
-    static const std::vector<operation_case> made = {
-        row("attestation_get_bmc_sb_event_logs", 1, 262, "Starting BIV fetch with BMC...",
-            attestation_get_bmc_sb_event_logs, fill_name),
-        row("attestation_attest_pcrs_bmc", 2, 978, "Starting PCR fetch with BMC...",
-            attestation_attest_pcrs_bmc, fill_nonce),
-        row("attestation_get_bmc_ima_event_logs", 3, 284, "Starting IMA fetch with BMC...",
-            attestation_get_bmc_ima_event_logs, fill_name),
-        row("attestation_get_certchain_bmc", 4, 786, "Starting certificate fetch with BMC...",
-            attestation_get_certchain_bmc, fill_nonce),
-        row("get_platform_hw_integrity_bmc", 5, 530, "Starting HW integrity fetch with BMC...",
-            get_platform_hw_integrity_bmc, fill_nonce),
-    };
-    return made;
-}
-
 void script_answer(const std::string &response)
 {
     now = {};
@@ -138,67 +64,103 @@ void script_answer(const std::string &response)
     setenv("ATTEST_NODE_NAME", "node1", 1);
 }
 
-TEST(bmc_operations, RelayWhatFitsAndDecodeTheRecord)
+// A request whose encoding has so many bytes, all but its tag and length from `filling`.
+template <class Request>
+Request request_of(std::size_t length, std::string &filling)
 {
-    for (const operation_case &one : rows()) {
-        std::string name = std::string(one.name) + "(): ";
-        for (std::size_t length : {std::size_t{0}, one.room}) {
-            script_answer(one.record);
-            outcome got = one.ask(length);
-            EXPECT_EQ(got.status, ATTEST_OK) << name;
-            EXPECT_EQ(got.node, "the BMC") << name;
-            EXPECT_EQ(now.operation, one.number);
+    Request request{};
+    if (length == 0)
+        return request;
+    filling.assign(length - (length < 130 ? 2 : 3), 'x');
+    if constexpr (requires { request.nonce; }) {
+        request.nonce = {reinterpret_cast<std::uint8_t *>(filling.data()), filling.size()};
+        request.present = Request::has_nonce;
+    } else {
+        request.node_name = filling.data();
+        request.present = Request::has_node_name;
+    }
+    EXPECT_EQ(encoded(request).size(), length);
+    return request;
+}
+
+template <class Request, class Record>
+void expect_relay(const char *name, std::uint32_t number, std::size_t room, const std::string &start_line,
+                  std::uint32_t (*operation)(const Request *, Record *))
+{
+    char node_text[] = "the BMC";
+    Record answer{};
+    answer.node_name = node_text;
+    answer.present = answer.has_node_name;
+    const std::string good = encoded(answer);
+    const auto received = [](const std::string &response) {
+        return "Received response " + std::to_string(response.size());
+    };
+    const std::string failed = "Failed to fetch data from BMC";
+    const std::string too_long = "Request of " + std::to_string(room + 1) + " bytes is not relayed";
+    const std::string headless = good.substr(1);
+    const std::string and_a_half = good + good.substr(0, 3);
+    const struct {
+        const char *what;
+        std::size_t length;
+        int login, call;
+        std::string response, line;
+    } cases[] = {
+        {"an empty request", 0, 0, 0, good, received(good)},
+        {"the longest request", room, 0, 0, good, received(good)},
+        {"a longer one", room + 1, 0, 0, good, too_long},
+        {"no login", 0, -2, 0, good, failed},
+        {"no reply", 0, 0, -1, good, failed},
+        {"an empty reply", 0, 0, 0, "", failed},
+        {"a reply without its begin", 0, 0, 0, headless, received(headless)},
+        {"a reply and a half", 0, 0, 0, and_a_half, received(and_a_half)},
+    };
+    for (const auto &one : cases) {
+        SCOPED_TRACE(name + std::string(": ") + one.what);
+        script_answer(one.response);
+        now.login = one.login;
+        now.call = one.call;
+        std::string filling;
+        const auto request = request_of<Request>(one.length, filling);
+        Record record{};
+        const std::uint32_t status = operation(&request, &record);
+        const bool relayed = one.line == received(good);
+        EXPECT_EQ(status, relayed ? ATTEST_OK : ATTEST_ERR_NO_DATA);
+        EXPECT_EQ(record.present, relayed ? answer.present : 0);
+        EXPECT_STREQ(record.node_name, relayed ? node_text : nullptr);
+        EXPECT_THAT(trace_captured,
+                    testing::ElementsAre(name + ("(): " + start_line), name + ("(): " + one.line)));
+        EXPECT_EQ(now.calls, one.line == too_long || one.login != 0 ? 0 : 1);
+        if (now.calls != 0) {
+            EXPECT_EQ(now.operation, number);
             EXPECT_EQ(now.node, "node1");
-            EXPECT_THAT(trace_captured,
-                        testing::ElementsAre(name + one.start_line, name + "Received response " +
-                                                                        std::to_string(one.record.size())));
+            EXPECT_EQ(now.request, encoded(request));
         }
-        script_answer(one.record);
-        EXPECT_EQ(one.ask(one.room + 1).status, ATTEST_ERR_NO_DATA) << name;
-        EXPECT_EQ(now.calls, 0) << name;
+        message_release(record);
     }
 }
 
-TEST(bmc_operations, FailWithoutARecord)
+TEST(bmc_operations, RelayWhatFitsAndDecodeTheRecord)
 {
-    for (const operation_case &one : rows()) {
-        std::string failed = std::string(one.name) + "(): Failed to fetch data from BMC";
-        const struct {
-            int login, call;
-            std::string response;
-            bool traced;
-        } failures[] = {
-            {-2, 0, one.record, true},
-            {0, -1, one.record, true},
-            {0, 0, "", true},
-            {0, 0, one.record.substr(1), false},
-            {0, 0, one.record + one.record.substr(0, 3), false},
-        };
-        for (const auto &failure : failures) {
-            script_answer(failure.response);
-            now.login = failure.login;
-            now.call = failure.call;
-            outcome got = one.ask(0);
-            EXPECT_EQ(got.status, ATTEST_ERR_NO_DATA) << one.name;
-            EXPECT_FALSE(got.touched) << one.name;
-            EXPECT_EQ(trace_has(failed), failure.traced) << one.name;
-        }
-        script_answer(one.record);
-        setenv("ATTEST_NODE_NAME", "", 1);
-        EXPECT_EQ(one.ask(0).status, ATTEST_ERR_NO_MEMORY);
-        EXPECT_TRUE(trace_has(std::string(one.name) + "(): Failed to allocate node location"));
-    }
+    expect_relay("attestation_get_bmc_sb_event_logs", 1, 262, "Starting BIV fetch with BMC...",
+                 attestation_get_bmc_sb_event_logs);
+    expect_relay("attestation_attest_pcrs_bmc", 2, 978, "Starting PCR fetch with BMC...",
+                 attestation_attest_pcrs_bmc);
+    expect_relay("attestation_get_bmc_ima_event_logs", 3, 284, "Starting IMA fetch with BMC...",
+                 attestation_get_bmc_ima_event_logs);
+    expect_relay("attestation_get_certchain_bmc", 4, 786, "Starting certificate fetch with BMC...",
+                 attestation_get_certchain_bmc);
+    expect_relay("get_platform_hw_integrity_bmc", 5, 530, "Starting HW integrity fetch with BMC...",
+                 get_platform_hw_integrity_bmc);
 }
 
 TEST(bmc_operations, SurviveEachAllocationThatFails)
 {
-    const operation_case &one = rows()[0];
-    const std::string name = std::string(one.name) + "(): ";
+    const std::string name = "attestation_get_bmc_sb_event_logs(): ";
+    const get_platform_boot_integrity_event_logs_request request{};
     std::uint32_t status = ~0u;
     for (std::size_t n = 0; status != ATTEST_OK && n < 100; ++n) {
-        script_answer(one.record);
+        script_answer("\x0a\x01n"); // a record with nothing but its node's name
         NodeBootIntegrityLog record{};
-        const get_platform_boot_integrity_event_logs_request request{};
         {
             allocation_faults faults(n);
             status = attestation_get_bmc_sb_event_logs(&request, &record);
@@ -210,6 +172,11 @@ TEST(bmc_operations, SurviveEachAllocationThatFails)
         message_release(record);
     }
     EXPECT_EQ(status, ATTEST_OK);
+
+    setenv("ATTEST_NODE_NAME", "", 1);
+    NodeBootIntegrityLog record{};
+    EXPECT_EQ(attestation_get_bmc_sb_event_logs(&request, &record), ATTEST_ERR_NO_MEMORY);
+    EXPECT_TRUE(trace_has(name + "Failed to allocate node location"));
 }
 
 } // namespace
