@@ -1,6 +1,8 @@
-"""Logs written back by attestctl --format, held against the files that they come from and independent readers."""
+"""Logs as a verifier gets them and as attestctl --format writes them back, held against the files that they come from
+and independent readers; and boot logs that are bad."""
 import hashlib
 import json
+import os
 import pathlib
 import subprocess
 import tempfile
@@ -49,29 +51,62 @@ def judged_boot_log(path):
 
 
 class BootLogs(unittest.TestCase):
-    def test_raw_is_the_file_and_cel_is_what_another_reader_finds(self):
+    def install(self, log):
         node.BOOT_LOG.parent.mkdir(parents=True, exist_ok=True)
+        node.BOOT_LOG.unlink(missing_ok=True)
+        node.BOOT_LOG.write_bytes(log)
+
+    def test_raw_is_the_file_and_cel_and_the_events_are_what_another_reader_finds(self):
         for path in logs("boot"):
             with self.subTest(path.name):
-                node.BOOT_LOG.write_bytes(path.read_bytes())
+                self.install(path.read_bytes())
                 self.assertEqual(written("boot-log", "--format", "raw"), (0, path.read_bytes(), ""))
                 status, text, words = written("boot-log", "--format", "cel-json")
                 self.assertEqual((status, words), (0, ""))
-                records = json.loads(text)
+                records, judged = json.loads(text), list(judged_boot_log(path))
                 self.assertEqual([record["recnum"] for record in records], list(range(len(records))))
                 self.assertEqual([(record["pcr"], record["content"]["event_type"],
                                    {each["hashAlg"]: each["digest"] for each in record["digests"]},
-                                   len(record["content"]["event_data"]) // 2) for record in records],
-                                 list(judged_boot_log(path)))
+                                   len(record["content"]["event_data"]) // 2) for record in records], judged)
+                events = node.ask("boot-log")["node_data"][0]["events"]
+                self.assertEqual([(event["event_num"], event["event_size"]) for event in events],
+                                 [(number, size) for number, (_, _, _, size) in enumerate(judged, 1)])
 
     def test_cel_replays_to_the_pcrs_of_the_boot(self):
         for name in ("recorded-a", "recorded-b"):
             pcrs = json.loads((node.DATA / f"{name}-pcrs.json").read_text())
-            node.BOOT_LOG.write_bytes((node.DATA / f"{name}-boot.bin").read_bytes())
+            self.install((node.DATA / f"{name}-boot.bin").read_bytes())
             records = json.loads(written("boot-log", "--format", "cel-json")[1])
             for bank, values in pcrs.items():
                 replayed = replay(records, bank)
                 self.assertEqual(replayed, {pcr: values[pcr] for pcr in replayed}, (name, bank))
+
+    def test_bad_logs_are_answered_without_evidence(self):
+        whole = (node.DATA / "recorded-a-boot.bin").read_bytes()
+        bad = {
+            "cut": lambda: self.install(whole[:-1]),
+            "garbage": lambda: self.install(os.urandom(5000)),
+            "unreadable": lambda: (self.install(whole), node.BOOT_LOG.chmod(0)),
+            "1 GiB": lambda: (self.install(b""), os.truncate(node.BOOT_LOG, 1 << 30)),
+            "missing": node.BOOT_LOG.unlink,
+        }
+        for what, make in bad.items():
+            with self.subTest(what):
+                make()
+                lines_before = len(node.trace())
+                answer = node.attestctl("--json", "boot-log")
+                self.assertEqual(answer.returncode, 1, answer.stderr)
+                self.assertNotIn("node_data", answer.stdout)
+                self.assertEqual(len(answer.stderr.splitlines()), 1)
+                self.assertGreater(len(node.trace()), lines_before)
+        self.install(whole)
+        self.assertEqual(node.attestctl("boot-log").returncode, 0)
+
+    def test_empty_log_gives_a_record_without_events(self):
+        self.install(b"")
+        record = node.ask("boot-log")["node_data"][0]
+        self.assertEqual(record["node_name"], os.uname().nodename)
+        self.assertNotIn("events", record)
 
 
 class ImaLists(unittest.TestCase):
@@ -88,7 +123,8 @@ class ImaLists(unittest.TestCase):
                 path = pathlib.Path(folder) / bank
                 path.write_text("".join(f"PCR-{int(pcr):02}: {value.upper()}\n" for pcr, value in values.items()))
                 files += ["--pcrs", f"{bank},{path}"]
-            return subprocess.run(["evmctl", "ima_measurement", "--ignore-violations", *files, list_file], capture_output=True, check=False)
+            return subprocess.run(["evmctl", "ima_measurement", "--ignore-violations", *files, list_file],
+                                  capture_output=True, check=False)
 
     def test_raw_is_the_file_and_cel_replays_to_the_pcrs_of_the_boot(self):
         for path in logs("ima"):
