@@ -3,7 +3,9 @@
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
+#include <iterator>
 #include <memory>
+#include <sstream>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -238,26 +240,6 @@ TEST_F(attest_trace_test, SwitchingTakesEffectInTheRunningProcess)
     EXPECT_TRUE(trace_flag_enabled(agent));
 }
 
-TEST_F(attest_trace_test, WhatIsNotThereIsOneLineAndStatusOne)
-{
-    const std::vector<std::vector<std::string>> cases = {{"on", "nosuchflag"},
-                                                         {"--buffer", "nosuchbuffer", "dump"},
-                                                         {"--buffer", "nosuchbuffer", "follow"},
-                                                         {"--run-dir", "/nonexistent", "dump"},
-                                                         {"--run-dir", "/nonexistent", "flags"},
-                                                         {"--run-dir", "/nonexistent", "on", "agent"}};
-    for (const auto &arguments : cases) {
-        outcome result = run(arguments);
-        EXPECT_EQ(result.status, 1) << arguments.back();
-        EXPECT_THAT(result.errors, MatchesRegex("attest-trace: [^\n]+\n"));
-        EXPECT_THAT(result.output, IsEmpty());
-    }
-    std::ofstream(path("trace-short")) << "x";
-    std::ofstream(path("trace-foreign")) << std::string(TRACE_RING_HEADER_SIZE + TRACE_RING_SIZE_MIN, 'x');
-    for (const char *name : {"short", "foreign"})
-        EXPECT_EQ(run({"--buffer", name, "dump"}).status, 1) << name;
-}
-
 TEST_F(attest_trace_test, DeadAgentsFlagsAreListedButNotSwitched)
 {
     // A process that dies with its flags registered leaves the table behind.
@@ -272,17 +254,31 @@ TEST_F(attest_trace_test, DeadAgentsFlagsAreListedButNotSwitched)
     EXPECT_THAT(off.errors, HasSubstr("no agent is running"));
 }
 
-TEST_F(attest_trace_test, WrongUsageIsOneLineAndStatusTwo)
+TEST_F(attest_trace_test, WhatIsNotThereOrNotMeantIsOneLineAndAStatus)
 {
-    const std::vector<std::vector<std::string>> cases = {
-        {},      {"dumps"}, {"dump", "x"}, {"on"},       {"on", "a", "b"},         {"flags", "x"},
-        {"--x"}, {"-z"},    {"--run-dir"}, {"--help=x"}, {"--buffer", "", "dump"}, {"--buffer=../x", "dump"},
+    std::ofstream(path("trace-short")) << "x";
+    std::ofstream(path("trace-foreign")) << std::string(TRACE_RING_HEADER_SIZE + TRACE_RING_SIZE_MIN, 'x');
+    const struct {
+        int status;
+        std::vector<const char *> command_lines;
+    } cases[] = {
+        {1,
+         {"on nosuchflag", "--buffer nosuchbuffer dump", "--buffer nosuchbuffer follow",
+          "--buffer short dump", "--buffer foreign dump", "--run-dir /nonexistent dump",
+          "--run-dir /nonexistent flags", "--run-dir /nonexistent on agent"}},
+        {2,
+         {"", "dumps", "dump x", "on", "on a b", "flags x", "--x", "-z", "--run-dir", "--help=x",
+          "--buffer= dump", "--buffer=../x dump"}},
     };
-    for (const auto &arguments : cases) {
-        outcome result = run(arguments);
-        EXPECT_EQ(result.status, 2) << (arguments.empty() ? "nothing" : arguments.front());
-        EXPECT_THAT(result.errors, MatchesRegex("attest-trace: [^\n]+\n"));
-        EXPECT_THAT(result.output, IsEmpty());
+    for (const auto &[status, command_lines] : cases) {
+        for (const char *command_line : command_lines) {
+            SCOPED_TRACE(command_line);
+            std::istringstream words(command_line);
+            outcome result = run({std::istream_iterator<std::string>(words), {}});
+            EXPECT_EQ(result.status, status);
+            EXPECT_THAT(result.errors, MatchesRegex("attest-trace: [^\n]+\n"));
+            EXPECT_THAT(result.output, IsEmpty());
+        }
     }
     outcome help = run({"--help"});
     EXPECT_EQ(help.status, 0);
