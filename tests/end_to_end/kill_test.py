@@ -144,9 +144,7 @@ class Killed(unittest.TestCase):
             name, number = point
             settings += ["--", "strace", "-D", "-f", "-qq", "-o", "/dev/null", "-e", f"trace={name}",
                          "-e", f"inject={name}:signal=KILL:when={number}"]
-        began = time.monotonic()
         node.agent("restart", *settings, check=False)
-        self.count["start ms"] += int(1000 * (time.monotonic() - began))
         self.count["swept" if point else "random"] += 1
         if agent_control.status().startswith("running"):
             self.stream_to_the_end(by_hand=not point)

@@ -93,7 +93,7 @@ class Hostile:
 
     def __init__(self, idle, half_open):
         self.wanted = [b""] * idle + [BEGIN_OF_CLIENT_HELLO] * half_open
-        self.opened, self.ended, self.most_held = 0, 0, 0
+        self.opened, self.ended = 0, 0
         self.stopping = threading.Event()
         self.tried_all = threading.Event()
         self.thread = threading.Thread(target=self.run, daemon=True)
@@ -124,7 +124,6 @@ class Hostile:
                 key.fileobj.close()
                 self.ended += 1
                 waiting.append(key.data)
-            self.most_held = max(self.most_held, len(held.get_map()))
         for key in list(held.get_map().values()):
             key.fileobj.close()
 
@@ -139,7 +138,7 @@ class Watch:
     def __init__(self, pid=None):
         self.pid = pid or node.agent_pid()
         self.idle, self.idle_descriptors = self.resident(), self.descriptors()
-        self.peak, self.most_descriptors = self.idle, self.idle_descriptors
+        self.peak = self.idle
         self.stopping = threading.Event()
         self.thread = threading.Thread(target=self.run, daemon=True)
         self.thread.start()
@@ -153,7 +152,6 @@ class Watch:
     def run(self):
         while not self.stopping.wait(0.1):
             self.peak = max(self.peak, self.resident())
-            self.most_descriptors = max(self.most_descriptors, self.descriptors())
 
     def stop(self):
         self.stopping.set()

@@ -66,10 +66,6 @@ class MutualTls(unittest.TestCase):
         return node.attestctl("--ca", f"{self.directory}/{ca}.crt", "--cert", f"{self.directory}/{client}.crt",
                               "--key", f"{self.directory}/{client}.key", *command)
 
-    def credentials(self, client, ca):
-        return grpc.ssl_channel_credentials(*[(self.directory / file).read_bytes()
-                                              for file in (f"{ca}.crt", f"{client}.key", f"{client}.crt")])
-
     def words(self, pattern):
         """The agent's lines since the test began that have the pattern."""
         return [line for line in node.agent_words()[self.said:].splitlines() if re.search(pattern, line)]
@@ -114,7 +110,9 @@ class MutualTls(unittest.TestCase):
 
     def test_new_certificates_serve_new_connections_and_calls_under_way_go_on(self):
         self.serve()
-        with grpc.secure_channel(os.environ["NODE_ADDRESS"], self.credentials("reader", "first")) as channel:
+        reader = grpc.ssl_channel_credentials(*[(self.directory / file).read_bytes()
+                                                for file in ("first.crt", "reader.key", "reader.crt")])
+        with grpc.secure_channel(os.environ["NODE_ADDRESS"], reader) as channel:
             watch = channel.unary_stream("/grpc.health.v1.Health/Watch")(b"", timeout=120)
             self.assertEqual(next(watch), b"\x08\x01")
             self.put("renewed", "second")

@@ -11,7 +11,7 @@ import yaml
 import node
 
 BANKS = {"sha1": 20, "sha256": 32}
-REPLAYED = (0, 1, 2, 3, 4, 5, 6, 7, 9)
+RECORDED = (0, 1, 2, 3, 4, 5, 6, 7, 9, 10)
 
 
 def tpm_values(bank, size):
@@ -55,16 +55,14 @@ class SeededTpm(unittest.TestCase):
                 self.assertEqual(self.values[bank][pcr], f"{value:0{2 * size}x}", (bank, pcr))
 
     def test_values_are_those_of_the_recorded_boot(self):
-        logs = {path: path.read_bytes() for path in node.DATA.glob("recorded-?-boot.bin")}
-        names = [path.name[:10] for path, log in logs.items() if log == node.BOOT_LOG.read_bytes()]
-        if not names:
-            self.skipTest("a log that no machine has booted from")
         # The recorded machines have booted alike; their IMA lists tell them apart.
-        recorded = [json.loads((node.DATA / f"{name}-pcrs.json").read_text()) for name in names]
+        boots = [json.loads(log.with_name(log.name.replace("-boot.bin", "-pcrs.json")).read_text())
+                 for log in node.DATA.glob("recorded-?-boot.bin") if log.read_bytes() == node.BOOT_LOG.read_bytes()]
+        if not boots:
+            self.skipTest("a log that no machine has booted from")
         for bank in BANKS:
-            for pcr in REPLAYED:
-                self.assertIn(self.values[bank][pcr], [boot[bank][str(pcr)] for boot in recorded], (bank, pcr))
-            self.assertIn(self.values[bank][10], [boot[bank]["10"] for boot in recorded], bank)
+            for pcr in RECORDED:
+                self.assertIn(self.values[bank][pcr], [boot[bank][str(pcr)] for boot in boots], (bank, pcr))
 
 
 if __name__ == "__main__":
