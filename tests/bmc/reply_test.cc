@@ -85,7 +85,6 @@ TEST(base64, TakesNoTextThatAnEncoderDoesNotWrite)
 TEST(call_body, HoldsThreeStringsAndANumberOfAnyWidth)
 {
     EXPECT_STREQ(make_call_body(3, "node1", "QUJD", 4).get(), R"({"data":["3","node1","QUJD"]})");
-    EXPECT_EQ(std::strlen(make_call_body(3, "node1", "QUJD", 4).get()), 29u);
     EXPECT_STREQ(make_call_body(4294967295, "", "", 0).get(), R"({"data":["4294967295","",""]})");
 }
 

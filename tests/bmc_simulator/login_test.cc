@@ -10,7 +10,6 @@
 
 #include "tools/attest_provision/authority.h"
 #include "tools/bmc_simulator/base64.h"
-#include "tools/bmc_simulator/blob_call.h"
 
 namespace {
 
@@ -98,23 +97,6 @@ TEST(Login, OnlyAWholeBodyOfAKnownNodeIsAccepted)
         EXPECT_TRUE(problem.starts_with(one.problem) && problem.empty() == (*one.problem == '\0'))
             << one.what << ": " << problem;
     }
-}
-
-TEST(BlobCall, ThreeStringsAreTakenAndNothingElse)
-{
-    blob_call call;
-    EXPECT_EQ(read_blob_call(R"({"data":["3","node1","QUJD"]})", call), "");
-    EXPECT_EQ(std::tie(call.operation, call.node_name, call.request),
-              std::tuple(3, std::string("node1"), std::string("ABC")));
-    EXPECT_EQ(read_blob_call(R"({"data":["4","node1",""]})", call), "");
-    EXPECT_EQ(call.request, "");
-    for (const char *body :
-         {R"({"data":["0","node1","QUJD"]})", R"({"data":["6","node1","QUJD"]})",
-          R"({"data":["03","node1","QUJD"]})", R"({"data":[3,"node1","QUJD"]})",
-          R"({"data":["3","","QUJD"]})", R"({"data":["3","node1","QUJ"]})",
-          R"({"data":["3","node1","QUJ="]})", R"({"data":["3","node1"," QUJD"]})",
-          R"({"data":["3","node1","QQ=="],"more":1})", R"({"data":["3","node1","QUJD",""]})", ""})
-        EXPECT_NE(read_blob_call(body, call), "") << body;
 }
 
 } // namespace
