@@ -36,10 +36,8 @@ protected:
         EXPECT_EQ(checked.status, 0) << checked.output;
         EXPECT_THAT(keys_in(tpm), SizeIs(2));
         const fs::directory_iterator entries(tpm.node());
-        EXPECT_EQ(
-            std::count_if(begin(entries), end(entries), [](const auto &one) { return one.is_directory(); }),
-            1)
-            << "folders of certificates";
+        const auto is_folder = [](const fs::directory_entry &one) { return one.is_directory(); };
+        EXPECT_EQ(std::count_if(begin(entries), end(entries), is_folder), 1) << "folders of certificates";
     }
     static manifest manifest_of(const software_tpm &tpm)
     {
