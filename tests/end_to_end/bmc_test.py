@@ -156,13 +156,6 @@ class Misbehaviour(Bmc):
         self.assertEqual(sources("boot-log"), BOTH)
         self.expect_no_leaks()
 
-    def test_records_without_their_end_leave_nothing(self):
-        set_fault("call-truncated-message")
-        for command in OPERATIONS:
-            with self.subTest(command):
-                self.assertEqual(sources(*command), OWN)
-        self.expect_no_leaks()
-
     def test_a_reply_in_single_bytes_is_put_together(self):
         set_fault("call-one-byte-pieces")
         self.assertEqual(sources("pcrs", "--pcr", "0"), BOTH)
