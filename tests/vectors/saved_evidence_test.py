@@ -1,23 +1,22 @@
 """Directories of evidence that are damaged or hostile, and places where none can be saved."""
 import os
 import pathlib
+import resource
 import shutil
 import signal
 import subprocess
 import tempfile
 import unittest
-from concurrent import futures
 
 import grpc
-
+import remote_attestation_api_pb2 as api
 import vectors
+from fake_node import STREAM, FakeNode, Program, run
 
-PROGRAM = os.environ["ATTESTCTL"]
-api = vectors.load_contract()
 GOOD = vectors.HERE / "good"
 
 
-class Damaged(unittest.TestCase):
+class Damaged(Program):
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
@@ -25,10 +24,7 @@ class Damaged(unittest.TestCase):
         shutil.copytree(GOOD, self.directory)
 
     def refused(self, words):
-        done = subprocess.run([PROGRAM, "attest", "--from", self.directory], capture_output=True, timeout=60,
-                              check=False)
-        self.assertEqual((done.returncode, done.stdout), (2, b""), done.stderr)
-        self.assertRegex(done.stderr.decode(), rf"\Aattestctl: [ -~]*{words}[ -~]*\n\Z")
+        self.expect(run(None, "attest", "--from", self.directory), 2, f"[ -~]*{words}[ -~]*", "")
 
     def write(self, name, data):
         """Replaces a file and lists it as it is then."""
@@ -97,76 +93,53 @@ class Damaged(unittest.TestCase):
 
     def test_empty_answers_are_evidence_that_is_missing(self):
         self.write("pcrs.response", b"")  # a node that answered without evidence
-        done = subprocess.run([PROGRAM, "attest", "--from", self.directory], capture_output=True, check=False)
-        self.assertEqual((done.returncode, done.stderr), (1, b""))
+        done = run(None, "attest", "--from", self.directory)
+        self.expect(done, 1)
         self.assertIn(b"pcrs                          missing  the node answered without evidence", done.stdout)
 
 
-class Node:
-    """Answers one-shot questions with a record without content, that for the boot log with no record, and streams what
-    the test says."""
-
-    def __init__(self, messages):
-        self.server = grpc.server(futures.ThreadPoolExecutor(4))
-        answers = {"GetCertificate": b"\x0a\x00", "AttestPcrs": b"\x0a\x00", "GetPlatformBootIntegrityEventLogs": b""}
-        handlers = {method: grpc.unary_unary_rpc_method_handler(lambda r, c, answer=answer: answer)
-                    for method, answer in answers.items()}
-        handlers["StreamPlatformImaEventLogs"] = grpc.unary_stream_rpc_method_handler(
-            lambda r, c: iter(messages), response_serializer=api.NodeIMAData.SerializeToString)
-        self.server.add_generic_rpc_handlers(
-            (grpc.method_handlers_generic_handler("remote_attestation_api.RemoteAttestationApi", handlers),))
-        self.target = f"127.0.0.1:{self.server.add_insecure_port('127.0.0.1:0')}"
-
-    def __enter__(self):
-        self.server.start()
-        return self
-
-    def __exit__(self, *_):
-        self.server.stop(0).wait()
-
-
-class Saving(unittest.TestCase):
+class Saving(Program):
     def setUp(self):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
         self.directory = pathlib.Path(folder.name) / "evidence"
 
-    def attest(self, target, *arguments, **more):
-        return subprocess.run([PROGRAM, "--target", target, "attest", *arguments], capture_output=True, timeout=60,
-                              check=False, **more)
-
     def test_what_came_is_saved_and_judged_as_it_was(self):
         messages = [api.NodeIMAData(node_name="n", events=[api.IMA_EVENT(event_num=1)]), api.NodeIMAData(node_name="n")]
-        with Node(messages) as node:  # one that has never heard of hardware
-            live = self.attest(node.target, "--save", self.directory)
-            self.assertEqual(live.returncode, 1, live.stderr)
-            again = self.attest(node.target, "--save", self.directory)
-        self.assertEqual((again.returncode, again.stdout), (2, b""))
-        self.assertRegex(again.stderr, rb"\Aattestctl: cannot make .*evidence: File exists\n\Z")
+        record_without_content = b"\x0a\x00"
+        answers = {
+            "GetCertificate": lambda r, c: record_without_content,
+            "AttestPcrs": lambda r, c: record_without_content,
+            "GetPlatformHwIntegrity": lambda r, c: c.abort(grpc.StatusCode.UNIMPLEMENTED, "never heard of hardware"),
+            STREAM: lambda r, c: messages,
+        }
+        with FakeNode(answers) as node:
+            live = run(node.target, "attest", "--save", self.directory)
+            self.expect(live, 1)
+            again = run(node.target, "attest", "--save", self.directory)
+        self.expect(again, 2, "cannot make .*evidence: File exists", "")
         subprocess.run(["sha256sum", "--check", "--strict", "--quiet", vectors.SUMS], cwd=self.directory, check=True)
         self.assertEqual({file.name for file in self.directory.iterdir()},
                          {*vectors.FILES, vectors.SUMS} - {"hw-integrity.response"})
         saved = vectors.read_delimited(api.NodeIMAData, (self.directory / vectors.IMA_LOG).read_bytes())
         self.assertEqual(saved, messages)
-        offline = self.attest("127.0.0.1:1", "--from", self.directory)
-        self.assertEqual(offline.returncode, 1)
+        offline = run(None, "attest", "--from", self.directory)
+        self.expect(offline, 1)
         self.assertEqual(offline.stdout.partition(b"Checks")[2], live.stdout.partition(b"Checks")[2])
 
     def test_what_cannot_be_saved_leaves_nothing(self):
-        done = self.attest("127.0.0.1:1", "--save", self.directory)
-        self.assertEqual(done.returncode, 2)
+        self.expect(run("127.0.0.1:1", "attest", "--save", self.directory), 2, "cannot reach 127.0.0.1:1: .*")
         self.assertFalse(self.directory.exists())
-        many = [api.NodeIMAData(node_name="n", events=[api.IMA_EVENT(event_name=b"x" * 9000)])] * 100
 
         def on_a_full_disk():
             signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
-            import resource
             resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 16, 1 << 16))
 
-        with Node(many) as node:
-            done = self.attest(node.target, "--save", self.directory, preexec_fn=on_a_full_disk, restore_signals=False)
-        self.assertEqual(done.returncode, 2)
-        self.assertRegex(done.stderr, rb"\Aattestctl: cannot write .*ima-log.messages: File too large\n\Z")
+        many = [api.NodeIMAData(node_name="n", events=[api.IMA_EVENT(event_name=b"x" * 9000)])] * 100
+        with FakeNode({STREAM: lambda r, c: many}) as node:
+            done = run(node.target, "attest", "--save", self.directory, preexec_fn=on_a_full_disk,
+                       restore_signals=False)
+        self.expect(done, 2, "cannot write .*ima-log.messages: File too large")
         self.assertFalse(self.directory.exists())
 
 
