@@ -1,6 +1,5 @@
-"""A headless browser, governed over a pipe: what a page looks like, and what is on it."""
+"""A headless browser, governed over a pipe: what is on a page, and how it is laid out."""
 
-import base64
 import json
 import os
 import subprocess
@@ -106,12 +105,3 @@ class Browser:
         if "exceptionDetails" in result:
             raise AssertionError(result["exceptionDetails"])
         return result["result"].get("value")
-
-    def screenshot(self, whole=False):
-        """PNG."""
-        more = {}
-        if whole:
-            size = self.call("Page.getLayoutMetrics")["cssContentSize"]
-            more = {"captureBeyondViewport": True,
-                    "clip": {"x": 0, "y": 0, "width": size["width"], "height": min(size["height"], 8000), "scale": 1}}
-        return base64.b64decode(self.call("Page.captureScreenshot", format="png", **more)["data"])
