@@ -7,6 +7,7 @@ import pty
 import re
 import struct
 import subprocess
+import tempfile
 import termios
 import threading
 import unittest
@@ -18,24 +19,24 @@ import remote_attestation_api_pb2 as api
 PROGRAM = os.environ["ATTESTCTL"]
 DATA = os.environ["ATTEST_TEST_DATA"]
 SERVICE = "remote_attestation_api.RemoteAttestationApi"
+BOOT_LOG, IMA_LOG, STREAM = "GetPlatformBootIntegrityEventLogs", "GetPlatformImaEventLogs", "StreamPlatformImaEventLogs"
 METHODS = {
     "GetCertificate": (api.get_certificate_request, api.get_certificate_response),
     "AttestPcrs": (api.attest_pcr_request, api.attest_pcr_response),
-    "GetPlatformBootIntegrityEventLogs": (
+    BOOT_LOG: (
         api.get_platform_boot_integrity_event_logs_request,
         api.get_platform_boot_integrity_event_logs_response,
     ),
     "GetPlatformHwIntegrity": (api.get_platform_hw_integrity_request, api.get_platform_hw_integrity_response),
-    "GetPlatformImaEventLogs": (api.get_platform_ima_event_logs_request, api.get_platform_ima_event_logs_response),
+    IMA_LOG: (api.get_platform_ima_event_logs_request, api.get_platform_ima_event_logs_response),
 }
-STREAM = "StreamPlatformImaEventLogs"
 VERIFYING = ("GetCertificate", "AttestPcrs", "GetPlatformHwIntegrity")  # whose commands judge what came
 COMMANDS = {
     "GetCertificate": ["certificate"],
     "AttestPcrs": ["pcrs", "--pcr", "0,7"],
-    "GetPlatformBootIntegrityEventLogs": ["boot-log"],
+    BOOT_LOG: ["boot-log"],
     "GetPlatformHwIntegrity": ["hw-integrity"],
-    "GetPlatformImaEventLogs": ["ima-log"],
+    IMA_LOG: ["ima-log"],
     STREAM: ["ima-log", "--stream"],
 }
 # Everything that a terminal, a log reader or a line-wise tool could take for more than text.
@@ -44,27 +45,29 @@ STEERING = re.compile("[\x00-\x09\x0b-\x1f\x7f-\x9f\u200b-\u200f\u2028-\u202e\u2
 
 
 class FakeNode:
-    """answers: method -> function (request, context) -> answer; a method without one answers without evidence."""
+    """answers: method -> its answer, as a message or as bytes, for the stream a list of them; or a function (request,
+    context) that gives it. A method without one answers without evidence."""
 
     def __init__(self, answers, credentials=None):
         self.requests = []
 
-        def handler(name, answer_type):
+        def handler(name, without_evidence):
+            answer = answers.get(name, without_evidence)
+
             def handle(request, context):
                 self.requests.append(request)
-                return answers[name](request, context) if name in answers else answer_type()
+                return answer(request, context) if callable(answer) else answer
 
             return handle
 
         def stream(request, context):
-            self.requests.append(request)
-            yield from answers.get(STREAM, lambda r, c: [api.NodeIMAData()])(request, context)
+            yield from handler(STREAM, [api.NodeIMAData()])(request, context)
 
         def encode(answer):
             return answer if isinstance(answer, bytes) else answer.SerializeToString()
 
         handlers = {
-            name: grpc.unary_unary_rpc_method_handler(handler(name, answer), request.FromString, encode)
+            name: grpc.unary_unary_rpc_method_handler(handler(name, answer()), request.FromString, encode)
             for name, (request, answer) in METHODS.items()
         }
         handlers[STREAM] = grpc.unary_stream_rpc_method_handler(
@@ -176,17 +179,10 @@ def hostile_answers():
     return {
         "GetCertificate": api.get_certificate_response(node_data=[certificates, certificates]),
         "AttestPcrs": api.attest_pcr_response(node_data=[pcrs], nonce=HOSTILE, flags=1),
-        "GetPlatformBootIntegrityEventLogs": api.get_platform_boot_integrity_event_logs_response(node_data=[log]),
+        BOOT_LOG: api.get_platform_boot_integrity_event_logs_response(node_data=[log]),
         "GetPlatformHwIntegrity": api.get_platform_hw_integrity_response(node_data=[hardware], nonce=b""),
-        "GetPlatformImaEventLogs": api.get_platform_ima_event_logs_response(node_data=[ima, ima], flags=1),
-        STREAM: ima,
-    }
-
-
-def as_functions(answers):
-    return {
-        name: (lambda r, c, a=answer: [a] if isinstance(a, api.NodeIMAData) else a)
-        for name, answer in answers.items()
+        IMA_LOG: api.get_platform_ima_event_logs_response(node_data=[ima, ima], flags=1),
+        STREAM: [ima],
     }
 
 
@@ -212,6 +208,15 @@ def from_json(value, message):
         else:
             setattr(message, name, item)
     return message
+
+
+@contextlib.contextmanager
+def targets_file(*targets):
+    """The path of a file for --targets."""
+    with tempfile.NamedTemporaryFile("w") as file:
+        file.write("\n".join(targets))
+        file.flush()
+        yield file.name
 
 
 class Program(unittest.TestCase):

@@ -5,11 +5,9 @@ import pty
 import subprocess
 import unittest
 
-import fake_node
 import remote_attestation_api_pb2 as api
-from fake_node import STREAM, FakeNode, run
+from fake_node import BOOT_LOG, IMA_LOG, PROGRAM, STREAM, FakeNode, Program, run
 
-BOOT_LOG, IMA_LOG = "GetPlatformBootIntegrityEventLogs", "GetPlatformImaEventLogs"
 SPEC_ID = b"Spec ID Event03\0" + bytes(7) + b"\2"
 
 
@@ -41,44 +39,42 @@ def ima(*events, node="n"):
     return api.NodeIMAData(node_name=node, events=events)
 
 
-class Formats(fake_node.Program):
+class Formats(Program):
     def refused(self, answers, command, words, status=1):
-        with FakeNode({method: lambda r, c, answer=answer: answer for method, answer in answers.items()}) as node:
+        with FakeNode(answers) as node:
             for form in ("raw", "cel-json"):
                 self.expect(run(node.target, *command, "--format", form), status, words, "")
 
     def test_boot_logs_that_the_fields_do_not_tell(self):
-        sha256 = [(0x0B, 32)]
-        two = [(0x0B, 32), (0x04, 20)]
+        sha256 = spec_id([(0x0B, 32)])
         good = boot_event(2, 4, b"data", (1, b"d" * 32))
-        for algorithms, event, words in (
-                (sha256, boot_event(2, 4, b"", (0, b"d" * 20)), "event 2 has a digest of which .* the algorithm"),
-                (sha256, boot_event(2, 4, b"", (1, b"d" * 31)), "event 2 has a digest of which .* the algorithm"),
-                ([(0x0012, 32), (0x0027, 32)], boot_event(2, 4, b"", (0, b"d" * 32), (0, b"e" * 32)),
-                 "event 2 has a digest of which .* the algorithm"),
-                (two, good, "event 2 has 1 digest"),
-                (sha256, boot_event(3, 4, b"", (1, b"d" * 32)), "event 2 has number 3"),
-                (sha256, api.BOOT_EVENT(event_num=2, pcr_index=0, event_type=4), "event 2 has not the data .*"),
-                (sha256, api.BOOT_EVENT(event_num=2, event_type=4), "event 2 has no type or no PCR"),
-                (sha256, api.BOOT_EVENT(event_num=2, pcr_index=0), "event 2 has no type or no PCR"),
-                (sha256, boot_event(2, 4, b"", (None, b"d" * 32)), "event 2 has a digest of which .* the algorithm"),
-                (sha256, boot_event(2, 4, b"", (1, None)), "event 2 has a digest of which .* the algorithm"),
-                ([], good, "its Spec ID event has no list of algorithms"),
-                (sha256 * 17, good, "its Spec ID event has no list of algorithms")):
-            with self.subTest(words):
-                log = [spec_id(algorithms), event]
+        no_algorithm = "event 2 has a digest of which .* the algorithm"
+        for log, words in (
+                ([sha256, boot_event(2, 4, b"", (0, b"d" * 20))], no_algorithm),
+                ([sha256, boot_event(2, 4, b"", (1, b"d" * 31))], no_algorithm),
+                ([sha256, boot_event(2, 4, b"", (None, b"d" * 32))], no_algorithm),
+                ([sha256, boot_event(2, 4, b"", (1, None))], no_algorithm),
+                ([spec_id([(0x0012, 32), (0x0027, 32)]), boot_event(2, 4, b"", (0, b"d" * 32), (0, b"e" * 32))],
+                 no_algorithm),
+                ([boot_event(1, 4, SPEC_ID, (0, bytes(20)), pcr=1), good], no_algorithm),
+                ([spec_id([(0x0B, 32), (0x04, 20)]), good], "event 2 has 1 digest"),
+                ([sha256, boot_event(3, 4, b"", (1, b"d" * 32))], "event 2 has number 3"),
+                ([sha256, api.BOOT_EVENT(event_num=2, pcr_index=0, event_type=4)], "event 2 has not the data .*"),
+                ([sha256, api.BOOT_EVENT(event_num=2, event_type=4)], "event 2 has no type or no PCR"),
+                ([sha256, api.BOOT_EVENT(event_num=2, pcr_index=0)], "event 2 has no type or no PCR"),
+                ([spec_id([]), good], "its Spec ID event has no list of algorithms"),
+                ([spec_id([(0x0B, 32)] * 17), good], "its Spec ID event has no list of algorithms"),
+                ([boot_event(1, 3, SPEC_ID, (0, bytes(20)))], "its Spec ID event .*"),
+                ([boot_event(1, 3, SPEC_ID + b"\2\0\0\0\x0b\0", (0, bytes(20)))], "its Spec ID event .*"),
+                ([boot_event(1, 3, b"StartupLocality\0\3", (1, bytes(32)))], "event 1 has a digest of .*"),
+                ([good], "event 1 .*")):
+            with self.subTest(words, log=log):
                 self.refused({BOOT_LOG: boot_records(("n", log))}, ["boot-log"],
                              f"the boot log cannot be written: {words}")
-        for log, words in (([good], "event 1 .*"),
-                           ([boot_event(1, 3, SPEC_ID, (0, bytes(20)))], "its Spec ID event .*"),
-                           ([boot_event(1, 3, SPEC_ID + b"\2\0\0\0\x0b\0", (0, bytes(20)))], "its Spec ID event .*"),
-                           ([boot_event(1, 3, b"StartupLocality\0\3", (1, bytes(32)))], "event 1 has a digest of .*"),
-                           ([boot_event(1, 4, SPEC_ID, (0, bytes(20)), pcr=1), good], "event 2 has a digest of .*")):
-            self.refused({BOOT_LOG: boot_records(("n", log))}, ["boot-log"], f"the boot log cannot be written: {words}")
 
     def test_algorithms_that_the_contract_has_no_number_for_are_told_by_the_log(self):
         log = [spec_id([(0x0012, 32), (0x0B, 32)]), boot_event(2, 4, b"x", (0, b"s" * 32), (1, b"d" * 32))]
-        with FakeNode({BOOT_LOG: lambda r, c: boot_records(("n", log))}) as node:
+        with FakeNode({BOOT_LOG: boot_records(("n", log))}) as node:
             raw = run(node.target, "boot-log", "--format", "raw")
             cel = run(node.target, "boot-log", "--format", "cel-json")
         self.expect(raw, 0)
@@ -86,7 +82,7 @@ class Formats(fake_node.Program):
                                             b"\1\0\0\0x"))
         self.assertIn(b'{"hashAlg":"sm3_256","digest":"' + b"73" * 32, cel.stdout)
         log = [spec_id([(0x0099, 16), (0x0B, 32)]), boot_event(2, 4, b"x", (0, b"u" * 16), (1, b"d" * 32))]
-        with FakeNode({BOOT_LOG: lambda r, c: boot_records(("n", log))}) as node:
+        with FakeNode({BOOT_LOG: boot_records(("n", log))}) as node:
             self.expect(run(node.target, "boot-log", "--format", "raw"), 0)
             self.expect(run(node.target, "boot-log", "--format", "cel-json"), 1,
                         ".* event 2 has a digest by algorithm 0x0099, for which there is no name", "")
@@ -112,7 +108,7 @@ class Formats(fake_node.Program):
         nameless = api.NodeIMAData(events=[ima_event(2)])
         self.refused({STREAM: [ima(good), nameless]}, ["ima-log", "--stream"], ".* ended the stream early")
         self.refused({STREAM: [ima(ima_event(2))]}, ["ima-log", "--stream"], ".*: event 2 came after 0")
-        with FakeNode({STREAM: lambda r, c: [ima(ima_event(2))]}) as node:
+        with FakeNode({STREAM: [ima(ima_event(2))]}) as node:
             self.expect(run(node.target, "ima-log", "--stream", "--start", "1", "--format", "raw"), 0)
         self.refused({}, ["ima-log"], ".* answered without evidence: no IMA list")
         self.refused({}, ["boot-log"], ".* answered without evidence: no boot log")
@@ -124,7 +120,7 @@ class Formats(fake_node.Program):
         for command, answers in ((["boot-log"], {BOOT_LOG: logs}), (["ima-log", "--stream"], {STREAM: lists})):
             self.refused(answers, command, 'several sources answered, choose one with --source: "n.*", "n.*"', 2)
             self.refused(answers, [*command, "--source", "other"], '.* came from "other"')
-            with FakeNode({method: lambda r, c, answer=answer: answer for method, answer in answers.items()}) as node:
+            with FakeNode(answers) as node:
                 sizes = [len(run(node.target, *command, "--format", "raw", "--source", name).stdout)
                          for name in ("n", "n bmc")]
             record = len(b"/of-bmc") - len(b"/x") + 89  # 28, 6 of the template's name, 4, and 51 of data
@@ -136,7 +132,7 @@ class Formats(fake_node.Program):
                                (["--source", "n"], "--source needs --format.*")):
             self.expect(run(None, "ima-log", *options), 2, words, "")
         controller, terminal = pty.openpty()
-        done = subprocess.run([fake_node.PROGRAM, "ima-log", "--format", "raw"], stdout=terminal, check=False,
+        done = subprocess.run([PROGRAM, "ima-log", "--format", "raw"], stdout=terminal, check=False,
                               stderr=subprocess.PIPE)
         os.close(terminal)
         os.close(controller)

@@ -6,21 +6,20 @@ import re
 import resource
 import signal
 import subprocess
-import tempfile
 import threading
 import time
 import unittest
 
 import remote_attestation_api_pb2 as api
 from fake_node import (
-    METHODS, PROGRAM, STREAM, FakeNode, Program, as_functions, from_json, ima_record, run, say_nothing,
+    BOOT_LOG, METHODS, PROGRAM, STREAM, FakeNode, Program, from_json, ima_record, run, say_nothing, targets_file,
 )
 
 
 class Stream(Program):
     def test_pieces_come_out_as_one_list(self):
         pieces = [ima_record(1, 1000), ima_record(1001, 1000), ima_record(2001, 5)]
-        with FakeNode({STREAM: lambda r, c: iter(pieces)}) as node:
+        with FakeNode({STREAM: pieces}) as node:
             table = run(node.target, "ima-log", "--stream")
             lines = run(node.target, "ima-log", "--stream", "--json")
         self.expect(table, 0)
@@ -31,20 +30,15 @@ class Stream(Program):
         records = [from_json(json.loads(x), api.NodeIMAData()) for x in lines.stdout.decode().splitlines()]
         self.assertEqual(records, pieces)
 
-    def test_list_that_the_node_gave_up_is_no_success(self):
-        with FakeNode({STREAM: lambda r, c: iter([ima_record(1, 1000), api.NodeIMAData()])}) as node:
-            done = run(node.target, "ima-log", "--stream")
-        self.expect(done, 1, ".* ended the stream early, after 1,000 events .*")
-
-    def test_last_message_has_to_name_its_node(self):
+    def test_a_list_ends_with_a_message_that_names_its_node(self):
         nameless = api.NodeIMAData(events=ima_record(1001, 5).events)
-        with FakeNode({STREAM: lambda r, c: iter([ima_record(1, 1000), nameless])}) as node:
-            self.expect(run(node.target, "ima-log", "--stream"), 1, ".* ended the stream early, after 1,005 events .*")
-            report = json.loads(run(node.target, "attest", "--json").stdout)
-        self.assertFalse(next(row for row in report["evidence"] if row["kind"] == "ima-log")["came"])
-
-    def test_list_with_nothing_new_is_a_success(self):
-        with FakeNode({STREAM: lambda r, c: iter([ima_record(1, 0)])}) as node:
+        for last, count in ((api.NodeIMAData(), "1,000"), (nameless, "1,005")):
+            with self.subTest(count), FakeNode({STREAM: [ima_record(1, 1000), last]}) as node:
+                self.expect(run(node.target, "ima-log", "--stream"), 1,
+                            f".* ended the stream early, after {count} events .*")
+                report = json.loads(run(node.target, "attest", "--json").stdout)
+                self.assertFalse(next(row for row in report["evidence"] if row["kind"] == "ima-log")["came"])
+        with FakeNode({STREAM: [ima_record(1, 0)]}) as node:  # nothing new
             self.expect(run(node.target, "ima-log", "--stream", "--start", "9"), 0)
 
     def test_time_limit_is_for_each_message_and_not_for_all(self):
@@ -102,10 +96,8 @@ class Stream(Program):
         self.assertRegex(seen, r"\r\x1b\[Kattestctl: received 1,010 events .* in 2 messages.*\r\n\Z")
 
     def test_progress_of_many_nodes_is_for_terminals(self):
-        with FakeNode({}) as node, tempfile.NamedTemporaryFile() as targets:
-            targets.write(f"{node.target}\n127.0.0.1:1\n".encode())
-            targets.flush()
-            status, seen = self.run_in_terminal("stderr", "attest", "--targets", targets.name, "--jobs", "1")
+        with FakeNode({}) as node, targets_file(node.target, "127.0.0.1:1") as targets:
+            status, seen = self.run_in_terminal("stderr", "attest", "--targets", targets, "--jobs", "1")
         self.assertEqual(status, 1)
         last = r"\r\x1b\[K2 of 2 nodes: 0 verified, 1 not verified, 1 not asked to the end\r\x1b\[K\Z"
         self.assertRegex(seen, last)
@@ -115,27 +107,20 @@ class Stream(Program):
             time.sleep(0.6)
             return b""
 
-        with FakeNode({name: slowly for name in METHODS}) as node, tempfile.NamedTemporaryFile() as targets:
-            targets.write(node.target.encode())
-            targets.flush()
-            done = run(None, "attest", "--targets", targets.name, "--node-timeout", "1")
+        with FakeNode({name: slowly for name in METHODS}) as node, targets_file(node.target) as targets:
+            done = run(None, "attest", "--targets", targets, "--node-timeout", "1")
             self.assertRegex(done.stdout.decode(), r"NOT VERIFIED: .*(did not come to an end in time|within 0\.\d+ s)")
             self.assertLess(len(node.requests), 4)
-        with FakeNode({"GetCertificate": say_nothing}) as node, tempfile.NamedTemporaryFile() as targets:
-            targets.write(node.target.encode())
-            targets.flush()
-            done = run(None, "attest", "--targets", targets.name, "--node-timeout", "3", "--timeout", "50")
-            self.assertIn("NOT VERIFIED: ", done.stdout.decode())
-            self.assertRegex(done.stdout.decode(), r"no answer within [0-3](\.\d+)? s")
+        with FakeNode({"GetCertificate": say_nothing}) as node, targets_file(node.target) as targets:
+            done = run(None, "attest", "--targets", targets, "--node-timeout", "3", "--timeout", "50")
+        self.assertIn("NOT VERIFIED: ", done.stdout.decode())
+        self.assertRegex(done.stdout.decode(), r"no answer within [0-3](\.\d+)? s")
 
     def test_one_of_many_nodes_may_not_send_as_much_as_it_likes(self):
         large = api.get_platform_boot_integrity_event_logs_response(
             node_data=[api.NodeBootIntegrityLog(events=[api.BOOT_EVENT(event_data=bytes(17 << 20))])])
-        with FakeNode(as_functions({"GetPlatformBootIntegrityEventLogs": large})) as node, \
-                tempfile.NamedTemporaryFile() as targets:
-            targets.write(node.target.encode())
-            targets.flush()
-            done = run(None, "attest", "--targets", targets.name, "--json")
+        with FakeNode({BOOT_LOG: large}) as node, targets_file(node.target) as targets:
+            done = run(None, "attest", "--targets", targets, "--json")
         boot_log = next(row for row in json.loads(done.stdout)["evidence"] if row["kind"] == "boot-log")
         self.assertFalse(boot_log["came"])
         self.assertIn("RESOURCE_EXHAUSTED", boot_log["text"])

@@ -108,10 +108,10 @@ class Saving(Program):
         messages = [api.NodeIMAData(node_name="n", events=[api.IMA_EVENT(event_num=1)]), api.NodeIMAData(node_name="n")]
         record_without_content = b"\x0a\x00"
         answers = {
-            "GetCertificate": lambda r, c: record_without_content,
-            "AttestPcrs": lambda r, c: record_without_content,
+            "GetCertificate": record_without_content,
+            "AttestPcrs": record_without_content,
             "GetPlatformHwIntegrity": lambda r, c: c.abort(grpc.StatusCode.UNIMPLEMENTED, "never heard of hardware"),
-            STREAM: lambda r, c: messages,
+            STREAM: messages,
         }
         with FakeNode(answers) as node:
             live = run(node.target, "attest", "--save", self.directory)
@@ -136,7 +136,7 @@ class Saving(Program):
             resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 16, 1 << 16))
 
         many = [api.NodeIMAData(node_name="n", events=[api.IMA_EVENT(event_name=b"x" * 9000)])] * 100
-        with FakeNode({STREAM: lambda r, c: many}) as node:
+        with FakeNode({STREAM: many}) as node:
             done = run(node.target, "attest", "--save", self.directory, preexec_fn=on_a_full_disk,
                        restore_signals=False)
         self.expect(done, 2, "cannot write .*ima-log.messages: File too large")
