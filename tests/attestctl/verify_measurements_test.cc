@@ -42,32 +42,20 @@ TEST(verify, boot_log)
     const strings replay_fails = {"FAIL boot log replay"};
     const strings both_fail = {"FAIL boot log events", "FAIL boot log replay"};
     expect_each({
-        {"event left out", [](forged &f) { leave_out(f, FIRMWARE_VOLUME); }, replay_fails},
-        {"event left out and seen by the numbers",
-         [](forged &f) { events(f).DeleteSubrange(FIRMWARE_VOLUME, 1); }, both_fail},
         {"all events of a PCR left out",
          [](forged &f) {
              leave_out(f, SEPARATOR_0 + 7);
              leave_out(f, SECURE_BOOT);
          },
          replay_fails},
-        {"last event left out", [](forged &f) { leave_out(f, SEPARATOR_0 + 6); }, replay_fails},
         {"event twice",
          [](forged &f) {
              *events(f).Add() = events(f)[KERNEL];
              renumber(f);
          },
          replay_fails},
-        {"two events swapped",
-         [](forged &f) {
-             events(f).SwapElements(FIRMWARE_VERSION, FIRMWARE_VOLUME);
-             renumber(f);
-         },
-         replay_fails},
         {"event moved to another PCR", [](forged &f) { events(f)[KERNEL].set_pcr_index(8); }, replay_fails},
         {"event hidden as no action", [](forged &f) { events(f)[KERNEL].set_event_type(3); }, replay_fails},
-        {"digest one bit off",
-         [](forged &f) { flip_bit(*events(f)[KERNEL].mutable_digests(1)->mutable_digest()); }, replay_fails},
         {"locality wrong", [](forged &f) { events(f)[LOCALITY].mutable_event_data()->back() = 0; },
          replay_fails},
         {"locality that there is not",
@@ -108,10 +96,6 @@ TEST(verify, boot_log)
         {"event without its data",
          [](forged &f) { events(f)[KERNEL].clear_event_data(); },
          {"FAIL boot log events"}},
-        {"data cut",
-         [](forged &f) { events(f)[KERNEL].mutable_event_data()->pop_back(); },
-         {"FAIL boot log events"}},
-        {"empty log", [](forged &f) { events(f).Clear(); }, both_fail},
         {"no record", [](forged &f) { f.got.boot_log.Clear(); }, {"FAIL boot log events"}},
     });
 }
@@ -122,7 +106,6 @@ TEST(verify, hardware)
     const auto now = [](forged &f) { return hardware(f).mutable_uid_digests_db1(); };
     const auto recorded = [](forged &f) { return hardware(f).mutable_uid_digests_db0(); };
     expect_each({
-        {"chip changed", [&](forged &f) { flip_bit(*now(f)->at(3).mutable_digest()); }, differ},
         {"chip gone", [&](forged &f) { now(f)->at(3).set_digest(std::string(32, '\0')); }, differ},
         {"chip added",
          [&](forged &f) {
@@ -130,7 +113,6 @@ TEST(verify, hardware)
              now(f)->at(12).set_index(12);
          },
          differ},
-        {"chip not reported", [&](forged &f) { now(f)->RemoveLast(); }, differ},
         {"nothing reported", [&](forged &f) { now(f)->Clear(); }, differ},
         {"nothing recorded",
          [&](forged &f) { recorded(f)->Clear(); },
@@ -138,12 +120,6 @@ TEST(verify, hardware)
         {"entry without a number", [&](forged &f) { now(f)->at(0).clear_index(); }, differ},
         {"entries out of order", [&](forged &f) { now(f)->SwapElements(0, 1); }, differ},
         {"digest of another size", [&](forged &f) { now(f)->at(3).mutable_digest()->resize(20); }, differ},
-        {"another list recorded and shown",
-         [&](forged &f) {
-             flip_bit(*recorded(f)->at(3).mutable_digest());
-             flip_bit(*now(f)->at(3).mutable_digest());
-         },
-         {"FAIL hardware binding"}},
         {"no list at all",
          [&](forged &f) {
              now(f)->Clear();
@@ -175,7 +151,6 @@ TEST(verify, hardware)
         {"key without a certificate here",
          [](forged &f) { hardware(f).set_key_cert_name("Customer AIK"); },
          {"not made hardware quote signature"}},
-        {"no record", [](forged &f) { f.got.hw_integrity.Clear(); }, {"FAIL hardware identifiers"}},
     });
     forged f = good_evidence();
     for (api::UID_DIGEST &one : *now(f))
