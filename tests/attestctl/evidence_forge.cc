@@ -181,14 +181,8 @@ void quote_record(const forged &f, Record &record, const std::string &nonce, std
 const forge_keys &keys()
 {
     const auto ec = [] { return pkey_owner(EVP_EC_gen("P-256")); };
-    static const forge_keys made{pkey_owner(EVP_RSA_gen(2048)),
-                                 pkey_owner(EVP_RSA_gen(2048)),
-                                 ec(),
-                                 ec(),
-                                 ec(),
-                                 ec(),
-                                 pkey_owner(EVP_RSA_gen(2048)),
-                                 ec()};
+    const auto rsa = [] { return pkey_owner(EVP_RSA_gen(2048)); };
+    static const forge_keys made{rsa(), rsa(), ec(), ec(), ec(), ec(), rsa(), ec()};
     return made;
 }
 
@@ -298,9 +292,9 @@ forged good_evidence(const std::string &node_name, std::uint32_t hash_algo)
     return evidence_of(keys().identity.get(), keys().attestation.get(), node_name, hash_algo);
 }
 
-forged good_second_source(const std::string &node_name, std::uint32_t hash_algo)
+forged good_second_source(const std::string &node_name)
 {
-    return evidence_of(keys().second_identity.get(), keys().second_attestation.get(), node_name, hash_algo);
+    return evidence_of(keys().second_identity.get(), keys().second_attestation.get(), node_name, 1);
 }
 
 void sign_certificates(forged &f)
@@ -362,4 +356,41 @@ std::string digest(const EVP_MD *algorithm, const std::string &data)
     std::string out(static_cast<std::size_t>(EVP_MD_get_size(algorithm)), '\0');
     must(EVP_Digest(data.data(), data.size(), writable(out), nullptr, algorithm, nullptr) == 1);
     return out;
+}
+
+void grow(std::vector<api::IMA_EVENT> &list, std::size_t count)
+{
+    for (std::size_t i = 0; i < count; ++i) {
+        api::IMA_EVENT &event = list.emplace_back();
+        event.set_event_num(list.size());
+        event.set_template_name("ima-ng");
+        event.set_event_name("/usr/bin/tool-" + std::to_string(list.size()));
+        event.set_digest_algo("sha256");
+        event.set_digest(digest(EVP_sha256(), event.event_name()));
+        event.set_pcr(10);
+        event.set_duplicate(0);
+        event.set_template_hash(digest(EVP_sha1(), template_data(event)));
+    }
+}
+
+std::string template_data(const api::IMA_EVENT &event)
+{
+    const auto field = [](const std::string &bytes) {
+        std::string size;
+        for (unsigned shift = 0; shift < 32; shift += 8)
+            size += static_cast<char>(bytes.size() >> shift & 0xff);
+        return size + bytes;
+    };
+    return field(event.digest_algo() + ":\0"s + event.digest()) + field(event.event_name() + "\0"s);
+}
+
+std::string replayed(const std::vector<api::IMA_EVENT> &list)
+{
+    std::string value(32, '\0');
+    for (const api::IMA_EVENT &event : list) {
+        const std::string extended =
+            is_violation(event) ? std::string(32, '\xff') : digest(EVP_sha256(), template_data(event));
+        value = digest(EVP_sha256(), value + extended);
+    }
+    return value;
 }

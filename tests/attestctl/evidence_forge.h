@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include <tss2/tss2_tpm2_types.h>
 
@@ -57,7 +58,7 @@ struct forged {
 // One source of this name, everything good; all 24 PCRs asked for, hardware by the bank of this number.
 forged good_evidence(const std::string &node_name = "rack1", std::uint32_t hash_algo = 1);
 // The same of another device, a node's management controller.
-forged good_second_source(const std::string &node_name, std::uint32_t hash_algo = 1);
+forged good_second_source(const std::string &node_name);
 
 // Signs both certificate records again.
 void sign_certificates(forged &f);
@@ -71,3 +72,9 @@ void quote_hardware(forged &f, const quote_edit &edit = {});
 std::string tpm_signature(const forged &f, const std::string &bytes, std::uint16_t hash = TPM2_ALG_SHA256);
 
 std::string digest(const EVP_MD *algorithm, const std::string &data);
+
+// Appends good events of PCR 10, one for each of so many files.
+void grow(std::vector<api::IMA_EVENT> &list, std::size_t count);
+// The template data of an event of those, and what PCR 10 of the SHA-256 bank holds after a list of them.
+std::string template_data(const api::IMA_EVENT &event);
+std::string replayed(const std::vector<api::IMA_EVENT> &list);

@@ -67,7 +67,7 @@ protected:
         bmc.name = name;
         bmc.evidence = changed(good_second_source(name));
         bmc.resets = 8;
-        grow(bmc, 30);
+        grow(bmc.list, 30);
         trust(bmc.evidence);
         return bmc;
     }
@@ -87,7 +87,7 @@ TEST_F(KeptFiles, OnlyWhatIsNewIsAskedForAndStillLeadsToTheQuote)
     outcome done = attest_with_state();
     EXPECT_EQ(done.status, 0) << done.text;
     EXPECT_THAT(done.text, HasSubstr("2,500 events, from 1 on"));
-    grow(node.model, 7);
+    grow(node.model.list, 7);
     done = attest_with_state();
     EXPECT_EQ(done.status, 0) << done.text;
     EXPECT_THAT(done.text, HasSubstr("7 new events after number 2,500"));
@@ -96,7 +96,7 @@ TEST_F(KeptFiles, OnlyWhatIsNewIsAskedForAndStillLeadsToTheQuote)
     EXPECT_THAT(node.asked(), ElementsAre(0, 2500, 2507));
 
     // Events after the quote are not verified: the next attestation asks for them again.
-    grow(node.model, 5);
+    grow(node.model.list, 5);
     node.model.after_quote = 2;
     EXPECT_THAT(attest_with_state().text, HasSubstr("2 events came after the quote"));
     node.model.after_quote = 0;
@@ -110,7 +110,7 @@ TEST_F(KeptFiles, OnlyWhatIsNewIsAskedForAndStillLeadsToTheQuote)
 TEST_F(KeptFiles, ThePageHasNoEventThatWasNotLookedAt)
 {
     ASSERT_EQ(attest_with_state().status, 0);
-    grow(node.model, 7);
+    grow(node.model.list, 7);
     node.model.rewrite = [](api::NodeIMAData &message) {
         for (api::IMA_EVENT &event : *message.mutable_events())
             if (event.event_num() == 2400)
@@ -158,13 +158,13 @@ TEST_F(KeptFiles, AListThatDoesNotContinueIsTakenFromItsBegin)
          {100, 0},
          [](node_model &now) {
              now.list.clear();
-             grow(now, 50);
+             grow(now.list, 50);
          }},
         {"does not go on from event",
          {50, 0},
          [](node_model &now) {
              now.list.clear();
-             grow(now, 1200);
+             grow(now.list, 1200);
              now.list.erase(now.list.begin());
              for (std::size_t i = 0; i < now.list.size(); ++i)
                  now.list[i].set_event_num(i + 1);
@@ -191,10 +191,10 @@ TEST_F(KeptFiles, ListsOfTwoSourcesAreRememberedEachByItself)
         EXPECT_THAT(done.text, HasSubstr(of_bmc));
     };
     expect_lists("2,500 events, from 1 on", " 30 events, from 1 on");
-    grow(node.model, 7);
+    grow(node.model.list, 7);
     expect_lists("7 new events after number 2,500", "0 new events after number 30");
     EXPECT_THAT(node.asked(), ElementsAre(0, 2500));
-    grow(bmc, 1); // and what comes after event 2,507 is asked for
+    grow(bmc.list, 1); // and what comes after event 2,507 is asked for
     expect_lists("0 new events after number 2,507", "taken whole: what follows event 30, up to which");
     EXPECT_THAT(node.asked(), ElementsAre(2507, 0));
 
@@ -207,7 +207,7 @@ TEST_F(KeptFiles, ListsOfTwoSourcesAreRememberedEachByItself)
     expect_lists("0 new events after number 2,507", "taken whole: another attestation key");
     ++node.model.resets;
     node.model.list.resize(5);
-    grow(bmc, 2);
+    grow(bmc.list, 2);
     expect_lists(" 5 events, from 1 on and without gaps; taken whole: the node was booted since",
                  "2 new events after number 10");
     node.model.list.resize(4);
@@ -235,7 +235,7 @@ TEST_F(KeptFiles, WhatDoesNotVerifyIsNotRemembered)
 {
     ASSERT_EQ(attest_with_state().status, 0);
     const std::string kept = content_of(state);
-    grow(node.model, 3);
+    grow(node.model.list, 3);
     node.model.list.back().set_event_name("/tmp/forged");
     node.model.list[2400].set_template_hash(std::string(20, 't')); // and the whole list is none either
     const outcome done = attest_with_state();
@@ -380,7 +380,7 @@ TEST_F(KeptFiles, FilesThatAreNoneAskNothingAndStayAsTheyAre)
 TEST_F(KeptFiles, WhatSomebodyElseWritesMeanwhileIsLeftToThem)
 {
     ASSERT_EQ(attest_with_state().status, 0);
-    grow(node.model, 1);
+    grow(node.model.list, 1);
     for (const auto &[option, path] : {std::pair("--state ", state), std::pair("--pin ", pins)}) {
         node.model.meanwhile = [path = path] { write_content(path, "theirs"); };
         const outcome done = attest(option + path);

@@ -14,32 +14,9 @@
 
 #include "api/remote_attestation_api.grpc.pb.h"
 
-using namespace std::string_literals;
-
 namespace {
 
 constexpr std::uint64_t CHUNK = 1000;
-
-std::string field(const std::string &bytes)
-{
-    std::string size;
-    for (unsigned shift = 0; shift < 32; shift += 8)
-        size += static_cast<char>(bytes.size() >> shift & 0xff);
-    return size + bytes;
-}
-
-std::string template_data(const api::IMA_EVENT &event)
-{
-    return field(event.digest_algo() + ":\0"s + event.digest()) + field(event.event_name() + "\0"s);
-}
-
-std::string replayed(const source_model &source)
-{
-    std::string value(32, '\0');
-    for (std::size_t i = 0; i + source.after_quote < source.list.size(); ++i)
-        value = digest(EVP_sha256(), value + digest(EVP_sha256(), template_data(source.list[i])));
-    return value;
-}
 
 class service final : public api::RemoteAttestationApi::Service {
 public:
@@ -70,7 +47,8 @@ public:
         for_each_source([&](const source_model &source) {
             forged f = source.evidence;
             f.got.pcrs_request.set_nonce(request->nonce());
-            f.got.pcrs.mutable_node_data(0)->mutable_pcrs(10)->set_value(replayed(source));
+            f.got.pcrs.mutable_node_data(0)->mutable_pcrs(10)->set_value(
+                replayed({source.list.begin(), source.list.end() - source.after_quote}));
             quote_pcrs(f, [&source](TPMS_ATTEST &quote) {
                 quote.clockInfo.resetCount = source.resets;
                 quote.clockInfo.restartCount = source.restarts;
@@ -155,21 +133,6 @@ private:
 
 } // namespace
 
-void grow(source_model &source, std::size_t count)
-{
-    for (std::size_t i = 0; i < count; ++i) {
-        api::IMA_EVENT &event = source.list.emplace_back();
-        event.set_event_num(source.list.size());
-        event.set_template_name("ima-ng");
-        event.set_event_name("/usr/bin/tool-" + std::to_string(source.list.size()));
-        event.set_digest_algo("sha256");
-        event.set_digest(digest(EVP_sha256(), event.event_name()));
-        event.set_pcr(10);
-        event.set_duplicate(0);
-        event.set_template_hash(digest(EVP_sha1(), template_data(event)));
-    }
-}
-
 struct simulated_node::parts {
     explicit parts(const node_model &node) : answers(node) {}
 
@@ -190,7 +153,7 @@ simulated_node::simulated_node(std::size_t addresses, grpc_compression_algorithm
     parts_->server = builder.BuildAndStart();
     for (const int port : ports)
         parts_->targets.push_back("127.0.0.1:" + std::to_string(port));
-    grow(model, 2500);
+    grow(model.list, 2500);
 }
 
 simulated_node::~simulated_node()

@@ -17,7 +17,7 @@ struct source_model {
     forged evidence = good_evidence(name);
     std::vector<api::IMA_EVENT> list;
     std::uint32_t resets = 3, restarts = 0;
-    std::size_t after_quote = 0; // the events at the end that came after the quote
+    std::ptrdiff_t after_quote = 0; // the events at the end that came after the quote
 };
 
 // What a node is. Changed by a test while nobody asks.
@@ -27,9 +27,6 @@ struct node_model : source_model {
     std::function<void()> meanwhile;                 // what else happens while the lists are asked for
     std::function<void(api::NodeIMAData &)> rewrite; // what it makes of messages of its list
 };
-
-// Appends good events.
-void grow(source_model &source, std::size_t count);
 
 class simulated_node {
 public:
