@@ -77,6 +77,14 @@ protected:
         return attestctl("--target " + node.targets()[0] + " attest --root " + roots + ' ' + words);
     }
     outcome attest_with_state() { return attest("--state " + state); }
+    // It verifies with the state, and says this.
+    void expect_good(std::initializer_list<std::string> said = {})
+    {
+        const outcome done = attest_with_state();
+        EXPECT_EQ(done.status, 0) << done.text;
+        for (const std::string &words : said)
+            EXPECT_THAT(done.text, HasSubstr(words));
+    }
 
     simulated_node node;
     std::string folder, roots, state, pins;
@@ -84,32 +92,25 @@ protected:
 
 TEST_F(KeptFiles, OnlyWhatIsNewIsAskedForAndStillLeadsToTheQuote)
 {
-    outcome done = attest_with_state();
-    EXPECT_EQ(done.status, 0) << done.text;
-    EXPECT_THAT(done.text, HasSubstr("2,500 events, from 1 on"));
+    expect_good({"2,500 events, from 1 on"});
     grow(node.model.list, 7);
-    done = attest_with_state();
-    EXPECT_EQ(done.status, 0) << done.text;
-    EXPECT_THAT(done.text, HasSubstr("7 new events after number 2,500"));
-    done = attest_with_state(); // nothing new
-    EXPECT_EQ(done.status, 0) << done.text;
+    expect_good({"7 new events after number 2,500"});
+    expect_good(); // nothing new
     EXPECT_THAT(node.asked(), ElementsAre(0, 2500, 2507));
 
     // Events after the quote are not verified: the next attestation asks for them again.
     grow(node.model.list, 5);
     node.model.after_quote = 2;
-    EXPECT_THAT(attest_with_state().text, HasSubstr("2 events came after the quote"));
+    expect_good({"2 events came after the quote"});
     node.model.after_quote = 0;
-    done = attest_with_state();
-    EXPECT_THAT(done.text, HasSubstr("2 new events after number 2,510"));
-    EXPECT_EQ(done.status, 0);
+    expect_good({"2 new events after number 2,510"});
     EXPECT_THAT(node.asked(), ElementsAre(2507, 2510));
 }
 
 // A node answers in whole chunks: what it sends of events that were verified earlier is not looked at again.
 TEST_F(KeptFiles, ThePageHasNoEventThatWasNotLookedAt)
 {
-    ASSERT_EQ(attest_with_state().status, 0);
+    expect_good();
     grow(node.model.list, 7);
     node.model.rewrite = [](api::NodeIMAData &message) {
         for (api::IMA_EVENT &event : *message.mutable_events())
@@ -134,7 +135,7 @@ TEST_F(KeptFiles, ACompressedAnswerIsNotTaken)
 
 TEST_F(KeptFiles, AListThatDoesNotContinueIsTakenFromItsBegin)
 {
-    ASSERT_EQ(attest_with_state().status, 0);
+    expect_good();
     const struct {
         const char *note;
         std::vector<std::uint64_t> asked;
@@ -173,10 +174,7 @@ TEST_F(KeptFiles, AListThatDoesNotContinueIsTakenFromItsBegin)
     node.asked();
     for (const auto &row : cases) {
         row.change(node.model);
-        const outcome done = attest_with_state();
-        EXPECT_THAT(done.text, HasSubstr(std::string("taken whole: ")));
-        EXPECT_THAT(done.text, HasSubstr(row.note));
-        EXPECT_EQ(done.status, 0) << done.text;
+        expect_good({"taken whole: ", row.note});
         EXPECT_EQ(node.asked(), row.asked) << row.note;
     }
 }
@@ -184,41 +182,35 @@ TEST_F(KeptFiles, AListThatDoesNotContinueIsTakenFromItsBegin)
 TEST_F(KeptFiles, ListsOfTwoSourcesAreRememberedEachByItself)
 {
     source_model &bmc = add_bmc("bmc");
-    const auto expect_lists = [this](const char *of_node, const char *of_bmc) {
-        const outcome done = attest_with_state();
-        EXPECT_EQ(done.status, 0) << done.text;
-        EXPECT_THAT(done.text, HasSubstr(of_node));
-        EXPECT_THAT(done.text, HasSubstr(of_bmc));
-    };
-    expect_lists("2,500 events, from 1 on", " 30 events, from 1 on");
+    expect_good({"2,500 events, from 1 on", " 30 events, from 1 on"});
     grow(node.model.list, 7);
-    expect_lists("7 new events after number 2,500", "0 new events after number 30");
+    expect_good({"7 new events after number 2,500", "0 new events after number 30"});
     EXPECT_THAT(node.asked(), ElementsAre(0, 2500));
     grow(bmc.list, 1); // and what comes after event 2,507 is asked for
-    expect_lists("0 new events after number 2,507", "taken whole: what follows event 30, up to which");
+    expect_good({"0 new events after number 2,507", "taken whole: what follows event 30, up to which"});
     EXPECT_THAT(node.asked(), ElementsAre(2507, 0));
 
     ++bmc.resets; // and only it
     bmc.list.resize(10);
-    expect_lists("0 new events after number 2,507",
-                 " 10 events, from 1 on and without gaps; taken whole: the node was booted since");
+    expect_good({"0 new events after number 2,507",
+                 " 10 events, from 1 on and without gaps; taken whole: the node was booted since"});
     bmc.evidence.got.attestation_key.mutable_node_data(0)->mutable_certs(2)->set_data(
         make_certificate(attestation_plan(bmc.evidence.attestation_key)));
-    expect_lists("0 new events after number 2,507", "taken whole: another attestation key");
+    expect_good({"0 new events after number 2,507", "taken whole: another attestation key"});
     ++node.model.resets;
     node.model.list.resize(5);
     grow(bmc.list, 2);
-    expect_lists(" 5 events, from 1 on and without gaps; taken whole: the node was booted since",
-                 "2 new events after number 10");
+    expect_good({" 5 events, from 1 on and without gaps; taken whole: the node was booted since",
+                 "2 new events after number 10"});
     node.model.list.resize(4);
     bmc.list.resize(3);
-    expect_lists(" 4 events, from 1 on and without gaps; taken whole: it does not go on from event 5",
-                 " 3 events, from 1 on and without gaps; taken whole: it does not go on from event 12");
+    expect_good({" 4 events, from 1 on and without gaps; taken whole: it does not go on from event 5",
+                 " 3 events, from 1 on and without gaps; taken whole: it does not go on from event 12"});
 }
 
 TEST_F(KeptFiles, SourcesOfOneNameCannotBeToldApart)
 {
-    ASSERT_EQ(attest_with_state().status, 0);
+    expect_good();
     const std::string kept = content_of(state);
     source_model &bmc = add_bmc(node.model.name);
     for (const std::size_t events : {30, 0}) {
@@ -233,7 +225,7 @@ TEST_F(KeptFiles, SourcesOfOneNameCannotBeToldApart)
 
 TEST_F(KeptFiles, WhatDoesNotVerifyIsNotRemembered)
 {
-    ASSERT_EQ(attest_with_state().status, 0);
+    expect_good();
     const std::string kept = content_of(state);
     grow(node.model.list, 3);
     node.model.list.back().set_event_name("/tmp/forged");
@@ -253,15 +245,15 @@ TEST_F(KeptFiles, PinsAreDemandedFromTheSecondUseOn)
     EXPECT_FALSE(std::filesystem::exists(pins));
 
     node.model.evidence = good_evidence(node.model.name);
-    const auto attest_unpinned = [this](const std::string &more) {
-        return attestctl("--target " + node.targets()[0] + " attest --pin " + pins + more);
+    const auto attest_by_pins = [this] {
+        return attestctl("--target " + node.targets()[0] + " attest --pin " + pins);
     };
-    done = attest_unpinned("");
+    done = attest_by_pins();
     EXPECT_EQ(done.status, 0) << done.text;
     EXPECT_THAT(done.text, HasSubstr("against roots that are not pinned"));
     EXPECT_THAT(done.text, HasSubstr("attestctl: pinned 127.0.0.1:"));
     const std::string kept = content_of(pins);
-    done = attest_unpinned("");
+    done = attest_by_pins();
     EXPECT_EQ(done.status, 0);
     EXPECT_THAT(done.text, HasSubstr("\nVERIFIED\n")); // by roots that are pinned now
     EXPECT_THAT(done.text, HasSubstr("PCRs 0-9, 14-15 as pinned"));
@@ -270,28 +262,26 @@ TEST_F(KeptFiles, PinsAreDemandedFromTheSecondUseOn)
     auto fewer = nlohmann::json::parse(kept);
     fewer["nodes"][0]["sources"][0].erase("references");
     write_content(pins, fewer.dump(1) + '\n');
-    EXPECT_EQ(attest_unpinned("").status, 0);
+    EXPECT_EQ(attest_by_pins().status, 0);
     EXPECT_EQ(content_of(pins), fewer.dump(1) + '\n') << "a pin that was taken out stays out";
     write_content(pins, kept);
 
+    const auto expect_differing = [&](std::initializer_list<const char *> rows) {
+        done = attest_by_pins();
+        EXPECT_EQ(done.status, 1);
+        for (const char *row : rows)
+            EXPECT_THAT(done.text,
+                        MatchesRegex(std::string(".*\n +") + row +
+                                     " +FAIL +pinned is [0-9a-f]{64}, now it is [0-9a-f]{64}\n.*"));
+        EXPECT_EQ(content_of(pins), kept);
+    };
     // Another firmware that measures itself well, other roots, other chips that are recorded well.
     node.model.evidence = changed(good_evidence(node.model.name));
-    done = attest_unpinned("");
-    EXPECT_EQ(done.status, 1);
+    expect_differing(
+        {"pinned identity root", "pinned attestation root", "pinned PCR 5", "pinned reference 3"});
     EXPECT_THAT(done.text, HasSubstr("NOT VERIFIED: 4 checks failed"));
-    for (const char *row :
-         {"pinned identity root", "pinned attestation root", "pinned PCR 5", "pinned reference 3"})
-        EXPECT_THAT(done.text, MatchesRegex(std::string(".*\n +") + row +
-                                            " +FAIL +pinned is [0-9a-f]{64}, now it is [0-9a-f]{64}\n.*"));
-    EXPECT_EQ(content_of(pins), kept);
-
     node.model.evidence = good_second_source(node.model.name); // another card in its place
-    done = attest_unpinned("");
-    EXPECT_EQ(done.status, 1);
-    for (const char *row : {"pinned identity key", "pinned attestation key"})
-        EXPECT_THAT(done.text, MatchesRegex(std::string(".*\n +") + row +
-                                            " +FAIL +pinned is [0-9a-f]{64}, now it is [0-9a-f]{64}\n.*"));
-    EXPECT_EQ(content_of(pins), kept);
+    expect_differing({"pinned identity key", "pinned attestation key"});
 }
 
 TEST_F(KeptFiles, PinsOfTwoSourcesAreDemandedOfEachByItself)
@@ -324,7 +314,7 @@ TEST_F(KeptFiles, PinsOfTwoSourcesAreDemandedOfEachByItself)
 
 TEST_F(KeptFiles, FilesThatAreNoneAskNothingAndStayAsTheyAre)
 {
-    ASSERT_EQ(attest_with_state().status, 0);
+    expect_good();
     const std::string good = content_of(state);
     node.asked();
     const std::size_t begin = good.find('[') + 1, end = good.rfind(']'); // of the node
@@ -379,7 +369,7 @@ TEST_F(KeptFiles, FilesThatAreNoneAskNothingAndStayAsTheyAre)
 
 TEST_F(KeptFiles, WhatSomebodyElseWritesMeanwhileIsLeftToThem)
 {
-    ASSERT_EQ(attest_with_state().status, 0);
+    expect_good();
     grow(node.model.list, 1);
     for (const auto &[option, path] : {std::pair("--state ", state), std::pair("--pin ", pins)}) {
         node.model.meanwhile = [path = path] { write_content(path, "theirs"); };
