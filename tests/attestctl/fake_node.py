@@ -18,17 +18,11 @@ import remote_attestation_api_pb2 as api
 
 PROGRAM = os.environ["ATTESTCTL"]
 DATA = os.environ["ATTEST_TEST_DATA"]
-SERVICE = "remote_attestation_api.RemoteAttestationApi"
 BOOT_LOG, IMA_LOG, STREAM = "GetPlatformBootIntegrityEventLogs", "GetPlatformImaEventLogs", "StreamPlatformImaEventLogs"
-METHODS = {
-    "GetCertificate": (api.get_certificate_request, api.get_certificate_response),
-    "AttestPcrs": (api.attest_pcr_request, api.attest_pcr_response),
-    BOOT_LOG: (
-        api.get_platform_boot_integrity_event_logs_request,
-        api.get_platform_boot_integrity_event_logs_response,
-    ),
-    "GetPlatformHwIntegrity": (api.get_platform_hw_integrity_request, api.get_platform_hw_integrity_response),
-    IMA_LOG: (api.get_platform_ima_event_logs_request, api.get_platform_ima_event_logs_response),
+SERVICE = api.DESCRIPTOR.services_by_name["RemoteAttestationApi"]
+METHODS = {  # of one answer: the classes of request and answer
+    method.name: (getattr(api, method.input_type.name), getattr(api, method.output_type.name))
+    for method in SERVICE.methods if method.name != STREAM
 }
 VERIFYING = ("GetCertificate", "AttestPcrs", "GetPlatformHwIntegrity")  # whose commands judge what came
 COMMANDS = {
@@ -74,12 +68,9 @@ class FakeNode:
             stream, api.get_platform_ima_event_logs_request.FromString, encode
         )
         self.server = grpc.server(futures.ThreadPoolExecutor(4), options=[("grpc.max_send_message_length", -1)])
-        self.server.add_generic_rpc_handlers((grpc.method_handlers_generic_handler(SERVICE, handlers),))
-        port = (
-            self.server.add_secure_port("127.0.0.1:0", credentials)
-            if credentials
-            else self.server.add_insecure_port("127.0.0.1:0")
-        )
+        self.server.add_generic_rpc_handlers((grpc.method_handlers_generic_handler(SERVICE.full_name, handlers),))
+        port = (self.server.add_secure_port("127.0.0.1:0", credentials) if credentials
+                else self.server.add_insecure_port("127.0.0.1:0"))
         self.target = f"127.0.0.1:{port}"
 
     def __enter__(self):
