@@ -328,9 +328,9 @@ std::string tpm_signature(const forged &f, const std::string &bytes, std::uint16
 {
     const EVP_MD *algorithm = hash == TPM2_ALG_SHA1 ? EVP_sha1() : EVP_sha256();
     TPMT_SIGNATURE made{};
-    made.sigAlg = static_cast<std::uint16_t>(f.scheme);
+    made.sigAlg = f.scheme;
     made.signature.any.hashAlg = hash;
-    if (f.scheme == signature_scheme::ecdsa) {
+    if (f.scheme == TPM2_ALG_ECDSA) {
         const std::string der = sign(f.attestation_key, algorithm, 0, bytes);
         const unsigned char *at = readable(der);
         ECDSA_SIG *pair = d2i_ECDSA_SIG(nullptr, &at, static_cast<long>(der.size()));
@@ -340,7 +340,7 @@ std::string tpm_signature(const forged &f, const std::string &bytes, std::uint16
         must(BN_bn2binpad(ECDSA_SIG_get0_s(pair), ecdsa.signatureS.buffer, 32) == 32);
         ECDSA_SIG_free(pair);
     } else {
-        const int padding = f.scheme == signature_scheme::rsassa ? RSA_PKCS1_PADDING : RSA_PKCS1_PSS_PADDING;
+        const int padding = f.scheme == TPM2_ALG_RSASSA ? RSA_PKCS1_PADDING : RSA_PKCS1_PSS_PADDING;
         const std::string signature = sign(f.attestation_key, algorithm, padding, bytes);
         made.signature.rsassa.sig.size = static_cast<UINT16>(signature.size());
         signature.copy(reinterpret_cast<char *>(made.signature.rsassa.sig.buffer), signature.size());

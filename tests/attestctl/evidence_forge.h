@@ -42,17 +42,11 @@ certificate_plan ca_plan(const char *root_name);
 certificate_plan device_plan(EVP_PKEY *key);
 certificate_plan attestation_plan(EVP_PKEY *key);
 
-enum class signature_scheme : std::uint16_t {
-    rsassa = TPM2_ALG_RSASSA,
-    rsapss = TPM2_ALG_RSAPSS,
-    ecdsa = TPM2_ALG_ECDSA,
-};
-
 struct forged {
     evidence got;
     trusted_roots roots; // both of them: identity and attestation key have their own
     EVP_PKEY *identity_key, *attestation_key;
-    signature_scheme scheme = signature_scheme::ecdsa;
+    std::uint16_t scheme = TPM2_ALG_ECDSA; // or RSASSA, RSAPSS
 };
 
 // One source of this name, everything good; all 24 PCRs asked for, hardware by the bank of this number.

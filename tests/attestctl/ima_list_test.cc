@@ -77,12 +77,13 @@ TEST(ima_list, WhatIsWrongFailsInItsRow)
     const attested good = good_list();
     EXPECT_THAT(not_passed(good), IsEmpty());
     EXPECT_EQ(judge(good)[0].reason, "60 events, from 1 on and without gaps, 1 violation");
+    const std::vector<std::string> replay = {"replay"}, both = {"hashes", "replay"};
     const struct {
         const char *what;
         std::function<void(attested &, api::IMA_EVENT &one)> damage;
         std::vector<std::string> rows;
     } cases[] = {
-        {"everything left out", [](attested &boot, auto &) { boot.list.clear(); }, {"replay"}},
+        {"everything left out", [](attested &boot, auto &) { boot.list.clear(); }, replay},
         {"an event twice",
          [](attested &boot, auto &) { boot.list.push_back(events(boot.list).back()); },
          {"numbers"}},
@@ -91,28 +92,22 @@ TEST(ima_list, WhatIsWrongFailsInItsRow)
              one.set_event_name("/bin/sh");
              one.set_template_hash(digest(EVP_sha1(), template_data(one)));
          },
-         {"replay"}},
+         replay},
         {"a violation for an event",
-         [](attested &, auto &one) { one.set_template_hash(std::string(20, '\0')); },
-         {"replay"}},
-        {"an event of another PCR", [](attested &, auto &one) { one.set_pcr(11); }, {"replay"}},
-        {"an event without a hash",
-         [](attested &, auto &one) { one.clear_template_hash(); },
-         {"hashes", "replay"}},
+         [](attested &, auto &one) { one.set_template_hash(std::string(20, '\0')); }, replay},
+        {"an event of another PCR", [](attested &, auto &one) { one.set_pcr(11); }, replay},
+        {"an event without a hash", [](attested &, auto &one) { one.clear_template_hash(); }, both},
         {"no quoted PCR 10",
          [](attested &boot, auto &) {
              boot.quotes.mutable_node_data(0)->mutable_pcrs()->DeleteSubrange(10, 1);
          },
-         {"replay"}},
+         replay},
         {"PCR 10 that no event was extended into",
-         [](attested &boot, auto &) { boot.quote(10, std::string(32, '\0')); },
-         {"replay"}},
+         [](attested &boot, auto &) { boot.quote(10, std::string(32, '\0')); }, replay},
         {"another node's quote",
-         [](attested &boot, auto &) { boot.quotes.mutable_node_data(0)->set_node_name("card8"); },
-         {"replay"}},
+         [](attested &boot, auto &) { boot.quotes.mutable_node_data(0)->set_node_name("card8"); }, replay},
         {"a template that nobody knows",
-         [](attested &, auto &one) { one.set_template_name("d-ng|n-ng|evmsig"); },
-         {"hashes", "replay"}},
+         [](attested &, auto &one) { one.set_template_name("d-ng|n-ng|evmsig"); }, both},
         // The name of the template is in no hash: the same bytes are other fields under another one.
         {"another digest, which its template does not have",
          [](attested &, auto &one) {
@@ -120,20 +115,18 @@ TEST(ima_list, WhatIsWrongFailsInItsRow)
              one.set_signature(one.digest_algo() + std::string(":\0", 2) + one.digest());
              one.mutable_digest()->back() ^= 1;
          },
-         {"hashes", "replay"}},
+         both},
         {"another name, which its template does not have",
          [](attested &, auto &one) {
              one.set_template_name("d-ng|sig");
              one.set_signature(one.event_name() + '\0');
              one.set_event_name("/bin/sh");
          },
-         {"hashes", "replay"}},
+         both},
         {"a name that its template has twice",
-         [](attested &, auto &one) { one.set_template_name("d-ng|n-ng|n-ng"); },
-         {"hashes", "replay"}},
+         [](attested &, auto &one) { one.set_template_name("d-ng|n-ng|n-ng"); }, both},
         {"a signature, which its template does not have",
-         [](attested &, auto &one) { one.set_signature("forged"); },
-         {"hashes", "replay"}},
+         [](attested &, auto &one) { one.set_signature("forged"); }, both},
     };
     for (const auto &row : cases) {
         attested boot = good;
