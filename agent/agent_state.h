@@ -13,6 +13,7 @@ struct at_paused_stream_slot {
     std::uint32_t request_id;
     std::uint64_t start_event; // where the resumed retrieval starts
     std::uint64_t event_count; // how many events it is asked for; 0: no limit
+    std::uint64_t unsent;      // the first event that the client does not have yet; 0: it has none
 };
 
 struct at_agent_state_block {

@@ -2,6 +2,7 @@
 // this ends, pauses or resumes.
 #include "agent/handlers.h"
 
+#include "agent/agent_state.h"
 #include "agent/debug_trace.h"
 #include "agent/ima_request.h"
 #include "agent/metrics.h"
@@ -16,6 +17,7 @@ struct stream_position {
     std::uint32_t request_id;
     std::uint64_t start_event;
     std::uint64_t event_count; // 0: no limit
+    std::uint64_t unsent;      // as in the slot
 };
 
 void send_message(remote_attestation_api_client client, const NodeIMAData &message, int last,
@@ -39,6 +41,7 @@ bool take_back(remote_attestation_api_client client, stream_position *position)
 {
     if (remote_attestation_api_server_get_user_context(client) != STREAM_PAUSED_MARK)
         return false;
+    position->unsent = at_agent_state.at_paused_stream.unsent;
     if (at_ima_stream_resume(client, &position->request_id, &position->start_event, &position->event_count) ==
         0)
         return false;
@@ -56,15 +59,19 @@ void send_final_message(remote_attestation_api_client client, const NodeIMAData 
     if (result != REMOTE_ATTESTATION_API_FLOW_CLOSED || !has_events)
         return;
     std::uint64_t count = position.event_count != 0 ? message.events.count : 0;
-    if (at_ima_stream_pause(client, position.request_id, message.events.items[0].event_num, count) != 0)
-        remote_attestation_api_server_set_user_context(client, STREAM_PAUSED_MARK);
+    const std::uint64_t first = message.events.items[0].event_num;
+    if (at_ima_stream_pause(client, position.request_id, first, count) == 0)
+        return;
+    at_agent_state.at_paused_stream.unsent = first;
+    remote_attestation_api_server_set_user_context(client, STREAM_PAUSED_MARK);
 }
 
 void stream_local_events(remote_attestation_api_client client, const stream_position &position)
 {
     owned_message<NodeIMAData> message;
-    std::uint32_t status = attestation_get_local_ima_event_logs(
-        position.start_event, position.event_count, message.get(), client, position.request_id, 1);
+    std::uint32_t status =
+        attestation_get_local_ima_event_logs(position.start_event, position.event_count, message.get(),
+                                             client, position.request_id, 1, position.unsent);
     if (status != ATTEST_OK && status != ATTEST_ERR_FLOW_PAUSED)
         send_final_message(client, *message, position);
 }
@@ -76,7 +83,7 @@ void stream_platform_ima_event_logs(remote_attestation_api_client client,
                                     std::uint32_t request_id)
 {
     attest_trace("Attestation agent: attest_ima request id %d\n", static_cast<int>(request_id));
-    stream_position position = {request_id, 0, 0};
+    stream_position position = {request_id, 0, 0, 0};
     if (request != nullptr) {
         position.start_event = start_event_of(*request);
         position.event_count = event_count_of(*request);

@@ -83,9 +83,10 @@ std::int32_t send(ima_retrieval &retrieval, event_array &chunk)
 
 cache_phase at_send_ima_from_cache(ima_retrieval &retrieval)
 {
-    cache_phase phase{.last_event = retrieval.start_event};
+    const std::uint64_t start = retrieval.unsent != 0 ? retrieval.unsent : retrieval.start_event;
+    cache_phase phase{.last_event = start};
     cache_reader reader;
-    if (reader.start(retrieval.start_event) != 1)
+    if (reader.start(start) != 1)
         return phase;
     progress now;
     event_array first = reader.take();

@@ -21,7 +21,7 @@ struct live_state {
     std::uint64_t events_read = 0;
     std::uint64_t chunk_offset = 0; // where the current chunk begins in the list
     std::uint64_t chunk_first = 0;  // its first event's number
-    std::int32_t caching = 1;       // 1: complete chunks are offered to the cache
+    bool caching = true;            // complete chunks are offered to the cache
     std::uint64_t reserved = 0;     // events that the growth so far was for
     std::uint64_t usage = 0;        // accounted for
     std::uint64_t chunks = 1;       // that the array grows to next
@@ -29,18 +29,35 @@ struct live_state {
 
 bool is_cached(const live_state &live)
 {
-    return live.caching == 1 && at_agent_state.ima_cache_ready != 0;
+    return live.caching && at_agent_state.ima_cache_ready != 0;
+}
+
+// Skips what comes before the first event that the client does not have: an answer never repeats itself.
+bool skip_what_was_sent(const ima_retrieval &retrieval, live_state &live)
+{
+    if (retrieval.unsent == 0 || retrieval.unsent - 1 <= live.precedes)
+        return true;
+    std::uint64_t sent = retrieval.unsent - 1 - live.precedes;
+    const bool skipped = ima_events_skip(live.log, sent);
+    live.precedes += sent;
+    return skipped;
 }
 
 // Goes to where the reading begins. False: there is nothing to report from there.
 bool go_to_start(const ima_retrieval &retrieval, const live_start &start, live_state &live)
 {
-    live.precedes = start.offset != 0 ? start.precedes : retrieval.start_event;
-    if (start.offset != 0 ? ima_events_seek(live.log, start.offset, start.precedes)
-                          : ima_events_skip(live.log, live.precedes))
-        return true;
-    attest_trace_as(OPERATION, "No events to report based on start event filter %lu", live.precedes);
-    return false;
+    bool there = false;
+    if (start.offset != 0) {
+        live.precedes = start.precedes;
+        there =
+            ima_events_seek(live.log, start.offset, start.precedes) && skip_what_was_sent(retrieval, live);
+    } else {
+        live.precedes = retrieval.unsent != 0 ? retrieval.unsent - 1 : retrieval.start_event;
+        there = ima_events_skip(live.log, live.precedes);
+    }
+    if (!there)
+        attest_trace_as(OPERATION, "No events to report based on start event filter %lu", live.precedes);
+    return there;
 }
 
 // Room for one more chunk: the array grows, or the chunk that is held makes place by being sent.
@@ -98,7 +115,7 @@ void offer_to_cache(const ima_retrieval &retrieval, live_state &live)
     if (result != 1) {
         attest_trace_as(OPERATION, "Failed to add chunk starting at %lu to cache %d ", live.chunk_first,
                         result);
-        live.caching = result != 0 ? result : 1; // a chunk that the cache has already stops nothing
+        live.caching = result == 0; // a chunk that the cache has already stops nothing
     }
     live.chunk_first += MAX_IMA_EVENTS;
     live.chunk_offset = behind;

@@ -7,7 +7,7 @@
 
 // Where the reading begins.
 struct live_start {
-    std::uint64_t offset = 0;   // in the list; 0: at its beginning, behind the start event
+    std::uint64_t offset = 0;   // in the list; 0: from its beginning, skipping up to the start event
     std::uint64_t precedes = 0; // the number of the event before that offset
 };
 

@@ -50,21 +50,18 @@ bool continue_at_tail(ima_retrieval &retrieval, live_start &start)
 }
 
 // After a cache that could not be read on: the list is read from the block that holds the event, or from the
-// end of the cache. The offset of a block is that of the event with the number that comes with it, the end's
-// is behind it.
+// end of the cache. The number that comes with a block's offset is that of the event there, the one that
+// comes with the end's is that of the cache's last event: all chunks are full, so they differ in their last
+// digits.
 bool continue_at_block(ima_retrieval &retrieval, std::uint64_t event, live_start &start)
 {
-    std::uint64_t tail_offset = 0;
-    std::uint64_t last_event = 0;
-    if (at_ima_cache_find_file_offset(event, &start.precedes, &start.offset) != 1 ||
-        at_ima_cache_get_last_offset(&tail_offset, &last_event) != 1) {
+    if (at_ima_cache_find_file_offset(event, &start.precedes, &start.offset) != 1) {
         attest_trace_as(OPERATION, "Unable to find file offset for %lu",
                         retrieval.cached_events + retrieval.start_event);
         retrieval.status = ATTEST_ERR_SERVICE_FAILED;
         return false;
     }
-    bool is_tail = start.offset == tail_offset && start.precedes == last_event;
-    if (!is_tail && start.precedes != 0)
+    if (start.precedes % MAX_IMA_EVENTS != 0)
         --start.precedes;
     return true;
 }
@@ -78,6 +75,8 @@ bool serve_from_cache(ima_retrieval &retrieval, live_start &start)
         retrieval.events.clear();
         return false;
     }
+    if (phase.last_served != 0 && retrieval.status == ATTEST_OK)
+        retrieval.unsent = phase.last_served + 1;
     attest_trace_as(OPERATION, "Read %lu events from the cache %d", retrieval.cached_events, phase.result);
     if (phase.result < 0)
         return continue_at_block(retrieval, phase.last_event, start);
@@ -115,7 +114,7 @@ std::uint32_t finish(ima_retrieval &retrieval)
 
 std::uint32_t attestation_get_local_ima_event_logs(std::uint64_t start_event, std::uint64_t event_count,
                                                    NodeIMAData *record, remote_attestation_api_client client,
-                                                   std::uint32_t request_id, int stream)
+                                                   std::uint32_t request_id, int stream, std::uint64_t unsent)
 {
     ima_retrieval retrieval{.start_event = start_event,
                             .event_count = event_count,
@@ -123,6 +122,7 @@ std::uint32_t attestation_get_local_ima_event_logs(std::uint64_t start_event, st
                             .client = client,
                             .request_id = request_id,
                             .stream = stream != 0,
+                            .unsent = unsent,
                             .status = ATTEST_OK,
                             .events = {},
                             .cached_events = 0,

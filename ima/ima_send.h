@@ -11,7 +11,7 @@ enum class send_place : std::uint8_t { first_cache_chunk, further_cache_chunk, l
 struct send_position {
     // That count against the request's limit: of the cache those sent before, of the live list all that were
     // read, these included.
-    std::uint64_t events_before;
+    std::uint64_t events_counted;
     bool cached; // the live chunk is in the cache now
 };
 

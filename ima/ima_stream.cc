@@ -11,7 +11,7 @@ std::int32_t at_ima_stream_pause(remote_attestation_api_client client, std::uint
         attest_trace("IMA request pending with %u, giving up on id %u\n", slot.request_id, request_id);
         return 0;
     }
-    slot = {1, client, request_id, start_event, event_count};
+    slot = {1, client, request_id, start_event, event_count, 0};
     return 1;
 }
 

@@ -5,9 +5,9 @@
 #include "agent/agent_state.h"
 #include "agent/debug_trace.h"
 
-// The usage begins in KiB and grows by bytes: the peak counts for little against the limit, what this
-// retrieval adds for all of it. The limit guards against one request that would not fit, not against a large
-// process.
+// The usage begins with the peak as a number of KiB, on purpose, and grows by bytes: so the peak counts for
+// little against the limit and what this retrieval adds for all of it. The limit guards against one request
+// that would not fit, not against a large process.
 bool memory_allows(ima_retrieval &retrieval, const char *operation, std::uint64_t usage, std::uint64_t chunks)
 {
     if (at_soft_data_limit - usage >= chunks * CHUNK_BYTES)

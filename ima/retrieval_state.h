@@ -17,6 +17,7 @@ struct ima_retrieval {
     const std::uint32_t request_id;
     const bool stream;
 
+    std::uint64_t unsent; // the first event that the client does not have; 0: by the start event
     std::uint32_t status = ATTEST_OK;
     event_array events;              // held: for the answer, or for the stream's next message
     std::uint64_t cached_events = 0; // read from the cache

@@ -198,6 +198,7 @@ TEST_F(handlers, RefusedFinalMessageWaitsAndGoesOnFromItsFirstEvent)
     EXPECT_TRUE(trace_has("at_ima_stream_resume(): IMA resuming paused flow id 6\n"));
     EXPECT_EQ(now.user_context, 0U);
     EXPECT_EQ(now.start_event, 3001U);
+    EXPECT_EQ(now.unsent, 3001U);
     EXPECT_EQ(now.event_count, 0U);
     EXPECT_EQ(now.sent.back().request_id, 6U);
     EXPECT_EQ(now.sent.back().last, 1);

@@ -80,10 +80,11 @@ std::uint32_t get_platform_hw_integrity_local(const get_platform_hw_integrity_re
 }
 std::uint32_t attestation_get_local_ima_event_logs(std::uint64_t start_event, std::uint64_t event_count,
                                                    NodeIMAData *record, remote_attestation_api_client,
-                                                   std::uint32_t, int stream)
+                                                   std::uint32_t, int stream, std::uint64_t unsent)
 {
     now.start_event = start_event;
     now.event_count = event_count;
+    now.unsent = unsent;
     now.stream = stream;
     source("local", 0, record);
     if (now.stream_events != 0) {

@@ -31,6 +31,7 @@ struct script {
     std::vector<sent_message> sent;
     std::uint64_t start_event = 0;
     std::uint64_t event_count = 0;
+    std::uint64_t unsent = 0;
     int stream = -1;
     std::uint64_t user_context = 0;
     int buffering = -1;
