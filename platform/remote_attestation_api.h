@@ -13,11 +13,18 @@
 using remote_attestation_api_client = std::uint64_t;
 struct remote_attestation_api_server;
 
-// What a send returns besides 0.
-inline constexpr std::int32_t REMOTE_ATTESTATION_API_FLOW_CLOSED = -3; // not sent: the client's queue is full
-inline constexpr std::int32_t REMOTE_ATTESTATION_API_NO_CLIENT = -4;   // the client or the request is gone
-inline constexpr std::int32_t REMOTE_ATTESTATION_API_NOT_SENT = -5;    // the message cannot be encoded
+// What a send returns besides 0; nothing was sent then.
+//
+// The client's queue is full. A one-shot call has ended with RESOURCE_EXHAUSTED. A stream waits: when there
+// is room the flow-resume callback comes, and a stream that sends nothing in it ends with ABORTED.
+inline constexpr std::int32_t REMOTE_ATTESTATION_API_FLOW_CLOSED = -3;
+// The client or the request is gone.
+inline constexpr std::int32_t REMOTE_ATTESTATION_API_NO_CLIENT = -4;
+// The message cannot be encoded, there is no memory for it, or too much waits for other clients. The call has
+// ended with an error that says which.
+inline constexpr std::int32_t REMOTE_ATTESTATION_API_NOT_SENT = -5;
 
+// With client 0 and a status: a connection that could not be taken.
 using remote_attestation_api_connect_callback = void (*)(remote_attestation_api_client, void *ignored,
                                                          std::uint32_t status);
 using remote_attestation_api_disconnect_callback = void (*)(remote_attestation_api_client,

@@ -24,12 +24,11 @@ bool encode(const message_descriptor &descriptor, const void *message, rpc_messa
     return length == static_cast<std::int64_t>(encoded->size);
 }
 
-// Whether the answer is a large one of those that were not held back while the queues are full, because they
-// are small where nobody lies: a management controller's may have any size.
+// Whether the message is a large one of a call that was not held back while the queues are full, because its
+// messages are small where nobody lies: a management controller's may have any size.
 bool is_too_much(const remote_attestation_api_server &server, const rpc_method &method, std::uint64_t size)
 {
-    return method.kind == rpc_method_kind::answer && !method.whole_log &&
-           size >= server.limits.large_message_bytes &&
+    return !method.whole_log && size >= server.limits.large_message_bytes &&
            rpc_connections_queued(server) > server.limits.all_queues_bytes;
 }
 
@@ -55,7 +54,7 @@ std::int32_t send_message(remote_attestation_api_client client, const message_de
         return refused;
     if (!encode(descriptor, message, &encoded)) {
         rpc_call_give_room_back(*call, encoded.cost);
-        rpc_call_end(*call, rpc_code::resource_exhausted, TOO_LARGE);
+        rpc_call_end(*call, rpc_code::resource_exhausted, "no memory for the answer; ask again");
         return REMOTE_ATTESTATION_API_NOT_SENT;
     }
     return rpc_call_send(*call, std::move(encoded), last);

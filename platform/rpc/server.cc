@@ -142,7 +142,7 @@ void stop(remote_attestation_api_server &server)
     server.grpc.reset();
     if (server.shared == nullptr)
         return;
-    std::vector<rpc_event> dropped;
+    std::deque<rpc_event> dropped;
     const std::lock_guard guard(server.shared->lock);
     server.shared->closed = true;
     dropped.swap(server.shared->inbox);
@@ -155,17 +155,21 @@ void rpc_server_read_inbox(void *context)
     remote_attestation_api_server *server = find_server(reinterpret_cast<std::uint64_t>(context));
     if (server == nullptr || server->shared == nullptr)
         return;
-    const std::shared_ptr<rpc_shared> shared = server->shared;
-    std::vector<rpc_event> events;
+    rpc_shared &shared = *server->shared;
+    rpc_event event{};
     {
-        const std::lock_guard guard(shared->lock);
-        events.swap(shared->inbox);
-        shared->posted = false;
+        const std::lock_guard guard(shared.lock);
+        shared.posted = false;
+        if (shared.inbox.empty())
+            return;
+        event = std::move(shared.inbox.front());
+        shared.inbox.pop_front();
+        if (!shared.inbox.empty()) {
+            shared.posted = true;
+            levm_post(shared.manager, rpc_server_read_inbox, context);
+        }
     }
-    for (const rpc_event &event : events) {
-        if (server->shared == shared) // a callback may have deactivated the server
-            handle_or_close(*server, event);
-    }
+    handle_or_close(*server, event);
 }
 
 void rpc_server_set_limits(remote_attestation_api_server *server, const rpc_limits &limits)
@@ -185,13 +189,16 @@ std::uint32_t remote_attestation_api_server_handle_create(remote_attestation_api
     *server = nullptr;
     if (manager == nullptr)
         return platform_status_from_errno(EINVAL);
-    *server = new (std::nothrow) remote_attestation_api_server;
-    if (*server == nullptr)
+    try {
+        auto made = std::make_unique<remote_attestation_api_server>();
+        made->number = ++last_number;
+        made->manager = manager;
+        all_servers[made->number] = made.get();
+        *server = made.release();
+        return 0;
+    } catch (const std::bad_alloc &) {
         return platform_status_from_errno(ENOMEM);
-    (*server)->number = ++last_number;
-    (*server)->manager = manager;
-    all_servers[(*server)->number] = *server;
-    return 0;
+    }
 }
 
 std::uint32_t remote_attestation_api_server_activate(remote_attestation_api_server *server,
@@ -201,7 +208,11 @@ std::uint32_t remote_attestation_api_server_activate(remote_attestation_api_serv
         return platform_status_from_errno(EINVAL);
     if (server->listener)
         return platform_status_from_errno(EALREADY);
-    const std::uint32_t status = start(*server, parameters);
+    std::uint32_t status = platform_status_from_errno(ENOMEM);
+    try {
+        status = start(*server, parameters);
+    } catch (const std::bad_alloc &) { // that status
+    }
     if (status != 0)
         remote_attestation_api_server_deactivate(server);
     return status;

@@ -111,7 +111,7 @@ struct rpc_shared {
     std::mutex lock;
     bool closed = false;                                                  // events are dropped
     std::unordered_map<std::uint64_t, std::shared_ptr<rpc_client>> peers; // by rpc_peer_key
-    std::vector<rpc_event> inbox;
+    std::deque<rpc_event> inbox;
     bool posted = false;
     std::shared_ptr<const rpc_allow_list> allow; // null: every client may ask for everything
 

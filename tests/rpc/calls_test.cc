@@ -1,6 +1,8 @@
 // Calls through a standard gRPC client: operations, bad requests, who is served.
 #include <cstdlib>
+#include <future>
 
+#include "platform/rpc/server.h"
 #include "platform/status.h"
 #include "tests/rpc/calls_fixture.h"
 #include "tests/rpc/tls_files.h"
@@ -231,6 +233,37 @@ TEST_F(Calls, ACallWhoseRequestNeverComesEndsItsConnection)
     EXPECT_TRUE(node.wait_count("disconnect", 1));
     EXPECT_EQ(node.order(), "connect disconnect");
     EXPECT_FALSE(call.finish().ok());
+}
+
+TEST_F(Calls, RequestsThatCameTogetherLeaveTheLoopItsTurns)
+{
+    levm_watch_ptr timer;
+    node.on_certificate = [&](auto client, const auto &, auto id) {
+        if (timer == nullptr) { // the first one ends when the two others wait, and the timer is due
+            timer.reset(levm_watch_timer(
+                node.manager, 0,
+                [](void *harness) { static_cast<server_harness *>(harness)->tell("timer", 0, 0); }, &node));
+            rpc_shared &shared = *node.server->shared;
+            EXPECT_TRUE(node.wait([&shared] {
+                const std::lock_guard guard(shared.lock);
+                return shared.inbox.size() == 2;
+            }));
+        }
+        const get_certificate_response response{};
+        remote_attestation_api_get_certificate_Resp(client, &response, 1, 0, id);
+    };
+    serve();
+    std::vector<std::future<grpc::Status>> answers;
+    for (int i = 0; i < 3; ++i)
+        answers.push_back(std::async(std::launch::async, [this] {
+            grpc::ClientContext context;
+            api::get_certificate_response response;
+            return stub->GetCertificate(&context, {}, &response);
+        }));
+    for (auto &answer : answers)
+        EXPECT_TRUE(answer.get().ok());
+    EXPECT_LT(node.order().find("timer"), node.order().rfind("certificate")) << node.order();
+    node.on_loop([&timer] { timer.reset(); });
 }
 
 TEST_F(Calls, MoreCallsThanAConnectionMayHaveWaitAtTheClient)

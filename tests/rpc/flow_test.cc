@@ -259,6 +259,14 @@ TEST_F(Flow, RequestsForWholeLogsWaitWhileAllQueuesTogetherAreFull)
     EXPECT_EQ(node.count("boot_log"), 0u) << "the request waits";
     node.on_loop([&] { quote_size = 2 * MIB; });
     EXPECT_EQ(ask_hw(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+    node.on_loop([this] {
+        node.on_stream = [](auto who, const auto &, auto id) { // as with a management controller's list
+            EXPECT_EQ(send_stream(who, id, 0, 2 * MIB, false), REMOTE_ATTESTATION_API_NOT_SENT);
+        };
+    });
+    grpc::ClientContext context;
+    EXPECT_EQ(stub->StreamPlatformImaEventLogs(&context, {})->Finish().error_code(),
+              grpc::StatusCode::RESOURCE_EXHAUSTED);
     stream->context.TryCancel();
     EXPECT_EQ(answer.get(), grpc::StatusCode::OK);
     EXPECT_TRUE(
