@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,16 +18,35 @@ unique_fd open_file(const char *path, int flags, mode_t mode)
     return file;
 }
 
+namespace {
+
+// A directory, full or empty, can be renamed where it cannot be removed. Nobody can guess the new name and
+// lay something there, too.
+void put_aside(const char *name)
+{
+    std::uint64_t number = 0;
+    if (getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number))
+        return;
+    std::array<char, 128> path{};
+    std::array<char, 160> aside{};
+    std::snprintf(path.data(), path.size(), "/dev/shm/%s", name);
+    std::snprintf(aside.data(), aside.size(), "%s.foreign.%016lx", path.data(), number);
+    std::rename(path.data(), aside.data());
+}
+
+} // namespace
+
 unique_fd open_own_object(const char *name, int more_flags, mode_t mode)
 {
     unique_fd object(shm_open(name, O_RDWR | more_flags, mode));
     struct stat state {};
     bool foreign =
         object ? fstat(object.get(), &state) != 0 || !S_ISREG(state.st_mode) || state.st_uid != geteuid()
-               : errno == EACCES || errno == ELOOP || errno == ENXIO;
+               : errno == EACCES || errno == ELOOP || errno == ENXIO || errno == EINVAL; // for a directory
     if (foreign) {
         object.reset();
-        shm_unlink(name);
+        if (shm_unlink(name) != 0)
+            put_aside(name);
     }
     return object;
 }

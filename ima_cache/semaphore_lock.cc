@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include <unistd.h>
 
 #include "agent/debug_trace.h"
 #include "ima_cache/file_io.h"
@@ -47,6 +48,28 @@ int create_set(const char *operation, key_t key)
     return semid;
 }
 
+bool is_own(int semid, semid_ds &about)
+{
+    return semctl(semid, 0, IPC_STAT, &about) == 0 && about.sem_perm.uid == geteuid();
+}
+
+// Any user can lay a set of any length under a key.
+void remove_foreign_set(key_t key)
+{
+    semid_ds about{};
+    if (int semid = semget(key, 0, 0); semid >= 0 && !is_own(semid, about))
+        semctl(semid, 0, IPC_RMID);
+}
+
+bool keep_from_others(int semid)
+{
+    semid_ds about{};
+    if (!is_own(semid, about))
+        return false;
+    about.sem_perm.mode = 0600;
+    return semctl(semid, 0, IPC_SET, &about) == 0;
+}
+
 } // namespace
 
 int at_sem_rdlock(int semid)
@@ -77,9 +100,14 @@ int at_sem_wrunlock(int semid)
 
 int at_sem_get(const char *operation, key_t key)
 {
+    remove_foreign_set(key);
     int semid = semget(key, SEM_COUNT, SEM_MODE);
     if (semid < 0)
         semid = create_set(operation, key);
+    if (semid >= 0 && !keep_from_others(semid)) {
+        attest_trace_as(operation, "the semaphores are another user's\n");
+        return -1;
+    }
     if (semid >= 0)
         attest_trace_as(operation, "create_shmht: The id of the semaphore is: %d\n", semid);
     return semid;

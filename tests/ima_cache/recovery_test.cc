@@ -336,6 +336,35 @@ TEST_F(Recovery, TakesNoObjectOfAnotherUsers)
     append(1);
     expect_events(1000);
     EXPECT_FALSE(fs::exists("/tmp/elsewhere"));
+    fs::remove(IMA_CACHE_META_PATH);
+    fs::create_directories(fs::path(IMA_CACHE_META_PATH) / "not_empty");
+    ASSERT_EQ(restart(), 1);
+    append(1);
+    expect_events(1000);
+}
+
+TEST_F(Recovery, LeavesItsSemaphoresToNoOtherUser)
+{
+    const auto state = [] {
+        semid_ds about{};
+        EXPECT_EQ(semctl(ima_cache_ctx.semid, 0, IPC_STAT, &about), 0);
+        return about;
+    };
+    EXPECT_EQ(state().sem_perm.mode & 077, 0);
+    const std::uint64_t events = ima_cache_ctx.meta->last_event;
+    const key_t key = ftok(IMA_CACHE_META_PATH, SEM_PROJECT);
+    for (int length : {SEM_COUNT, 1}) {
+        ASSERT_EQ(semctl(ima_cache_ctx.semid, 0, IPC_RMID), 0);
+        const int foreign = semget(key, length, IPC_CREAT | 0666);
+        semid_ds about{};
+        ASSERT_EQ(semctl(foreign, 0, IPC_STAT, &about), 0);
+        about.sem_perm.uid = 1;
+        if (semctl(foreign, 0, IPC_SET, &about) != 0)
+            GTEST_SKIP() << "no other users here";
+        ASSERT_EQ(restart(), 1) << length;
+        EXPECT_EQ(state().sem_perm.uid, geteuid());
+        expect_events(events);
+    }
 }
 
 // ---- the first start of a boot ----
