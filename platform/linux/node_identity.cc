@@ -42,6 +42,10 @@ std::uint32_t host_name(char *buffer, std::size_t size)
     std::string_view text(name.data(), strnlen(name.data(), name.size()));
     if (text.empty())
         return refuse_setting("ATTEST_NODE_NAME", "is not set, and this host has no name", ENODATA);
+    if (!printable_ascii(text)) // it goes into messages as a text
+        return refuse_setting("ATTEST_NODE_NAME",
+                              "is not set, and this host's name has bytes other than printable ASCII",
+                              EINVAL);
     copy_text(buffer, text.substr(0, size - 1));
     return 0;
 }

@@ -1,8 +1,10 @@
 #include <cerrno>
 #include <cstdlib>
+#include <sched.h>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -60,6 +62,29 @@ TEST_F(node_identity_test, HostNameIsCutToFit)
     EXPECT_STREQ(buffer, host);
     ASSERT_EQ(platform_get_node_name(buffer, 3), 0u);
     EXPECT_EQ(buffer, std::string(host).substr(0, 2));
+}
+
+TEST_F(node_identity_test, AHostNameThatIsNoTextIsRefused)
+{
+    const auto refused = [] {
+        char buffer[32] = "left over";
+        if (unshare(geteuid() == 0 ? CLONE_NEWUTS : CLONE_NEWUTS | CLONE_NEWUSER) != 0)
+            return 2;
+        if (sethostname("n\xF6"
+                        "de",
+                        4) != 0)
+            return 2;
+        return platform_get_node_name(buffer, sizeof buffer) == INVALID && buffer[0] == '\0' ? 0 : 1;
+    };
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0)
+        _exit(refused());
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    if (WEXITSTATUS(status) == 2)
+        GTEST_SKIP() << "no host name of its own here";
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(node_identity_test, IdIsADecimalNumberOf32Bits)
