@@ -67,7 +67,8 @@ constexpr two_source_operation<get_platform_ima_event_logs_request, NodeIMAData,
         .send = remote_attestation_api_get_platform_ima_event_logs_Resp,
 };
 
-// An answer whose flags are set says that every source was asked; they are set in every one of these answers.
+// Flags that are set say that every source was asked. They are set in every one of these answers, also in
+// that to a nonce that is refused, for which no source is asked.
 template <class Response>
 Response response_with_flags()
 {
@@ -160,13 +161,13 @@ void get_platform_hw_integrity(client_handle client, const get_platform_hw_integ
     attest_trace("Attestation agent:hw integrity request id %d\n", static_cast<int>(request_id));
     get_platform_hw_integrity_response response = {};
     nonce_buffer nonce;
-    malloc_ptr<tpm_hw_integrity> records;
+    // The node's, the BMC's and the cards'.
+    malloc_ptr<tpm_hw_integrity> records(
+        static_cast<tpm_hw_integrity *>(std::calloc(get_max_cpuless_cards() + 2, sizeof(tpm_hw_integrity))));
     std::uint8_t count = 0;
     if (!echo_nonce(*request, response, nonce, true)) {
         trace_no_data(__func__, ATTEST_ERR_INVALID_PARAM);
-    } else if (records.reset(static_cast<tpm_hw_integrity *>(
-                   std::calloc(get_max_cpuless_cards() + 2, sizeof(tpm_hw_integrity))));
-               records == nullptr) {
+    } else if (records == nullptr) {
         attest_trace("No memory");
     } else {
         std::uint32_t local_status = ATTEST_OK;

@@ -81,6 +81,7 @@ int main(int argc, char **argv)
     std::snprintf(service_instance, sizeof service_instance, "rat_agent_%s", node_name);
     attestation_agent_server_start(at_event_manager, service_instance);
 
+    // Also after a start that failed: the message has told why, and the end is an orderly one.
     attest_trace("exited from levm_block()\n");
     if (at_server_handle != nullptr) {
         remote_attestation_api_server_deactivate(at_server_handle);

@@ -1,10 +1,9 @@
 #include "agent/signals.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 
 #include "agent/debug_trace.h"

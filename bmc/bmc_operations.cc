@@ -27,6 +27,7 @@ struct relayed_operation {
 
 enum : std::size_t { BOOT_LOG, PCRS, IMA_LOG, CERTIFICATES, HW_INTEGRITY };
 
+// The sizes are those of the BMC firmware's request messages: no longer request is relayed.
 constexpr relayed_operation operations[] = {
     {"attestation_get_bmc_sb_event_logs", 1, 262,
      message_descriptor_of<get_platform_boot_integrity_event_logs_request>,

@@ -64,10 +64,11 @@ int read_file(const char *path, std::byte **buffer, std::uint64_t *size)
         attest_trace_as("read_file", "Could not allocate %u bytes to read %s\n", capacity, path);
         return false;
     };
-    // A file beyond the counters is reported as the doubling that they cannot hold.
+    // A file that is too large for the counters fails as if it had been read, with the last doubling's line.
     if (!grow_to(known_too_large(file.get()) ? 2 * MAX_CAPACITY : SPARE))
         return -1;
-    // Each read takes all the room there is; the buffer doubles where it would in reads of 1024 bytes.
+    // Each read takes all the room; the buffer still doubles at the sizes at which reads of 1024 bytes would
+    // double it.
     while (std::size_t count = std::fread(data.bytes.get() + data.used, 1,
                                           static_cast<std::size_t>(data.capacity - data.used), file.get())) {
         data.used += static_cast<std::int32_t>(count);

@@ -1,9 +1,10 @@
 // Appending a chunk.
 //
-// The order of writes: chunk, header, hash, (a full block: current block, cut, header, hash, immutable flag),
-// then the metadata. A death at any point leaves a chunk behind used_len that counts nowhere, or a block that
-// does not verify, or a chunk that the next start counts. A failure puts the block back as it was; where that
-// fails too, the metadata are behind and are derived from the blocks before anything uses them again.
+// The order of writes: the chunk; header and hash, or for a chunk that fills its block the metadata's current
+// block, the cut to size, header and hash, the immutable flag; last the metadata's counts. A death at any
+// point leaves a chunk behind used_len that counts nowhere, or a block that does not verify, or a chunk that
+// the next start counts. A failure puts the block back as it was; where that fails too, the metadata are
+// behind and are derived from the blocks before anything uses them again.
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>

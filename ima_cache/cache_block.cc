@@ -16,7 +16,7 @@
 
 namespace {
 
-// Under the write lock.
+// Takes the write lock.
 bool advance_current_block(std::uint8_t index)
 {
     if (index + 1u >= IMA_CACHE_MAX_BLOCKS)

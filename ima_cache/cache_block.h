@@ -22,10 +22,11 @@ std::int32_t update_cache_block_hdr(int fd, cache_block_hdr *header, std::uint8_
 // A sealed block is not to be deleted by mistake. Where the file system has no such flag, it stays as it is.
 void make_immutable(int fd);
 
-// Seals a full block; the next one becomes the current block, except behind the last.
-void block_end(std::uint8_t index, int fd, cache_block_hdr *header);
-// The same; false when the block or the metadata could not be written, and then the metadata are behind.
+// Seals a full block; the next one becomes the current block, except behind the last. False when the block or
+// the metadata could not be written, and then the metadata are behind.
 bool seal_block(std::uint8_t index, int fd, cache_block_hdr *header);
+// The same, for who looks at the metadata anyway.
+void block_end(std::uint8_t index, int fd, cache_block_hdr *header);
 
 // Deletes a file, also a sealed block, or an empty directory.
 void remove_block(const char *path);

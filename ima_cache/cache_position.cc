@@ -1,5 +1,5 @@
-// Where the cache ends, and where in the kernel's list its blocks begin. Metadata that cannot follow the
-// blocks now name true places of the kernel's list all the same.
+// Where the cache ends, and where in the kernel's list its blocks begin. Metadata that cannot be brought up
+// to date still name true, only earlier, places of the list: that failure is ignored here.
 #include "ima_cache/cache_context.h"
 #include "ima_cache/ima_cache.h"
 

@@ -7,8 +7,8 @@
 #include <cstring>
 #include <span>
 
-constexpr std::uint64_t MURMUR_MULTIPLIER = 0xc6a4a7935bd1e995;
-constexpr int MURMUR_SHIFT = 47;
+inline constexpr std::uint64_t MURMUR_MULTIPLIER = 0xc6a4a7935bd1e995;
+inline constexpr int MURMUR_SHIFT = 47;
 
 inline std::uint64_t murmur_hash_64a(std::span<const std::byte> key, std::uint64_t seed)
 {

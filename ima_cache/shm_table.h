@@ -25,9 +25,9 @@ struct shmht_handle {
 // Requests above this many entries are refused.
 inline constexpr std::uint64_t SHMHT_REQUEST_MAX = 0x40000000;
 
-// Opens the table in the POSIX shared-memory object `name`, or sets it up with more than `requested_entries`
-// buckets: as many as take less than a quarter of the free space of the file system of `path`, an existing
-// file (the object's own, as a rule) that also is the key file of the semaphore set.
+// Opens the table in the POSIX shared-memory object `name`, or sets it up: with the smallest of `shmht_sizes`
+// above `requested_entries`, or the next smaller one that takes less than a quarter of the free space of the
+// file system of `path`. That existing file (the object's own, as a rule) is the semaphore set's key, too.
 //
 // A whole table that is there already keeps its size and its entries; an object that is anything else is
 // cleared and set up anew. A new handle; or null, with a trace line that says what failed.

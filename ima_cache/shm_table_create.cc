@@ -64,9 +64,10 @@ std::optional<std::uint64_t> stored_bucket_count(int file, std::uint64_t object_
     return header.bucket_count;
 }
 
-// The index of the largest size that suits both the request and the free space.
+// The index of the size that the request asks for, or of the next smaller one that the free space allows.
 std::optional<std::size_t> choose_size(std::uint64_t requested_entries, const char *path)
 {
+    // SHMHT_REQUEST_MAX lies below the last size, so this is never the end.
     const auto *size = std::ranges::upper_bound(shmht_sizes, requested_entries);
     struct statvfs space {};
     if (statvfs(path, &space) == 0) {

@@ -10,7 +10,7 @@
 struct levm;
 struct levm_watch;
 
-// A new event manager, or null. `name` and `options` (0) are for the trace of the platform.
+// A new event manager, or null. `name` is for the operator's line when that fails; `options` is 0.
 levm *levm_create(const char *name, std::uint32_t options);
 
 // Runs the loop on the calling thread until levm_stop. Feeds the service watchdog where one is asked for.

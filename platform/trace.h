@@ -19,9 +19,10 @@ struct trace_flag {
 // What a call site's state word holds before its first line.
 inline constexpr std::uint32_t TRACE_SITE_INIT = 0xFFFFFFFF;
 
-// Opens (creates, or continues that of an earlier process) the buffer `name` of `size` bytes; `options` is 0.
-// Sets *buffer, and leaves it null on failure. A buffer that another live process writes is refused (EBUSY).
-// 0, or a platform status.
+// Opens (creates, or continues that of an earlier process) the buffer `name` (1 to 64 letters, digits, "_" or
+// "-") of `size` bytes, a power of two from 64 KiB to 1 GiB; `options` is 0. Sets *buffer, and leaves it null
+// on failure. 0, or a platform status: EINVAL's for other arguments, EBUSY's for a buffer that another live
+// process writes.
 std::uint32_t trace_buffer_init(trace_buffer **buffer, const char *name, std::uint32_t options,
                                 std::size_t size);
 

@@ -25,7 +25,7 @@ std::uint32_t collect(kovc_session *session, const attest_pcr_request &request, 
                       NodePCRData &record)
 {
     message_release(record);
-    // The module's interface counts the PCRs of a request in eight bits.
+    // Eight bits, as the contract has it: of a request for more than 255 the rest of its count.
     auto count = static_cast<std::uint8_t>(request.pcr_indices.count);
     record.pcrs = {allocate_items<PCR_DUMP>(count), count};
     if (record.pcrs.items == nullptr) {

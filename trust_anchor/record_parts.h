@@ -3,7 +3,7 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
+#include <cstdlib>
 
 #include "agent/status.h"
 #include "platform/messages.h"

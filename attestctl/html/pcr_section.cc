@@ -44,13 +44,10 @@ replayed_pcr replayed_by_ima(const ima_list &list, const ima_pcr &pcr, const std
 // PCR 15 is the extension by the recorded digests of the hardware; empty: they did not come in this bank.
 replayed_pcr replayed_by_hardware(const api::tpm_hw_integrity *record, const hash_algorithm &bank)
 {
-    std::string digests;
     if (record == nullptr || record->uid_digests_db0().empty() ||
         record->uid_digests_db0(0).digest().size() != bank.size)
         return {};
-    for (const api::UID_DIGEST &one : record->uid_digests_db0())
-        digests += one.digest();
-    return {digest_of(bank, {std::string(bank.size, '\0'), digest_of(bank, {digests})}),
+    return {reference_pcr_value(*record, bank),
             "recorded hardware, " +
                 counted(static_cast<std::uint64_t>(record->uid_digests_db0_size()), "chip")};
 }

@@ -79,7 +79,7 @@ pcr_replay reset_values(const hash_algorithm &bank)
 {
     pcr_replay state;
     for (std::uint32_t i = 0; i < PCR_COUNT; ++i)
-        state.values[i].assign(bank.size, i >= 17 && i <= 22 ? '\xff' : '\0');
+        state.values[i].assign(bank.size, static_cast<char>(pcr_reset_byte(i)));
     return state;
 }
 

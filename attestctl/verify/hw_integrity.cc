@@ -68,17 +68,22 @@ finding check_binding(const api::tpm_hw_integrity &record, const hash_algorithm 
     const std::string *value = value_of(record.pcrs(), REFERENCE_PCR);
     if (value == nullptr)
         return failed("there is no value of PCR 15");
-    std::string digests;
-    for (const api::UID_DIGEST &one : record.uid_digests_db0())
-        digests += one.digest();
-    const std::string extension = digest_of(bank, {digests});
-    const std::string expected = digest_of(bank, {std::string(bank.size, '\0'), extension});
-    return !extension.empty() && *value == expected
+    const std::string expected = reference_pcr_value(record, bank);
+    return !expected.empty() && *value == expected
                ? passed("PCR 15 was extended by the recorded list alone")
                : failed("PCR 15 is not the extension by the recorded list");
 }
 
 } // namespace
+
+std::string reference_pcr_value(const api::tpm_hw_integrity &record, const hash_algorithm &bank)
+{
+    std::string digests;
+    for (const api::UID_DIGEST &one : record.uid_digests_db0())
+        digests += one.digest();
+    const std::string extension = digest_of(bank, {digests});
+    return extension.empty() ? extension : digest_of(bank, {std::string(bank.size, '\0'), extension});
+}
 
 void check_hw_integrity(check_list &list, const api::tpm_hw_integrity &record, const hash_algorithm &bank)
 {

@@ -143,7 +143,7 @@ void begin_list(ima_list &list, const std::string &source, const api::attest_pcr
                                      [&](const api::NodePCRData &one) { return one.node_name() == source; });
     for (std::uint32_t i = 0; i < list.pcrs.size(); ++i) {
         ima_pcr &pcr = list.pcrs[i];
-        pcr.native.fill(i >= 17 && i <= 22 ? 0xff : 0);
+        pcr.native.fill(pcr_reset_byte(i));
         pcr.padded = pcr.native;
         pcr.quoted = record != quotes.node_data().end() ? value_of(record->pcrs(), i) : nullptr;
     }

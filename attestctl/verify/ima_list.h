@@ -29,7 +29,8 @@ struct ima_position {
     std::vector<pcr> pcrs;   // PCR 10 is always among them
 };
 
-// From where on lists are replayed: after the positions of the sources that have one, else from the begin.
+// From where on lists are replayed: after the positions of the sources that have one, otherwise from the
+// beginning.
 struct ima_start {
     std::uint64_t asked_after = 0; // of the request: what came begins at most 1000 events before the next one
     std::map<std::string, ima_position> positions;

@@ -58,15 +58,17 @@ std::uint64_t writer_word(std::size_t length, bool cut)
 {
     if (thread_id == 0)
         thread_id = static_cast<std::uint32_t>(gettid());
-    return trace_writer_word(process_id.load(std::memory_order_relaxed), thread_id, length, cut);
+    return trace_writer_word({process_id.load(std::memory_order_relaxed), thread_id, length, cut});
 }
 
 // ---- the ring ----
 
 std::string ring_file_name(const char *buffer_name)
 {
-    return std::string("trace-") + buffer_name;
+    return std::string(TRACE_RING_FILE_PREFIX) + buffer_name;
 }
+
+constexpr std::size_t BUFFER_NAME_MAX = 64;
 
 bool plain_name(std::string_view name, std::size_t longest)
 {
@@ -77,12 +79,7 @@ bool plain_name(std::string_view name, std::size_t longest)
 
 bool recognise_ring(const void *memory, std::size_t size)
 {
-    const auto *header = static_cast<const trace_ring_header *>(memory);
-    std::uint64_t head = header->head.load();
-    return header->magic == TRACE_RING_MAGIC && header->version == TRACE_RING_VERSION &&
-           header->header_size == TRACE_RING_HEADER_SIZE &&
-           header->data_size == size - TRACE_RING_HEADER_SIZE && head % TRACE_CELL_SIZE == 0 &&
-           head >= header->data_size && head < TRACE_POSITION_END / 2;
+    return trace_ring_recognised(*static_cast<const trace_ring_header *>(memory), size);
 }
 
 void initialise_ring(trace_ring_header &header, std::size_t data_size)
@@ -269,7 +266,7 @@ std::uint32_t trace_buffer_init(trace_buffer **buffer, const char *name, std::ui
     if (buffer == nullptr)
         return platform_status_from_errno(EINVAL);
     *buffer = nullptr;
-    if (name == nullptr || !plain_name(name, 64) || options != 0 || !std::has_single_bit(size) ||
+    if (name == nullptr || !plain_name(name, BUFFER_NAME_MAX) || options != 0 || !std::has_single_bit(size) ||
         size < TRACE_RING_SIZE_MIN || size > TRACE_RING_SIZE_MAX)
         return platform_status_from_errno(EINVAL);
     auto opened = std::unique_ptr<trace_buffer>(new (std::nothrow) trace_buffer);

@@ -34,6 +34,7 @@ using trace_word = std::atomic<std::uint64_t>;
 static_assert(sizeof(trace_word) == 8 && trace_word::is_always_lock_free, "shared between processes");
 static_assert(std::endian::native == std::endian::little, "the targets are little-endian");
 
+inline constexpr char TRACE_RING_FILE_PREFIX[] = "trace-";
 inline constexpr std::uint64_t TRACE_RING_MAGIC = 0x474E495243525441; // "ATRCRING"
 inline constexpr std::uint32_t TRACE_RING_VERSION = 1;
 inline constexpr std::size_t TRACE_RING_HEADER_SIZE = 4096;
@@ -66,15 +67,34 @@ static_assert(sizeof(trace_ring_header) == 128 && sizeof(trace_ring_header) <= T
 inline constexpr std::size_t TRACE_CELL_SIZE = 32;
 inline constexpr std::size_t TRACE_CELL_WORDS = TRACE_CELL_SIZE / 8;
 
+// Whether a file of `file_size` bytes that begins so is a ring, in a state that a writer can have left.
+inline bool trace_ring_recognised(const trace_ring_header &header, std::size_t file_size)
+{
+    const std::uint64_t head = header.head.load();
+    return header.magic == TRACE_RING_MAGIC && header.version == TRACE_RING_VERSION &&
+           header.header_size == TRACE_RING_HEADER_SIZE && std::has_single_bit(header.data_size) &&
+           header.data_size == file_size - TRACE_RING_HEADER_SIZE && head % TRACE_CELL_SIZE == 0 &&
+           head >= header.data_size && head < TRACE_POSITION_END / 2;
+}
+
 // The words of a record's first cell.
 enum : std::size_t { TRACE_WORD_POSITION, TRACE_WORD_CHECK, TRACE_WORD_TIME, TRACE_WORD_WRITER };
 
-// Process ids of Linux have 22 bits.
-constexpr std::uint64_t trace_writer_word(std::uint32_t process, std::uint32_t thread, std::size_t length,
-                                          bool cut)
+// The word of that name, taken apart. Process ids of Linux have 22 bits.
+struct trace_writer {
+    std::uint32_t process, thread;
+    std::size_t length; // of the text
+    bool cut;
+};
+constexpr std::uint64_t trace_writer_word(const trace_writer &writer)
 {
-    return (process & 0xFFFFFF) | std::uint64_t{thread & 0xFFFFFF} << 24 | std::uint64_t{length} << 48 |
-           std::uint64_t{cut} << 63;
+    return (writer.process & 0xFFFFFF) | std::uint64_t{writer.thread & 0xFFFFFF} << 24 |
+           std::uint64_t{writer.length} << 48 | std::uint64_t{writer.cut} << 63;
+}
+constexpr trace_writer trace_writer_of(std::uint64_t word)
+{
+    return {static_cast<std::uint32_t>(word & 0xFFFFFF), static_cast<std::uint32_t>(word >> 24 & 0xFFFFFF),
+            static_cast<std::size_t>(word >> 48 & 0x7FFF), word >> 63 != 0};
 }
 
 // The longest record is 4 KiB: a line is a line, and a dump of a large event shows its start.

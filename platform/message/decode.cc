@@ -8,7 +8,7 @@
 namespace {
 
 // Items that were counted and allocated for each list, by field index.
-using list_rooms = std::array<std::uint32_t, 15>;
+using list_rooms = std::array<std::uint32_t, FIELD_NUMBER_MAX>;
 constexpr std::uint32_t NOT_COUNTED = 0xFFFFFFFF;
 
 // The tag of an item of a list of numbers that is not packed.

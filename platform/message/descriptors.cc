@@ -91,7 +91,7 @@ constexpr bool table_fits()
     for (const field_descriptor &field : message_table<Message>::fields) {
         std::size_t alignment = field.kind == field_kind::u32 ? 4 : 8;
         std::size_t expected = (end + alignment - 1) / alignment * alignment;
-        if (field.offset != expected || field.presence != presence || field.number > 15)
+        if (field.offset != expected || field.presence != presence || field.number > FIELD_NUMBER_MAX)
             return false;
         end = field.offset + field.size;
         presence <<= 1;

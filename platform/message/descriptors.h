@@ -20,6 +20,8 @@ enum class field_kind : std::uint8_t {
     u32_list, // written packed, read packed or not
 };
 
+inline constexpr std::uint8_t FIELD_NUMBER_MAX = 15; // so that every tag is one byte
+
 struct field_descriptor {
     const char *name;
     const message_descriptor *child; // of a list of messages, else null

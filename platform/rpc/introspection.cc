@@ -6,6 +6,7 @@
 #include "api/remote_attestation_api.pb.h"
 #include "grpc/health/v1/health.pb.h"
 #include "grpc/reflection/v1alpha/reflection.pb.h"
+#include "platform/rpc/shared.h"
 
 namespace {
 
@@ -13,9 +14,6 @@ using grpc::health::v1::HealthCheckRequest;
 using grpc::health::v1::HealthCheckResponse;
 using grpc::reflection::v1alpha::ServerReflectionRequest;
 using grpc::reflection::v1alpha::ServerReflectionResponse;
-
-constexpr int NOT_FOUND = 5;
-constexpr int INVALID_ARGUMENT = 3;
 
 // Naming a message of each contract keeps its description in the program.
 const google::protobuf::FileDescriptor *contract(int index)
@@ -43,9 +41,9 @@ void list_services(ServerReflectionResponse &response)
     }
 }
 
-void answer_error(ServerReflectionResponse &response, int code, const std::string &text)
+void answer_error(ServerReflectionResponse &response, rpc_code code, const std::string &text)
 {
-    response.mutable_error_response()->set_error_code(code);
+    response.mutable_error_response()->set_error_code(static_cast<int>(code));
     response.mutable_error_response()->set_error_message(text);
 }
 
@@ -54,7 +52,7 @@ void answer_file(ServerReflectionResponse &response, const google::protobuf::Fil
                  const std::string &wanted)
 {
     if (file == nullptr) {
-        answer_error(response, NOT_FOUND, "not found: " + wanted);
+        answer_error(response, rpc_code::not_found, "not found: " + wanted);
         return;
     }
     google::protobuf::FileDescriptorProto description;
@@ -81,7 +79,7 @@ const google::protobuf::FileDescriptor *file_with_symbol(const std::string &symb
 void answer_extensions_of(ServerReflectionResponse &response, const std::string &type)
 {
     if (google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(type) == nullptr)
-        answer_error(response, NOT_FOUND, "not found: " + type);
+        answer_error(response, rpc_code::not_found, "not found: " + type);
     else
         response.mutable_all_extension_numbers_response()->set_base_type_name(type);
 }
@@ -122,13 +120,13 @@ std::string rpc_reflection_answer(std::span<const std::byte> bytes)
                     request.file_containing_symbol());
         break;
     case ServerReflectionRequest::kFileContainingExtension:
-        answer_error(response, NOT_FOUND, "no such extension");
+        answer_error(response, rpc_code::not_found, "no such extension");
         break;
     case ServerReflectionRequest::kAllExtensionNumbersOfType:
         answer_extensions_of(response, request.all_extension_numbers_of_type());
         break;
     case ServerReflectionRequest::MESSAGE_REQUEST_NOT_SET:
-        answer_error(response, INVALID_ARGUMENT, "the request asks for nothing known");
+        answer_error(response, rpc_code::invalid_argument, "the request asks for nothing known");
         break;
     }
     return response.SerializeAsString();

@@ -49,7 +49,7 @@ std::string_view rpc_method_name(const rpc_method &method);
 // Sets of evidence operations, a bit each.
 std::uint32_t rpc_method_bit(const rpc_method &method);
 std::uint32_t rpc_method_all_bits();
-std::uint32_t rpc_method_bits_of(std::string_view name); // 0: evidence that is not served
+std::uint32_t rpc_method_bits_of(std::string_view name); // 0: no evidence operation has this name
 
 constexpr bool rpc_method_is_evidence(const rpc_method &method)
 {

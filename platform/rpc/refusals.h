@@ -20,7 +20,7 @@ bool rpc_log_allowed(rpc_log_limit &limit, std::uint64_t interval_ms, std::uint3
 enum class rpc_refusal : std::uint8_t { connection, operation };
 
 // One line in an interval for each refused address, so that a noisy one does not hide another; for as many
-// addresses as a node has neighbours. What goes beyond is only counted.
+// addresses as a node has neighbours. All others share one line, with their number.
 struct rpc_refusal_log {
     struct peer {
         std::uint32_t address;

@@ -62,7 +62,7 @@ void reload_certificates(remote_attestation_api_server &server)
 void reload_allow_list(remote_attestation_api_server &server)
 {
     rpc_settings &settings = server.settings;
-    const rpc_file_mark mark = rpc_file_mark_of(settings.allow_file);
+    const file_mark mark = file_mark_of(settings.allow_file);
     if (mark == settings.allow_mark)
         return;
     std::shared_ptr<const rpc_allow_list> list;

@@ -36,7 +36,7 @@ struct remote_attestation_api_server {
     // While active.
     std::shared_ptr<rpc_shared> shared;
     rpc_grpc_server_ptr grpc;
-    std::vector<rpc_grpc_server_ptr> former;    // with certificates of before, until they have retired
+    std::vector<rpc_grpc_server_ptr> former;    // with the earlier certificates, until they have retired
     rpc_settings settings;                      // in use
     std::string tls_complaint, allow_complaint; // last told about what cannot be used; empty when all is well
     remote_attestation_api_endpoint endpoint{};

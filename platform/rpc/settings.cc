@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/operator_log.h"
+#include "platform/rpc/setting_file.h"
 #include "platform/status.h"
 
 namespace {
@@ -75,7 +76,7 @@ std::uint32_t read_clients(rpc_settings *settings)
     }
     if (status != 0 || settings->allow_file.empty())
         return status;
-    settings->allow_mark = rpc_file_mark_of(settings->allow_file);
+    settings->allow_mark = file_mark_of(settings->allow_file);
     if (settings->tls.on())
         return read_allow_list(settings->allow_file, &settings->allow);
     operator_log(LOG_ERR, "ATTEST_ALLOW names clients by their certificates: set ATTEST_TLS_DIR too");

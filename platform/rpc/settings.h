@@ -21,8 +21,8 @@ struct rpc_settings {
     std::string tls_directory, allow_file; // empty: not set
     rpc_tls tls;
     std::shared_ptr<const rpc_allow_list> allow; // null: not set
-    rpc_tls_marks tls_marks{};                   // of before the files were read
-    rpc_file_mark allow_mark;
+    rpc_tls_marks tls_marks{}; // taken before the files were read, so that a change meanwhile is noticed
+    file_mark allow_mark;
 };
 
 // 0, or a status that was told to the operator: EINVAL for missing or bad parameters and an allow-list

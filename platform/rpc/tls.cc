@@ -12,6 +12,7 @@
 
 #include "platform/operator_log.h"
 #include "platform/owners.h"
+#include "platform/rpc/setting_file.h"
 #include "platform/status.h"
 
 namespace {
@@ -122,6 +123,6 @@ std::uint32_t rpc_tls_read(const std::string &directory, rpc_tls *tls, std::stri
 
 rpc_tls_marks rpc_tls_marks_of(const std::string &directory)
 {
-    return {rpc_file_mark_of(directory + CERTIFICATE), rpc_file_mark_of(directory + KEY),
-            rpc_file_mark_of(directory + CLIENT_CA)};
+    return {file_mark_of(directory + CERTIFICATE), file_mark_of(directory + KEY),
+            file_mark_of(directory + CLIENT_CA)};
 }

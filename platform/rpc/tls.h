@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/rpc/setting_file.h"
+#include "platform/small_file.h"
 
 struct rpc_tls {
     std::string certificate, key, client_ca; // PEM; all empty without TLS
@@ -24,5 +24,5 @@ struct rpc_tls {
 std::uint32_t rpc_tls_read(const std::string &directory, rpc_tls *tls, std::string *why);
 
 // To see whether any of the files has changed.
-using rpc_tls_marks = std::array<rpc_file_mark, 3>;
+using rpc_tls_marks = std::array<file_mark, 3>;
 rpc_tls_marks rpc_tls_marks_of(const std::string &directory);

@@ -17,9 +17,9 @@
 #include <tuple>
 
 #include "platform/owners.h"
+#include "platform/small_file.h"
 #include "platform/tpm/board_smbios.h"
 #include "platform/tpm/manifest.h"
-#include "platform/tpm/small_files.h"
 
 namespace {
 

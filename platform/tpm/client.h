@@ -8,8 +8,8 @@
 #include <vector>
 
 #include <openssl/evp.h>
-#include <sys/stat.h>
 
+#include "platform/small_file.h"
 #include "platform/tpm/client_status.h"
 #include "platform/tpm/connection.h"
 #include "platform/tpm/manifest.h"
@@ -17,7 +17,7 @@
 // The manifest as it was last read, with what tells that the file is another one now.
 struct manifest_cache {
     std::string path;
-    struct stat stamp {};
+    file_mark mark;
     kov_status status = KOV_ERR_NOT_PROVISIONED; // of the last reading
     manifest content;
 };

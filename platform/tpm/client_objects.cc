@@ -3,9 +3,9 @@
 #include <cerrno>
 #include <limits>
 
+#include "platform/small_file.h"
 #include "platform/tpm/client.h"
 #include "platform/tpm/reference_list.h"
-#include "platform/tpm/small_files.h"
 
 namespace {
 

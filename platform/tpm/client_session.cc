@@ -26,23 +26,14 @@ void forget_keys(kovc_context &context)
     context.keys.clear();
 }
 
-bool same_file(const struct stat &a, const struct stat &b)
-{
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
-           a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
-           a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
-}
-
 // Reads the manifest when it is not the file that was read last, so that a node may be provisioned, or anew,
 // while the agent runs.
 void refresh_manifest(kovc_context &context)
 {
     manifest_cache &cache = context.provisioned;
     const std::string path = manifest_path();
-    struct stat stamp {};
-    if (stat(path.c_str(), &stamp) != 0)
-        stamp = {};
-    if (path == cache.path && same_file(stamp, cache.stamp))
+    const file_mark mark = file_mark_of(path);
+    if (path == cache.path && mark == cache.mark)
         return;
     forget_keys(context);
     context.binding = KOV_ERR_NOT_PROVISIONED;
@@ -51,7 +42,7 @@ void refresh_manifest(kovc_context &context)
     const bool settled = cache.status == KOV_SUCCESS || cache.status == KOV_ERR_MANIFEST ||
                          cache.status == KOV_ERR_NOT_PROVISIONED;
     cache.path = settled ? path : std::string();
-    cache.stamp = stamp;
+    cache.mark = mark;
 }
 
 void bind_reference_list(kovc_context &context)

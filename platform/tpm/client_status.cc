@@ -39,6 +39,14 @@ constexpr own_text own_texts[] = {
     {KOV_ERR_CRYPTO, "digest library failed"},
 };
 
+// Null for a status that is not one of the library's own.
+const own_text *own_text_of(kov_status status)
+{
+    const auto *found = std::find_if(std::begin(own_texts), std::end(own_texts),
+                                     [status](const own_text &row) { return row.status == status; });
+    return found != std::end(own_texts) ? found : nullptr;
+}
+
 constexpr metric_family errors = {metric_kind::counter,
                                   "attest_tpm_errors_total",
                                   "Operations of the trust anchor that failed.",
@@ -81,10 +89,8 @@ const char *kov_status_string(kov_status status)
         const char *text = strerrordesc_np(static_cast<int>(status & errno_mask));
         return text != nullptr ? text : "unknown system error";
     }
-    const auto *found = std::find_if(std::begin(own_texts), std::end(own_texts),
-                                     [status](const own_text &row) { return row.status == status; });
-    if (found != std::end(own_texts))
-        return found->text;
+    if (const own_text *own = own_text_of(status))
+        return own->text;
     if (status == 0 || (status & 0xFF000000) == KOV_ERR_BASE)
         return "unknown trust-anchor status";
     const char *text = Tss2_RC_Decode(status);
@@ -95,10 +101,8 @@ kov_status kov_status_counted(kov_status status)
 {
     if (status == KOV_SUCCESS || !metrics_wanted())
         return status;
-    const auto *found = std::find_if(std::begin(own_texts), std::end(own_texts),
-                                     [status](const own_text &row) { return row.status == status; });
-    if (found != std::end(own_texts))
-        metric_add(errors, {found->text});
+    if (const own_text *own = own_text_of(status))
+        metric_add(errors, {own->text});
     else if ((status & ~errno_mask) == KOV_ERR_ERRNO)
         metric_add(errors, {"system error"});
     else

@@ -7,8 +7,7 @@
 #include <string>
 
 // From the first byte of a command to the last of its response. The slowest command that the agent asks for
-// (an RSA signature on a discrete TPM) takes below a second; making a key while provisioning takes up to
-// about 20.
+// (an RSA signature on a discrete TPM) takes below a second. Who makes keys sets a longer bound.
 inline constexpr std::chrono::milliseconds ipc_command_bound{30'000};
 
 // The largest response a TPM 2.0 gives (TPM_PT_MAX_RESPONSE_SIZE as the PC client profile bounds it).
@@ -29,5 +28,6 @@ bool tpm_address_parse(const char *setting, tpm_address &address);
 // The size field of a message of which at least the header has arrived.
 std::uint32_t ipc_message_size(const std::uint8_t *header);
 
-// Lets a test wait less. Not while a command is under way.
+// Another bound for this process: longer for making keys, shorter for tests. Not while a command is under
+// way.
 void linux_ipc_set_command_bound(std::chrono::milliseconds bound);

@@ -8,8 +8,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "platform/small_file.h"
 #include "platform/tpm/client_status.h"
-#include "platform/tpm/small_files.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <tss2/tss2_mu.h>
 
 #include "platform/owners.h"
+#include "platform/small_file.h"
 #include "platform/tpm/reference_list.h"
-#include "platform/tpm/small_files.h"
 #include "tools/attest_provision/commands.h"
 #include "tools/attest_provision/report.h"
 #include "tools/attest_provision/tpm_keys.h"

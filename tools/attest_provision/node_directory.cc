@@ -9,7 +9,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
-#include "platform/tpm/small_files.h"
+#include "platform/small_file.h"
 #include "tools/attest_provision/report.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // What a provisioned node has, from its files alone.
+#include "platform/small_file.h"
 #include "platform/tpm/manifest.h"
-#include "platform/tpm/small_files.h"
 #include "tools/attest_provision/certificates.h"
 #include "tools/attest_provision/commands.h"
 #include "tools/attest_provision/report.h"

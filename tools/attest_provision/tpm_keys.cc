@@ -103,7 +103,7 @@ bool name_of(tpm_connection &connection, ESYS_TR object, std::string &tpm_name)
     return code == TSS2_RC_SUCCESS;
 }
 
-// Each of the TPM's storage-root slots that an object holds is given back, also when the program fails.
+// Makes a signing key under the root and loads it, for `loaded` to flush.
 TSS2_RC create_loaded(tpm_connection &connection, const transient_object &root, bool restricted,
                       transient_object &loaded)
 {

@@ -54,7 +54,7 @@ void print_entry(const trace_entry &entry)
 
 std::string ring_path(const trace_place &place)
 {
-    return place.run_directory + "/trace-" + place.buffer;
+    return place.run_directory + "/" + TRACE_RING_FILE_PREFIX + place.buffer;
 }
 
 // Waits for the next look at the ring; true when it is time to end.

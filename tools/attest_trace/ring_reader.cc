@@ -9,18 +9,6 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
-namespace {
-
-bool valid_header(const trace_ring_header &header, std::size_t file_size)
-{
-    return header.magic == TRACE_RING_MAGIC && header.version == TRACE_RING_VERSION &&
-           header.header_size == TRACE_RING_HEADER_SIZE && std::has_single_bit(header.data_size) &&
-           header.data_size == file_size - TRACE_RING_HEADER_SIZE && header.head.load() >= header.data_size &&
-           header.head.load() % TRACE_CELL_SIZE == 0;
-}
-
-} // namespace
-
 ring_reader::~ring_reader()
 {
     if (memory_ != nullptr)
@@ -41,7 +29,7 @@ std::string ring_reader::open(const std::string &path)
         return path + ": " + strerrordesc_np(errno);
     memory_ = memory;
     header_ = static_cast<const trace_ring_header *>(memory);
-    if (!valid_header(*header_, size_))
+    if (!trace_ring_recognised(*header_, size_))
         return path + ": not a trace buffer";
     words_ =
         reinterpret_cast<const trace_word *>(static_cast<const std::byte *>(memory) + TRACE_RING_HEADER_SIZE);
@@ -103,9 +91,9 @@ bool ring_reader::read_record(std::uint64_t head, trace_entry &entry)
     if (cell_at(position_)->load(std::memory_order_acquire) != position_)
         return false;
     const cell first = load_cell(position_);
-    const std::size_t length = (first[TRACE_WORD_WRITER] >> 48) & 0x7FFF;
-    const std::size_t cells = trace_text_cells(length);
-    if (length > TRACE_TEXT_MAX || head - position_ < (1 + cells) * TRACE_CELL_SIZE)
+    const trace_writer writer = trace_writer_of(first[TRACE_WORD_WRITER]);
+    const std::size_t cells = trace_text_cells(writer.length);
+    if (writer.length > TRACE_TEXT_MAX || head - position_ < (1 + cells) * TRACE_CELL_SIZE)
         return false;
     trace_checksum checksum;
     std::array<cell, TRACE_TEXT_MAX / TRACE_CELL_SIZE> text; // NOLINT: what is read of it was filled
@@ -118,11 +106,11 @@ bool ring_reader::read_record(std::uint64_t head, trace_entry &entry)
         checksum.value(position_, sequence, first[TRACE_WORD_TIME], first[TRACE_WORD_WRITER]))
         return false;
     entry.time_ns = first[TRACE_WORD_TIME];
-    entry.process = first[TRACE_WORD_WRITER] & 0xFFFFFF;
-    entry.thread = (first[TRACE_WORD_WRITER] >> 24) & 0xFFFFFF;
+    entry.process = writer.process;
+    entry.thread = writer.thread;
     entry.sequence = static_cast<std::uint32_t>(sequence);
-    entry.cut = first[TRACE_WORD_WRITER] >> 63 != 0;
-    entry.text.assign(reinterpret_cast<const char *>(text.data()), length);
+    entry.cut = writer.cut;
+    entry.text.assign(reinterpret_cast<const char *>(text.data()), writer.length);
     position_ += (1 + cells) * TRACE_CELL_SIZE;
     return true;
 }

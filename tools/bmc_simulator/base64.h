@@ -1,4 +1,5 @@
-// Base64 as RFC 4648, section 4, has it, with padding.
+// Base64 as RFC 4648, section 4, has it, with padding. Not the agent's own, whose faults would undo each
+// other.
 #pragma once
 
 #include <string>
