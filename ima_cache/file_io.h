@@ -21,8 +21,8 @@ auto uninterrupted(Call call)
 unique_fd open_file(const char *path, int flags, mode_t mode = 0);
 
 // Opens a shared-memory object for reading and writing. What another user has laid under the name, in a
-// directory where everybody may, is removed instead: who can write it could end us by cutting it, or lead our
-// writes elsewhere.
+// directory where everybody may, is removed instead, a directory renamed: who can write it could end us by
+// cutting it, or lead our writes elsewhere.
 unique_fd open_own_object(const char *name, int more_flags, mode_t mode);
 
 // 1, the bytes from `offset` on have been read; 0, the file ends inside them; -1, it cannot be read.

@@ -5,7 +5,7 @@
 
 #include "platform/trust_anchor_client.h"
 
-const std::array<tpm_algorithm, tpm_algorithm_count> tpm_algorithms{{
+const std::array<tpm_algorithm, TPM_ALGORITHM_COUNT> tpm_algorithms{{
     {KOV_ALG_SHA1, TPM2_ALG_SHA1, "sha1", 20, EVP_sha1},
     {KOV_ALG_SHA256, TPM2_ALG_SHA256, "sha256", 32, EVP_sha256},
     {KOV_ALG_SHA384, TPM2_ALG_SHA384, "sha384", 48, EVP_sha384},

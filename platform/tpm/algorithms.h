@@ -18,15 +18,15 @@ struct tpm_algorithm {
     const EVP_MD *(*md)();
 };
 
-inline constexpr std::size_t tpm_algorithm_count = 4;
-inline constexpr std::size_t max_digest_size = 64;
+inline constexpr std::size_t TPM_ALGORITHM_COUNT = 4;
+inline constexpr std::size_t MAX_DIGEST_SIZE = 64;
 
-extern const std::array<tpm_algorithm, tpm_algorithm_count> tpm_algorithms;
+extern const std::array<tpm_algorithm, TPM_ALGORITHM_COUNT> tpm_algorithms;
 
 // Null for a number that is none of the four.
 const tpm_algorithm *tpm_algorithm_of_number(std::uint32_t number);
 
-using digest_value = std::array<std::uint8_t, max_digest_size>; // the first digest_size bytes count
+using digest_value = std::array<std::uint8_t, MAX_DIGEST_SIZE>; // the first digest_size bytes count
 
 // The digest of the pieces, one after the other. False when OpenSSL fails.
 [[nodiscard]] bool digest_of(const tpm_algorithm &algorithm,

@@ -25,8 +25,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t smbios_limit = std::size_t{1} << 20;
-constexpr std::size_t cpuinfo_limit = std::size_t{8} << 20;
+constexpr std::size_t SMBIOS_MAX = std::size_t{1} << 20;
+constexpr std::size_t CPUINFO_MAX = std::size_t{8} << 20;
 
 // Where a device sits: the last PCI address on the way to it, else the device's own name.
 std::string bus_address(const std::string &device_path)
@@ -80,7 +80,7 @@ std::vector<fs::path> entries_of(const std::string &path)
 void add_smbios(const board_source &source, std::vector<board_identifier> &list)
 {
     std::vector<std::uint8_t> table;
-    if (small_file_read(source.root + "/sys/firmware/dmi/tables/DMI", smbios_limit, table) == 0) {
+    if (small_file_read(source.root + "/sys/firmware/dmi/tables/DMI", SMBIOS_MAX, table) == 0) {
         smbios_identifiers(std::as_bytes(std::span(table)), list);
         return;
     }
@@ -91,13 +91,13 @@ void add_smbios(const board_source &source, std::vector<board_identifier> &list)
 
 // What of /proc/cpuinfo says which processor it is (x86, then ARM), and does not change with its microcode,
 // its clock or its load.
-constexpr std::array cpu_keys{"vendor_id", "cpu family",      "model",       "stepping", "model name",
+constexpr std::array CPU_KEYS{"vendor_id", "cpu family",      "model",       "stepping", "model name",
                               "cpu",       "CPU implementer", "CPU variant", "CPU part", "CPU revision"};
 
 void add_processors(const board_source &source, std::vector<board_identifier> &list)
 {
     std::vector<std::uint8_t> content;
-    if (small_file_read(source.root + "/proc/cpuinfo", cpuinfo_limit, content) != 0)
+    if (small_file_read(source.root + "/proc/cpuinfo", CPUINFO_MAX, content) != 0)
         return;
     std::istringstream lines(std::string(content.begin(), content.end()));
     std::map<std::string, std::string> packages;
@@ -121,7 +121,7 @@ void add_processors(const board_source &source, std::vector<board_identifier> &l
             package = value;
         else if (key == "Serial")
             list.push_back({"cpu/serial", value});
-        else if (std::find(cpu_keys.begin(), cpu_keys.end(), key) != cpu_keys.end())
+        else if (std::find(CPU_KEYS.begin(), CPU_KEYS.end(), key) != CPU_KEYS.end())
             model += (model.empty() ? "" : " ") + value;
     }
     end_block();
@@ -235,7 +235,7 @@ std::vector<board_identifier> board_identifiers_read(const board_source &source)
     add_network(source, list);
     add_storage(source, list);
     settle_places(list);
-    if (list.size() > manifest_max_identifiers)
-        list.resize(manifest_max_identifiers);
+    if (list.size() > MANIFEST_MAX_IDENTIFIERS)
+        list.resize(MANIFEST_MAX_IDENTIFIERS);
     return list;
 }

@@ -32,6 +32,6 @@ inline board_source this_board()
     return {"", true};
 }
 
-// Sorted by place; empty on a machine that shows nothing. At most manifest_max_identifiers. May throw for
+// Sorted by place; empty on a machine that shows nothing. At most MANIFEST_MAX_IDENTIFIERS. May throw for
 // want of memory.
 std::vector<board_identifier> board_identifiers_read(const board_source &source);

@@ -24,7 +24,7 @@ constexpr field fields[] = {
     {"memory", "serial", 17, 0x18, 0},
 };
 
-constexpr std::uint8_t end_of_table = 127;
+constexpr std::uint8_t END_OF_TABLE = 127;
 
 struct structure {
     std::uint8_t type;
@@ -87,7 +87,7 @@ void smbios_identifiers(std::span<const std::byte> table, std::vector<board_iden
         seen{}; // structures of a type: its slots keep their numbers when they are empty
     byte_cursor cursor(table);
     structure one;
-    while (read_structure(table, cursor, one) && one.type != end_of_table) {
+    while (read_structure(table, cursor, one) && one.type != END_OF_TABLE) {
         const unsigned ordinal = seen[one.type]++;
         for (const field &wanted : fields) {
             if (wanted.type != one.type)

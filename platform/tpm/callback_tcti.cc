@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr std::uint64_t tcti_magic = 0x6B6F765F74637469; // "kov_tcti"
+constexpr std::uint64_t TCTI_MAGIC = 0x6B6F765F74637469; // "kov_tcti"
 
 callback_tcti &of(TSS2_TCTI_CONTEXT *context)
 {
@@ -25,7 +25,7 @@ std::uint32_t big_endian(const std::uint8_t *bytes, std::size_t count)
 
 bool is_response(const std::uint8_t *bytes, std::uint32_t length)
 {
-    if (length < ipc_header_size || ipc_message_size(bytes) != length)
+    if (length < IPC_HEADER_SIZE || ipc_message_size(bytes) != length)
         return false;
     const std::uint32_t tag = big_endian(bytes, 2);
     return (tag == TPM2_ST_NO_SESSIONS || tag == TPM2_ST_SESSIONS) &&
@@ -117,7 +117,7 @@ TSS2_RC make_sticky(TSS2_TCTI_CONTEXT *, TPM2_HANDLE *, std::uint8_t)
 void callback_tcti_init(callback_tcti &tcti, const kov_ipc_callbacks &ipc, void *channel)
 {
     tcti.common = {};
-    tcti.common.v1.magic = tcti_magic;
+    tcti.common.v1.magic = TCTI_MAGIC;
     tcti.common.v1.version = 2;
     tcti.common.v1.transmit = transmit;
     tcti.common.v1.receive = receive;

@@ -27,7 +27,7 @@ struct callback_tcti {
     kov_status failure; // KOV_SUCCESS while the transport is whole
     bool awaiting;      // a command is out, its response not yet in
     std::uint32_t length;
-    std::array<std::uint8_t, ipc_max_message> response; // the first `length` bytes, until they are fetched
+    std::array<std::uint8_t, IPC_MAX_MESSAGE> response; // the first `length` bytes, until they are fetched
 };
 
 void callback_tcti_init(callback_tcti &tcti, const kov_ipc_callbacks &ipc, void *channel);

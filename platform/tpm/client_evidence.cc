@@ -156,7 +156,7 @@ kov_status kovc_pcr_read(kovc_session *session, std::uint32_t algorithm, std::ui
     const tpm_algorithm *bank = tpm_algorithm_of_number(algorithm);
     if (bank == nullptr)
         return KOV_ERR_ALGORITHM;
-    if (pcr_index >= tpm_pcr_count)
+    if (pcr_index >= TPM_PCR_COUNT)
         return KOV_ERR_PCR_INDEX;
     return counted([&] {
         TPM2B_DIGEST digest{};
@@ -188,7 +188,7 @@ kov_status kovc_tpm2_pcr_quote(kovc_session *session, std::uint32_t reserved, co
     const tpm_algorithm *bank = tpm_algorithm_of_number(algorithm);
     if (bank == nullptr || tpm_algorithm_of_number(quote_algorithm) == nullptr)
         return KOV_ERR_ALGORITHM;
-    if (mask >> tpm_pcr_count != 0)
+    if (mask >> TPM_PCR_COUNT != 0)
         return KOV_ERR_PCR_INDEX;
     if (nonce_length > KOV_MAX_NONCE_BYTES)
         return KOV_ERR_NONCE_SIZE;

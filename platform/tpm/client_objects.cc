@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr UINT16 nv_read_bytes = 512; // at a time: every TPM's buffer takes as much (TPM_PT_NV_BUFFER_MAX)
+constexpr UINT16 NV_READ_BYTES = 512; // at a time: every TPM's buffer takes as much (TPM_PT_NV_BUFFER_MAX)
 
 kov_status read_object_file(const std::string &path, std::vector<std::uint8_t> &content)
 {
@@ -38,7 +38,7 @@ kov_status read_nv(tpm_connection &connection, ESYS_TR index, std::vector<std::u
     const ESYS_TR authorised_by = by_index ? index : ESYS_TR{ESYS_TR_RH_OWNER};
     while (content.size() < size) {
         const auto offset = static_cast<UINT16>(content.size());
-        const UINT16 wanted = std::min<UINT16>(nv_read_bytes, static_cast<UINT16>(size - offset));
+        const UINT16 wanted = std::min<UINT16>(NV_READ_BYTES, static_cast<UINT16>(size - offset));
         TPM2B_MAX_NV_BUFFER *piece = nullptr;
         code = Esys_NV_Read(connection.esys, authorised_by, index, ESYS_TR_PASSWORD, ESYS_TR_NONE,
                             ESYS_TR_NONE, wanted, offset, &piece);
@@ -135,7 +135,7 @@ kov_status kovc_partward_get_uniqueid_digests(kovc_session *session, std::uint32
             status = hand_out(digests, data, total_length);
         if (status == KOV_SUCCESS)
             *count = static_cast<std::uint16_t>(digests.size() / digest->digest_size);
-        static_assert(2 * manifest_max_identifiers <= std::numeric_limits<std::uint16_t>::max());
+        static_assert(2 * MANIFEST_MAX_IDENTIFIERS <= std::numeric_limits<std::uint16_t>::max());
         return status;
     });
 }

@@ -9,8 +9,8 @@
 
 namespace {
 
-constexpr std::size_t max_secret_bytes =
-    32; // what a key with a SHA-256 name takes as its authorisation value
+// What a key with a SHA-256 name takes as its authorisation value.
+constexpr std::size_t SECRET_MAX = 32;
 
 kov_ipc_callbacks registered_ipc{};
 kov_mem_alloc_callback registered_alloc = nullptr;
@@ -85,7 +85,7 @@ kov_status accept_login(const kovc_context &context, const kov_login_context &lo
 {
     const std::string_view user(login.user_name, strnlen(login.user_name, sizeof login.user_name));
     const std::size_t length = strnlen(login.secret, sizeof login.secret);
-    if (login.kind != KOV_LOGIN_KIND_SECRET || user != context.user || length > max_secret_bytes)
+    if (login.kind != KOV_LOGIN_KIND_SECRET || user != context.user || length > SECRET_MAX)
         return KOV_ERR_LOGIN;
     secret.size = static_cast<UINT16>(length);
     std::memcpy(secret.buffer, login.secret, length);

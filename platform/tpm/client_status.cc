@@ -16,7 +16,7 @@ struct own_text {
     kov_status status;
     const char *text;
 };
-constexpr own_text own_texts[] = {
+constexpr own_text OWN_TEXTS[] = {
     {KOV_SUCCESS, "success"},
     {KOV_ERR_INVALID_PARAM, "invalid argument to the trust-anchor client"},
     {KOV_ERR_NO_MEMORY, "out of memory"},
@@ -42,9 +42,9 @@ constexpr own_text own_texts[] = {
 // Null for a status that is not one of the library's own.
 const own_text *own_text_of(kov_status status)
 {
-    const auto *found = std::find_if(std::begin(own_texts), std::end(own_texts),
+    const auto *found = std::find_if(std::begin(OWN_TEXTS), std::end(OWN_TEXTS),
                                      [status](const own_text &row) { return row.status == status; });
-    return found != std::end(own_texts) ? found : nullptr;
+    return found != std::end(OWN_TEXTS) ? found : nullptr;
 }
 
 constexpr metric_family errors = {metric_kind::counter,
@@ -52,7 +52,7 @@ constexpr metric_family errors = {metric_kind::counter,
                                   "Operations of the trust anchor that failed.",
                                   {"reason"}};
 
-constexpr kov_status errno_mask = 0x0000FFFF;
+constexpr kov_status ERRNO_MASK = 0x0000FFFF;
 
 } // namespace
 
@@ -60,7 +60,7 @@ kov_status kov_status_from_errno(int error)
 {
     if (error == ENOMEM)
         return KOV_ERR_NO_MEMORY;
-    return KOV_ERR_ERRNO | (static_cast<kov_status>(error) & errno_mask);
+    return KOV_ERR_ERRNO | (static_cast<kov_status>(error) & ERRNO_MASK);
 }
 
 kov_status kov_status_from_tss(TSS2_RC code)
@@ -85,8 +85,8 @@ bool tpm_response_code_plausible(TSS2_RC code)
 
 const char *kov_status_string(kov_status status)
 {
-    if ((status & ~errno_mask) == KOV_ERR_ERRNO) {
-        const char *text = strerrordesc_np(static_cast<int>(status & errno_mask));
+    if ((status & ~ERRNO_MASK) == KOV_ERR_ERRNO) {
+        const char *text = strerrordesc_np(static_cast<int>(status & ERRNO_MASK));
         return text != nullptr ? text : "unknown system error";
     }
     if (const own_text *own = own_text_of(status))
@@ -103,7 +103,7 @@ kov_status kov_status_counted(kov_status status)
         return status;
     if (const own_text *own = own_text_of(status))
         metric_add(errors, {own->text});
-    else if ((status & ~errno_mask) == KOV_ERR_ERRNO)
+    else if ((status & ~ERRNO_MASK) == KOV_ERR_ERRNO)
         metric_add(errors, {"system error"});
     else
         metric_add(errors, {"refused by the TPM"});

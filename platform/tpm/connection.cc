@@ -135,7 +135,7 @@ TPMS_PCR_SELECTION pcr_selection(const tpm_algorithm &algorithm, std::uint32_t m
 {
     TPMS_PCR_SELECTION selection{};
     selection.hash = algorithm.id;
-    selection.sizeofSelect = tpm_pcr_count / 8;
+    selection.sizeofSelect = TPM_PCR_COUNT / 8;
     for (std::size_t i = 0; i < selection.sizeofSelect; ++i)
         selection.pcrSelect[i] = static_cast<BYTE>(mask >> (8 * i));
     return selection;

@@ -48,7 +48,7 @@ bool tpm_connection_whole(const tpm_connection &connection);
 
 // A selection of the PCRs in `mask` in one bank.
 TPMS_PCR_SELECTION pcr_selection(const tpm_algorithm &algorithm, std::uint32_t mask);
-inline constexpr std::uint32_t tpm_pcr_count = 24; // PC client platforms
+inline constexpr std::uint32_t TPM_PCR_COUNT = 24; // PC client platforms
 
 // The handles of the kind of `first` that the TPM has, from `first` on, as many as one answer holds.
 TSS2_RC tpm_connection_handles(tpm_connection &connection, std::uint32_t first,

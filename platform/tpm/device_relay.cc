@@ -23,7 +23,7 @@ struct relay {
     unique_fd socket;
 };
 
-using message_buffer = std::array<std::uint8_t, ipc_max_message>;
+using message_buffer = std::array<std::uint8_t, IPC_MAX_MESSAGE>;
 
 // Reads one whole message by its size field. 0 at the end of input, after an error and for what is no
 // message.
@@ -33,10 +33,10 @@ std::uint32_t read_message(Read read_some, message_buffer &message)
     std::uint32_t have = 0;
     for (;;) {
         const std::uint32_t size =
-            have < ipc_header_size ? ipc_max_message : ipc_message_size(message.data());
-        if (size < ipc_header_size || size > message.size() || size < have)
+            have < IPC_HEADER_SIZE ? IPC_MAX_MESSAGE : ipc_message_size(message.data());
+        if (size < IPC_HEADER_SIZE || size > message.size() || size < have)
             return 0;
-        if (size == have && have >= ipc_header_size)
+        if (size == have && have >= IPC_HEADER_SIZE)
             return have;
         const ssize_t count = read_some(message.data() + have, message.size() - have);
         if (count < 0 && errno == EINTR)
@@ -124,7 +124,7 @@ kov_status device_relay_start(const std::string &path, unique_fd &socket)
     between->socket.reset(ends[1]);
     if (fcntl(ours.get(), F_SETFL, O_NONBLOCK) != 0)
         return kov_status_from_errno(errno);
-    if (++relays_running > ipc_max_stuck_relays) {
+    if (++relays_running > IPC_MAX_STUCK_RELAYS) {
         --relays_running;
         return KOV_ERR_TIMEOUT;
     }

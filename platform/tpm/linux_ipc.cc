@@ -20,10 +20,10 @@ namespace {
 
 using ipc_clock = std::chrono::steady_clock;
 
-constexpr std::uint64_t only_device = 1;
-constexpr std::string_view default_setting = "device:/dev/tpmrm0";
+constexpr std::uint64_t ONLY_DEVICE = 1;
+constexpr std::string_view DEFAULT_SETTING = "device:/dev/tpmrm0";
 
-std::chrono::milliseconds command_bound = ipc_command_bound;
+std::chrono::milliseconds command_bound = IPC_COMMAND_BOUND;
 
 // A stream socket to the TPM: of a software TPM, or of the thread that sits before a device.
 struct linux_channel {
@@ -80,7 +80,7 @@ bool tpm_address_parse(const char *setting, tpm_address &address)
 {
     constexpr std::string_view device = "device:";
     constexpr std::string_view swtpm = "swtpm:path=";
-    const std::string_view text = setting == nullptr ? default_setting : setting;
+    const std::string_view text = setting == nullptr ? DEFAULT_SETTING : setting;
     address.is_device = text.starts_with(device);
     if (!address.is_device && !text.starts_with(swtpm))
         return false;
@@ -107,7 +107,7 @@ std::uint32_t platform_get_kov_device_info(std::uint64_t *device_handle, std::ui
     tpm_address address;
     if (!tpm_address_parse(std::getenv("ATTEST_TPM"), address))
         return platform_status_from_errno(EINVAL);
-    *device_handle = only_device;
+    *device_handle = ONLY_DEVICE;
     *device_info = address.is_device ? KOV_DEVICE_INFO_DEVICE : KOV_DEVICE_INFO_SWTPM;
     return 0;
 }
@@ -126,7 +126,7 @@ kov_status kov_linux_ipc_open(std::uint64_t device, void **channel)
     *channel = nullptr;
     return guarded([&] {
         tpm_address address;
-        if (device != only_device)
+        if (device != ONLY_DEVICE)
             return kov_status{KOV_ERR_INVALID_PARAM};
         if (!tpm_address_parse(std::getenv("ATTEST_TPM"), address))
             return kov_status{KOV_ERR_SETTING};
@@ -170,11 +170,11 @@ kov_status kov_linux_ipc_receive(void *channel, std::uint8_t *response, std::uin
         return KOV_ERR_INVALID_PARAM;
     *length = 0;
     const auto &from = *static_cast<linux_channel *>(channel);
-    const std::uint32_t bound = std::min(capacity, ipc_max_message);
+    const std::uint32_t bound = std::min(capacity, IPC_MAX_MESSAGE);
     for (std::uint32_t have = 0;;) {
-        if (have >= ipc_header_size) {
+        if (have >= IPC_HEADER_SIZE) {
             const std::uint32_t size = ipc_message_size(response);
-            if (size < ipc_header_size || size > bound || size < have)
+            if (size < IPC_HEADER_SIZE || size > bound || size < have)
                 return KOV_ERR_BAD_RESPONSE;
             if (size == have) {
                 *length = have;

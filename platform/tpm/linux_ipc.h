@@ -8,15 +8,15 @@
 
 // From the first byte of a command to the last of its response. The slowest command that the agent asks for
 // (an RSA signature on a discrete TPM) takes below a second. Who makes keys sets a longer bound.
-inline constexpr std::chrono::milliseconds ipc_command_bound{30'000};
+inline constexpr std::chrono::milliseconds IPC_COMMAND_BOUND{30'000};
 
 // The largest response a TPM 2.0 gives (TPM_PT_MAX_RESPONSE_SIZE as the PC client profile bounds it).
-inline constexpr std::uint32_t ipc_max_message = 4096;
-inline constexpr std::uint32_t ipc_header_size = 10; // tag, size, response code
+inline constexpr std::uint32_t IPC_MAX_MESSAGE = 4096;
+inline constexpr std::uint32_t IPC_HEADER_SIZE = 10; // tag, size, response code
 
 // Device threads that may be stuck in a driver at a time (device_relay.h): a driver that never comes back
 // must not collect threads.
-inline constexpr int ipc_max_stuck_relays = 4;
+inline constexpr int IPC_MAX_STUCK_RELAYS = 4;
 
 struct tpm_address {
     bool is_device;

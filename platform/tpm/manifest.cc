@@ -15,8 +15,8 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int manifest_version = 1;
-constexpr std::uint32_t handle_kind_mask = 0xFF000000;
+constexpr int MANIFEST_VERSION = 1;
+constexpr std::uint32_t HANDLE_KIND_MASK = 0xFF000000;
 
 // Every getter says whether the member is there and of its type; nothing of the parser throws.
 bool get_text(const json &object, const char *member, std::string &text)
@@ -43,7 +43,7 @@ bool get_handle(const json &object, const char *member, TPM2_HT kind, std::uint3
     const char *end = text.data() + text.size();
     const auto [stopped, error] = std::from_chars(text.data() + 2, end, handle, 16);
     return error == std::errc{} && stopped == end &&
-           (handle & handle_kind_mask) == static_cast<std::uint32_t>(kind) << 24;
+           (handle & HANDLE_KIND_MASK) == static_cast<std::uint32_t>(kind) << 24;
 }
 
 // A file stays below the manifest's directory.
@@ -80,7 +80,7 @@ bool read_identifier(const json &value, manifest &loaded)
     manifest_identifier identifier{};
     if (!value.is_object() || !get_text(value, "place", identifier.place))
         return false;
-    for (std::size_t i = 0; i < tpm_algorithm_count; ++i) {
+    for (std::size_t i = 0; i < TPM_ALGORITHM_COUNT; ++i) {
         std::vector<std::uint8_t> digest;
         if (!get_hex(value, tpm_algorithms[i].name, digest) || digest.size() != tpm_algorithms[i].digest_size)
             return false;
@@ -108,13 +108,13 @@ bool read_manifest(const json &document, manifest &loaded)
     const auto objects = document.find("objects");
     const auto identifiers = document.find("identifiers");
     const auto end = document.end();
-    if (version == end || !version->is_number_integer() || *version != manifest_version)
+    if (version == end || !version->is_number_integer() || *version != MANIFEST_VERSION)
         return false;
     if (demonstration == end || !demonstration->is_boolean() || !get_text(document, "node", loaded.node))
         return false;
     loaded.demonstration_ca = demonstration->get<bool>();
     if (keys == end || !keys->is_object() || objects == end || !objects->is_object() || identifiers == end ||
-        !identifiers->is_array() || identifiers->size() > manifest_max_identifiers)
+        !identifiers->is_array() || identifiers->size() > MANIFEST_MAX_IDENTIFIERS)
         return false;
     for (const auto &[name, value] : keys->items()) {
         if (!read_key(name, value, loaded))
@@ -149,14 +149,14 @@ const Item *find_named(const std::vector<Item> &items, const char *name)
 std::string manifest_path()
 {
     const char *set = std::getenv("ATTEST_TRUST_ANCHOR");
-    return set != nullptr && *set != '\0' ? set : manifest_default_path;
+    return set != nullptr && *set != '\0' ? set : MANIFEST_DEFAULT_PATH;
 }
 
 kov_status manifest_load(const std::string &path, manifest &loaded)
 {
     loaded = {};
     std::vector<std::uint8_t> content;
-    const int error = small_file_read(path, manifest_max_bytes, content);
+    const int error = small_file_read(path, MANIFEST_MAX_BYTES, content);
     if (error == ENOENT || error == ENOTDIR)
         return KOV_ERR_NOT_PROVISIONED;
     if (error == EFBIG || error == EINVAL) // too large, or no file
@@ -186,12 +186,12 @@ std::string manifest_text(const manifest &written)
     json identifiers = json::array();
     for (const manifest_identifier &identifier : written.identifiers) {
         json entry{{"place", identifier.place}};
-        for (std::size_t i = 0; i < tpm_algorithm_count; ++i)
+        for (std::size_t i = 0; i < TPM_ALGORITHM_COUNT; ++i)
             entry[tpm_algorithms[i].name] =
                 hex_text(identifier.digests[i].data(), tpm_algorithms[i].digest_size);
         identifiers.push_back(std::move(entry));
     }
-    const json document{{"version", manifest_version},
+    const json document{{"version", MANIFEST_VERSION},
                         {"node", written.node},
                         {"demonstration_ca", written.demonstration_ca},
                         {"keys", std::move(keys)},

@@ -21,9 +21,9 @@
 #include "platform/tpm/algorithms.h"
 #include "platform/trust_anchor_client.h"
 
-inline constexpr char manifest_default_path[] = "/etc/attestation_agent/trust_anchor.json";
-inline constexpr std::size_t manifest_max_bytes = std::size_t{1} << 20;
-inline constexpr std::size_t manifest_max_identifiers = 2048; // about 1 MiB of manifest; a board has dozens
+inline constexpr char MANIFEST_DEFAULT_PATH[] = "/etc/attestation_agent/trust_anchor.json";
+inline constexpr std::size_t MANIFEST_MAX_BYTES = std::size_t{1} << 20;
+inline constexpr std::size_t MANIFEST_MAX_IDENTIFIERS = 2048; // about 1 MiB of manifest; a board has dozens
 
 struct manifest_key {
     std::string name;
@@ -37,7 +37,7 @@ struct manifest_object {
 };
 struct manifest_identifier {
     std::string place;
-    std::array<digest_value, tpm_algorithm_count> digests; // in the order of tpm_algorithms
+    std::array<digest_value, TPM_ALGORITHM_COUNT> digests; // in the order of tpm_algorithms
 };
 struct manifest {
     std::string directory;

@@ -42,7 +42,7 @@ kov_status read_reference_pcr(tpm_connection &connection, const std::vector<cons
 {
     TPML_PCR_SELECTION asked{};
     for (const tpm_algorithm *bank : banks)
-        asked.pcrSelections[asked.count++] = pcr_selection(*bank, 1u << reference_pcr);
+        asked.pcrSelections[asked.count++] = pcr_selection(*bank, 1u << REFERENCE_PCR);
     UINT32 counter = 0;
     TPML_PCR_SELECTION *read = nullptr;
     TPML_DIGEST *answer = nullptr;
@@ -67,7 +67,7 @@ bool reference_list_make(const std::vector<board_identifier> &board,
     reference.clear();
     for (const board_identifier &one : board) {
         manifest_identifier recorded{one.place, {}};
-        for (std::size_t i = 0; i < tpm_algorithm_count; ++i) {
+        for (std::size_t i = 0; i < TPM_ALGORITHM_COUNT; ++i) {
             if (!digest_of(tpm_algorithms[i], {bytes_of(one.value)}, recorded.digests[i]))
                 return false;
         }
@@ -156,7 +156,7 @@ kov_status reference_list_bind(tpm_connection &connection, const std::vector<man
     }
     if (values.count == 0)
         return KOV_SUCCESS;
-    const TSS2_RC code = Esys_PCR_Extend(connection.esys, ESYS_TR_PCR0 + reference_pcr, ESYS_TR_PASSWORD,
+    const TSS2_RC code = Esys_PCR_Extend(connection.esys, ESYS_TR_PCR0 + REFERENCE_PCR, ESYS_TR_PASSWORD,
                                          ESYS_TR_NONE, ESYS_TR_NONE, &values);
     *extended = code == TSS2_RC_SUCCESS;
     return tpm_connection_result(connection, code);

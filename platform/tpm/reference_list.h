@@ -9,7 +9,7 @@
 #include "platform/tpm/connection.h"
 #include "platform/tpm/manifest.h"
 
-inline constexpr std::uint32_t reference_pcr = 15;
+inline constexpr std::uint32_t REFERENCE_PCR = 15;
 
 // The reference list that records these identifiers. False when OpenSSL fails.
 [[nodiscard]] bool reference_list_make(const std::vector<board_identifier> &board,

@@ -95,10 +95,10 @@ TEST_F(manifest_test, EveryPartThatIsNotAsItMustBeIsRefused)
     for (const parts &one : wrong)
         EXPECT_EQ(load(text_of(one)), KOV_ERR_MANIFEST) << text_of(one);
     std::string many = "[" + identifier("0");
-    for (std::size_t i = 1; i <= manifest_max_identifiers; ++i)
+    for (std::size_t i = 1; i <= MANIFEST_MAX_IDENTIFIERS; ++i)
         many += "," + identifier(std::to_string(i));
     EXPECT_EQ(load(text_of({.identifiers = many + "]"})), KOV_ERR_MANIFEST);
-    EXPECT_EQ(load(text_of(good) + std::string(manifest_max_bytes, ' ')), KOV_ERR_MANIFEST);
+    EXPECT_EQ(load(text_of(good) + std::string(MANIFEST_MAX_BYTES, ' ')), KOV_ERR_MANIFEST);
 }
 
 TEST_F(manifest_test, ATruncatedManifestIsRefusedAtEveryLength)

@@ -17,7 +17,7 @@ using namespace std::chrono_literals;
 
 class transport_test : public provisioned_fixture {
 protected:
-    ~transport_test() override { linux_ipc_set_command_bound(ipc_command_bound); }
+    ~transport_test() override { linux_ipc_set_command_bound(IPC_COMMAND_BOUND); }
 
     // Evidence as a request asks for it. Whether all of it came.
     bool request()
@@ -75,7 +75,7 @@ TEST_F(transport_test, ATpmThatHangsIsGivenUp)
     EXPECT_EQ(session.pcr(2, 0).status, KOV_ERR_TIMEOUT);
     EXPECT_EQ(login().login_status, KOV_ERR_TIMEOUT);
     tpm_.resume();
-    linux_ipc_set_command_bound(ipc_command_bound);
+    linux_ipc_set_command_bound(IPC_COMMAND_BOUND);
     EXPECT_TRUE(request());
 }
 
@@ -115,7 +115,7 @@ TEST_F(transport_test, ADeviceIsReachedThroughItsThread)
     EXPECT_TRUE(request());
     linux_ipc_set_command_bound(200ms);
     kill(tpm, SIGSTOP);
-    for (int i = 0; i < 2 * ipc_max_stuck_relays; ++i)
+    for (int i = 0; i < 2 * IPC_MAX_STUCK_RELAYS; ++i)
         EXPECT_EQ(login().login_status, KOV_ERR_TIMEOUT) << "also when no further thread is to be stuck";
     kill(tpm, SIGKILL);
     waitpid(tpm, nullptr, 0);
@@ -186,7 +186,7 @@ TEST_F(transport_test, NonsenseIsAStatus)
         {"a TPM that always wants a retry", TPM2_RC_RETRY, {tpm_response(TPM2_RC_RETRY)}},
     };
     for (const nonsense &one : cases) {
-        linux_ipc_set_command_bound(one.expected == KOV_ERR_TIMEOUT ? 150ms : ipc_command_bound);
+        linux_ipc_set_command_bound(one.expected == KOV_ERR_TIMEOUT ? 150ms : IPC_COMMAND_BOUND);
         const std::string path = tpm_.directory() + "/fake";
         const fake_tpm fake(path, [&](int, auto) { return one.answer; });
         use("swtpm:path=" + path, tpm_.manifest());

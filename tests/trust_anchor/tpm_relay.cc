@@ -12,7 +12,7 @@ constexpr std::size_t code_offset = 6;
 std::uint32_t code_of(std::span<const std::uint8_t> command)
 {
     std::uint32_t code = 0;
-    for (std::size_t i = code_offset; i < ipc_header_size && i < command.size(); ++i)
+    for (std::size_t i = code_offset; i < IPC_HEADER_SIZE && i < command.size(); ++i)
         code = code << 8 | command[i];
     return code;
 }
@@ -64,11 +64,11 @@ fake_answer tpm_relay::answer(int number, std::span<const std::uint8_t> command)
         tpm_.reset(); // it serves one connection at a time
         tpm_ = connect_to_socket(tpm_path_);
     }
-    std::vector<std::uint8_t> response(ipc_max_message);
+    std::vector<std::uint8_t> response(IPC_MAX_MESSAGE);
     std::size_t have = 0;
     if (send(tpm_.get(), command.data(), command.size(), MSG_NOSIGNAL) < 0)
         return {{}, true};
-    while (have < ipc_header_size || have < ipc_message_size(response.data())) {
+    while (have < IPC_HEADER_SIZE || have < ipc_message_size(response.data())) {
         const ssize_t count = recv(tpm_.get(), response.data() + have, response.size() - have, 0);
         if (count <= 0)
             return {{}, true};

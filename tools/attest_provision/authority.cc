@@ -11,8 +11,8 @@
 
 namespace {
 
-constexpr char demonstration_organization[] = "DEMONSTRATION";
-constexpr unsigned demonstration_key_bits = 2048;
+constexpr char DEMONSTRATION_ORGANIZATION[] = "DEMONSTRATION";
+constexpr unsigned DEMONSTRATION_KEY_BITS = 2048;
 
 using bio = std::unique_ptr<BIO, decltype(&BIO_free)>;
 
@@ -76,17 +76,17 @@ bool authority_load(const std::string &certificate_file, const std::string &key_
 
 bool authority_make_demonstration(authority &made)
 {
-    const evp_pkey root_key(EVP_RSA_gen(demonstration_key_bits));
-    made.issuing_key.reset(EVP_RSA_gen(demonstration_key_bits));
+    const evp_pkey root_key(EVP_RSA_gen(DEMONSTRATION_KEY_BITS));
+    made.issuing_key.reset(EVP_RSA_gen(DEMONSTRATION_KEY_BITS));
     made.demonstration = true;
     if (!root_key || !made.issuing_key)
         return complain_of_openssl("cannot make a CA key");
     made.root = certificate_issue({certificate_kind::root_ca, "DEMONSTRATION Root",
-                                   demonstration_organization, root_key.get(), nullptr, root_key.get()});
+                                   DEMONSTRATION_ORGANIZATION, root_key.get(), nullptr, root_key.get()});
     if (!made.root)
         return false;
     made.issuing_ca =
-        certificate_issue({certificate_kind::issuing_ca, "DEMONSTRATION CA", demonstration_organization,
+        certificate_issue({certificate_kind::issuing_ca, "DEMONSTRATION CA", DEMONSTRATION_ORGANIZATION,
                            made.issuing_key.get(), made.root.get(), root_key.get()});
     return made.issuing_ca != nullptr;
 }
@@ -94,7 +94,7 @@ bool authority_make_demonstration(authority &made)
 x509_certificate authority_certify(const authority &by, certificate_kind kind, const std::string &node_name,
                                    EVP_PKEY *key)
 {
-    const std::string organization = by.demonstration ? demonstration_organization : "";
+    const std::string organization = by.demonstration ? DEMONSTRATION_ORGANIZATION : "";
     x509_certificate issued = certificate_issue(
         {kind, common_name(kind, node_name), organization, key, by.issuing_ca.get(), by.issuing_key.get()});
     std::string reason;

@@ -11,15 +11,15 @@
 
 namespace {
 
-constexpr int serial_bits = 159;                    // RFC 5280: at most 20 bytes, positive
-constexpr long clock_slack_seconds = 24L * 60 * 60; // a verifier's clock may be behind
+constexpr int SERIAL_BITS = 159;                    // RFC 5280: at most 20 bytes, positive
+constexpr long CLOCK_SLACK_SECONDS = 24L * 60 * 60; // a verifier's clock may be behind
 
 struct extension {
     int nid;
     const char *value;
 };
 // TCG EK credential profile: what an attestation-key certificate is for.
-constexpr char attestation_key_usage[] = "2.23.133.8.3";
+constexpr char ATTESTATION_KEY_USAGE[] = "2.23.133.8.3";
 
 std::vector<extension> extensions_of(certificate_kind kind)
 {
@@ -34,7 +34,7 @@ std::vector<extension> extensions_of(certificate_kind kind)
     case certificate_kind::attestation:
         return {{NID_basic_constraints, "critical,CA:FALSE"},
                 {NID_key_usage, "critical,digitalSignature"},
-                {NID_ext_key_usage, attestation_key_usage}};
+                {NID_ext_key_usage, ATTESTATION_KEY_USAGE}};
     }
     return {};
 }
@@ -53,13 +53,13 @@ bool add_name(X509 *certificate, const certificate_request &request)
 bool add_serial_and_dates(X509 *certificate, const X509 *issuer)
 {
     const std::unique_ptr<BIGNUM, decltype(&BN_free)> serial(BN_new(), BN_free);
-    if (!serial || BN_rand(serial.get(), serial_bits, BN_RAND_TOP_ONE, BN_RAND_BOTTOM_ANY) != 1 ||
+    if (!serial || BN_rand(serial.get(), SERIAL_BITS, BN_RAND_TOP_ONE, BN_RAND_BOTTOM_ANY) != 1 ||
         BN_to_ASN1_INTEGER(serial.get(), X509_get_serialNumber(certificate)) == nullptr ||
-        X509_gmtime_adj(X509_getm_notBefore(certificate), -clock_slack_seconds) == nullptr)
+        X509_gmtime_adj(X509_getm_notBefore(certificate), -CLOCK_SLACK_SECONDS) == nullptr)
         return false;
     if (issuer != nullptr)
         return X509_set1_notAfter(certificate, X509_get0_notAfter(issuer)) == 1;
-    return X509_time_adj_ex(X509_getm_notAfter(certificate), demonstration_years * 365, 0, nullptr) !=
+    return X509_time_adj_ex(X509_getm_notAfter(certificate), DEMONSTRATION_YEARS * 365, 0, nullptr) !=
            nullptr;
 }
 

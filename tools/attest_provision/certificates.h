@@ -30,8 +30,8 @@ struct certificate_request {
 };
 
 // Null on failure, with the reason said. A certificate ends when its issuer's does; a self-signed one after
-// demonstration_years.
-inline constexpr int demonstration_years = 20;
+// DEMONSTRATION_YEARS.
+inline constexpr int DEMONSTRATION_YEARS = 20;
 x509_certificate certificate_issue(const certificate_request &request);
 
 // DER; empty on failure. Has the four-byte SEQUENCE header that the chain object's readers count on, or is

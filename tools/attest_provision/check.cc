@@ -124,7 +124,7 @@ kov_status quote(kovc_session *session, const char *key_name, std::vector<std::u
     std::uint32_t attest_length = 0;
     std::uint32_t length = 0;
     const kov_status status =
-        kovc_tpm2_pcr_quote(session, 0, key_name, KOV_ALG_SHA256, 1u << reference_pcr, KOV_ALG_SHA256,
+        kovc_tpm2_pcr_quote(session, 0, key_name, KOV_ALG_SHA256, 1u << REFERENCE_PCR, KOV_ALG_SHA256,
                             nullptr, 0, &attest, &attest_length, &made, &length);
     const malloc_ptr<std::uint8_t> owned_attest(attest);
     const malloc_ptr<std::uint8_t> owned(made);
@@ -207,7 +207,7 @@ kov_status log_in(kovc_context *context, kovc_session **session)
 }
 
 // What the agent would do with the node. The login also extends PCR 15 where the agent would.
-bool check_through_client(findings &found, certificates (&read)[std::size(certified_keys)])
+bool check_through_client(findings &found, certificates (&read)[std::size(CERTIFIED_KEYS)])
 {
     kovc_context *context = nullptr;
     kovc_session *session = nullptr;
@@ -222,9 +222,9 @@ bool check_through_client(findings &found, certificates (&read)[std::size(certif
         status = log_in(context, &session);
     if (status != KOV_SUCCESS)
         return complain_of_status("no TPM", status);
-    for (std::size_t i = 0; i < std::size(certified_keys); ++i) {
-        check_certificates(session, certified_keys[i], found, read[i]);
-        check_use(session, certified_keys[i], read[i], found);
+    for (std::size_t i = 0; i < std::size(CERTIFIED_KEYS); ++i) {
+        check_certificates(session, CERTIFIED_KEYS[i], found, read[i]);
+        check_use(session, CERTIFIED_KEYS[i], read[i], found);
     }
     return kovc_app_logout(&session) == KOV_SUCCESS;
 }
@@ -240,14 +240,14 @@ int check(const std::string &manifest_path)
         return EXIT_REFUSED;
     }
     findings found;
-    certificates read[std::size(certified_keys)];
+    certificates read[std::size(CERTIFIED_KEYS)];
     if (!check_through_client(found, read))
         return EXIT_FAILED;
     std::unique_ptr<tpm_connection> tpm;
     if (!tpm_connect(tpm))
         return EXIT_FAILED;
-    for (std::size_t i = 0; i < std::size(certified_keys); ++i)
-        check_key(*tpm, node, certified_keys[i], read[i], found);
+    for (std::size_t i = 0; i < std::size(CERTIFIED_KEYS); ++i)
+        check_key(*tpm, node, CERTIFIED_KEYS[i], read[i], found);
     check_board(node, found);
     check_binding(*tpm, node, found);
     if (!tpm_connection_whole(*tpm))

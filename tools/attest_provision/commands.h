@@ -12,17 +12,17 @@ struct provision_options {
 };
 
 // What a node is provisioned with.
-inline constexpr char identity_key_name[] = "RSA_VOXAKEY";
-inline constexpr char attestation_key_name[] = "RSA_AIK_KEY";
+inline constexpr char IDENTITY_KEY_NAME[] = "RSA_VOXAKEY";
+inline constexpr char ATTESTATION_KEY_NAME[] = "RSA_AIK_KEY";
 struct certified_key {
     const char *key_name;
     const char *certificate_object;
     const char *chain_object; // issuing CA, then root, both DER
     bool restricted;
 };
-inline constexpr certified_key certified_keys[] = {
-    {identity_key_name, "RSA_VOXACRT", "RSA_SCHAIN", false},
-    {attestation_key_name, "RSA_AIK_CRT", "RSA_AIK_CHAIN", true},
+inline constexpr certified_key CERTIFIED_KEYS[] = {
+    {IDENTITY_KEY_NAME, "RSA_VOXACRT", "RSA_SCHAIN", false},
+    {ATTESTATION_KEY_NAME, "RSA_AIK_CRT", "RSA_AIK_CHAIN", true},
 };
 
 int provision(const provision_options &options);

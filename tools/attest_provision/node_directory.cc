@@ -16,9 +16,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char inventory_name[] = "trust_anchor.inventory";
-constexpr std::size_t inventory_limit = 65536;
-constexpr char folder_prefix[] = "certificates-";
+constexpr char INVENTORY_NAME[] = "trust_anchor.inventory";
+constexpr std::size_t INVENTORY_MAX = 65536;
+constexpr char FOLDER_PREFIX[] = "certificates-";
 
 bool write_and_sync(int fd, const std::string &content)
 {
@@ -42,7 +42,7 @@ bool sync_directory_of(const std::string &path)
 // Only what this program makes: a folder name is also what is removed.
 bool is_folder_name(const std::string &name)
 {
-    return name.starts_with(folder_prefix) && name.find('/') == std::string::npos;
+    return name.starts_with(FOLDER_PREFIX) && name.find('/') == std::string::npos;
 }
 
 void read_line(const std::string &line, inventory &read)
@@ -98,7 +98,7 @@ inventory inventory_read(const node_directory &directory)
 {
     std::vector<std::uint8_t> content;
     inventory read;
-    if (small_file_read(directory.path + "/" + inventory_name, inventory_limit, content) != 0)
+    if (small_file_read(directory.path + "/" + INVENTORY_NAME, INVENTORY_MAX, content) != 0)
         return read;
     std::istringstream lines(std::string(content.begin(), content.end()));
     for (std::string line; std::getline(lines, line);)
@@ -113,7 +113,7 @@ bool inventory_write(const node_directory &directory, const inventory &written)
         text << "key 0x" << std::hex << key.handle << ' ' << key.tpm_name << '\n';
     for (const std::string &folder : written.folders)
         text << "folder " << folder << '\n';
-    return node_directory_write(directory, inventory_name, text.str());
+    return node_directory_write(directory, INVENTORY_NAME, text.str());
 }
 
 bool node_directory_remove_folder(const node_directory &directory, const std::string &folder)

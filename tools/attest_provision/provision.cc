@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr std::size_t key_count = std::size(certified_keys);
+constexpr std::size_t KEY_COUNT = std::size(CERTIFIED_KEYS);
 
 struct run {
     explicit run(const provision_options &chosen) : options(chosen) {}
@@ -117,10 +117,10 @@ bool name_folder(run &now)
 }
 
 // The inventory knows of keys and folder before they are there.
-bool announce(run &now, const std::array<made_key, key_count> &keys,
+bool announce(run &now, const std::array<made_key, KEY_COUNT> &keys,
               const std::vector<std::uint32_t> &handles)
 {
-    for (std::size_t i = 0; i < key_count; ++i)
+    for (std::size_t i = 0; i < KEY_COUNT; ++i)
         now.held.keys.push_back({handles[i], keys[i].tpm_name});
     now.held.folders.push_back(now.folder);
     return inventory_write(now.directory, now.held);
@@ -138,16 +138,16 @@ bool store_object(run &now, const char *name, const std::string &content)
     return node_directory_write(now.directory, file, content);
 }
 
-bool store_certificates(run &now, const std::array<made_key, key_count> &keys)
+bool store_certificates(run &now, const std::array<made_key, KEY_COUNT> &keys)
 {
     const std::string path = now.directory.path + "/" + now.folder;
     if (mkdir(path.c_str(), 0755) != 0)
         return complain_of_errno("cannot make " + path, errno);
     const std::string chain =
         text_of(certificate_der(now.ca.issuing_ca.get())) + text_of(certificate_der(now.ca.root.get()));
-    for (std::size_t i = 0; i < key_count; ++i) {
+    for (std::size_t i = 0; i < KEY_COUNT; ++i) {
         const auto kind =
-            certified_keys[i].restricted ? certificate_kind::attestation : certificate_kind::device_identity;
+            CERTIFIED_KEYS[i].restricted ? certificate_kind::attestation : certificate_kind::device_identity;
         const x509_certificate issued =
             authority_certify(now.ca, kind, now.options.node_name, keys[i].public_key.get());
         if (!issued)
@@ -155,8 +155,8 @@ bool store_certificates(run &now, const std::array<made_key, key_count> &keys)
         const std::vector<std::uint8_t> der = certificate_der(issued.get());
         if (der.empty())
             return complain("the certificate issued does not fit the chain format");
-        if (!store_object(now, certified_keys[i].certificate_object, text_of(der)) ||
-            !store_object(now, certified_keys[i].chain_object, chain))
+        if (!store_object(now, CERTIFIED_KEYS[i].certificate_object, text_of(der)) ||
+            !store_object(now, CERTIFIED_KEYS[i].chain_object, chain))
             return false;
     }
     return true;
@@ -165,24 +165,24 @@ bool store_certificates(run &now, const std::array<made_key, key_count> &keys)
 // Keys in the TPM, certificates in their folder; nothing refers to them yet.
 bool make_material(run &now)
 {
-    std::array<made_key, key_count> keys;
+    std::array<made_key, KEY_COUNT> keys;
     transient_object root;
     if (!tpm_make_storage_root(*now.tpm, root))
         return false;
-    for (std::size_t i = 0; i < key_count; ++i) {
-        if (!tpm_make_key(*now.tpm, root, certified_keys[i].restricted, keys[i]))
+    for (std::size_t i = 0; i < KEY_COUNT; ++i) {
+        if (!tpm_make_key(*now.tpm, root, CERTIFIED_KEYS[i].restricted, keys[i]))
             return false;
     }
     std::vector<std::uint32_t> handles;
-    if (!tpm_free_handles(*now.tpm, key_count, handles) || !announce(now, keys, handles) ||
+    if (!tpm_free_handles(*now.tpm, KEY_COUNT, handles) || !announce(now, keys, handles) ||
         !store_certificates(now, keys))
         return false;
-    for (std::size_t i = 0; i < key_count; ++i) {
+    for (std::size_t i = 0; i < KEY_COUNT; ++i) {
         if (!tpm_make_persistent(*now.tpm, keys[i], handles[i]))
             return false;
         std::vector<std::uint8_t> tpm_name;
         hex_value(keys[i].tpm_name, tpm_name);
-        now.made.keys.push_back({certified_keys[i].key_name, handles[i], std::move(tpm_name)});
+        now.made.keys.push_back({CERTIFIED_KEYS[i].key_name, handles[i], std::move(tpm_name)});
     }
     return true;
 }
@@ -194,7 +194,7 @@ bool commit(run &now)
     if (!reference_list_make(board_identifiers_read(this_board()), now.made.identifiers))
         return complain_of_openssl("cannot digest the board's identifiers");
     const std::string text = manifest_text(now.made);
-    if (text.size() > manifest_max_bytes)
+    if (text.size() > MANIFEST_MAX_BYTES)
         return complain("the manifest is too large");
     return node_directory_write(now.directory,
                                 now.directory.manifest_path.substr(now.directory.path.size() + 1), text);

@@ -14,9 +14,9 @@
 namespace {
 
 // A discrete TPM may search primes for minutes; no agent waits here.
-constexpr std::chrono::minutes key_making_bound{5};
+constexpr std::chrono::minutes KEY_MAKING_BOUND{5};
 
-constexpr ESYS_TR none = ESYS_TR_NONE;
+constexpr ESYS_TR NO_SESSION = ESYS_TR_NONE;
 
 TPM2B_PUBLIC storage_root_template()
 {
@@ -116,13 +116,13 @@ TSS2_RC create_loaded(tpm_connection &connection, const transient_object &root, 
     TPM2B_DATA outside{};
     TPML_PCR_SELECTION no_pcrs{};
     TSS2_RC code =
-        Esys_Create(connection.esys, root.handle, ESYS_TR_PASSWORD, none, none, &sensitive, &wanted, &outside,
-                    &no_pcrs, &private_part, &public_part, nullptr, nullptr, nullptr);
+        Esys_Create(connection.esys, root.handle, ESYS_TR_PASSWORD, NO_SESSION, NO_SESSION, &sensitive,
+                    &wanted, &outside, &no_pcrs, &private_part, &public_part, nullptr, nullptr, nullptr);
     const esys_ptr<TPM2B_PRIVATE> owned_private(private_part);
     const esys_ptr<TPM2B_PUBLIC> owned_public(public_part);
     if (code == TSS2_RC_SUCCESS)
-        code = Esys_Load(connection.esys, root.handle, ESYS_TR_PASSWORD, none, none, owned_private.get(),
-                         owned_public.get(), &loaded.handle);
+        code = Esys_Load(connection.esys, root.handle, ESYS_TR_PASSWORD, NO_SESSION, NO_SESSION,
+                         owned_private.get(), owned_public.get(), &loaded.handle);
     loaded.esys = connection.esys;
     return code;
 }
@@ -139,7 +139,7 @@ bool tpm_connect(std::unique_ptr<tpm_connection> &connection)
 {
     constexpr kov_ipc_callbacks linux_ipc{kov_linux_ipc_init,  kov_linux_ipc_cleanup, kov_linux_ipc_open,
                                           kov_linux_ipc_close, kov_linux_ipc_send,    kov_linux_ipc_receive};
-    linux_ipc_set_command_bound(key_making_bound);
+    linux_ipc_set_command_bound(KEY_MAKING_BOUND);
     std::uint64_t device = 0;
     std::uint64_t info = 0;
     if (platform_get_kov_device_info(&device, &info) != 0)
@@ -154,9 +154,9 @@ bool tpm_make_storage_root(tpm_connection &connection, transient_object &root)
     const TPM2B_PUBLIC wanted = storage_root_template();
     TPM2B_DATA outside{};
     TPML_PCR_SELECTION no_pcrs{};
-    const TSS2_RC code =
-        Esys_CreatePrimary(connection.esys, ESYS_TR_RH_OWNER, ESYS_TR_PASSWORD, none, none, &sensitive,
-                           &wanted, &outside, &no_pcrs, &root.handle, nullptr, nullptr, nullptr, nullptr);
+    const TSS2_RC code = Esys_CreatePrimary(connection.esys, ESYS_TR_RH_OWNER, ESYS_TR_PASSWORD, NO_SESSION,
+                                            NO_SESSION, &sensitive, &wanted, &outside, &no_pcrs, &root.handle,
+                                            nullptr, nullptr, nullptr, nullptr);
     root.esys = connection.esys;
     return said(connection, "cannot make the storage root key", code);
 }
@@ -167,7 +167,8 @@ bool tpm_make_key(tpm_connection &connection, const transient_object &root, bool
     if (!said(connection, "cannot make a key", code))
         return false;
     TPM2B_PUBLIC *area = nullptr;
-    code = Esys_ReadPublic(connection.esys, key.object.handle, none, none, none, &area, nullptr, nullptr);
+    code = Esys_ReadPublic(connection.esys, key.object.handle, NO_SESSION, NO_SESSION, NO_SESSION, &area,
+                           nullptr, nullptr);
     const esys_ptr<TPM2B_PUBLIC> owned(area);
     if (!said(connection, "cannot read a key back", code) ||
         !name_of(connection, key.object.handle, key.tpm_name))
@@ -181,9 +182,9 @@ bool tpm_free_handles(tpm_connection &connection, std::size_t count, std::vector
     handles.clear();
     std::vector<std::uint32_t> taken;
     if (!said(connection, "cannot list the persistent keys",
-              tpm_connection_handles(connection, key_handle_first, taken)))
+              tpm_connection_handles(connection, KEY_HANDLE_FIRST, taken)))
         return false;
-    for (std::uint32_t handle = key_handle_first; handle <= key_handle_last && handles.size() < count;
+    for (std::uint32_t handle = KEY_HANDLE_FIRST; handle <= KEY_HANDLE_LAST && handles.size() < count;
          ++handle) {
         if (std::find(taken.begin(), taken.end(), handle) == taken.end())
             handles.push_back(handle);
@@ -195,7 +196,7 @@ bool tpm_make_persistent(tpm_connection &connection, const made_key &key, std::u
 {
     ESYS_TR persistent = ESYS_TR_NONE;
     const TSS2_RC code = Esys_EvictControl(connection.esys, ESYS_TR_RH_OWNER, key.object.handle,
-                                           ESYS_TR_PASSWORD, none, none, handle, &persistent);
+                                           ESYS_TR_PASSWORD, NO_SESSION, NO_SESSION, handle, &persistent);
     return said(connection, "cannot make a key persistent", code);
 }
 
@@ -203,7 +204,8 @@ bool tpm_evict_key(tpm_connection &connection, std::uint32_t handle, const std::
 {
     ESYS_TR object = ESYS_TR_NONE;
     std::string found;
-    TSS2_RC code = Esys_TR_FromTPMPublic(connection.esys, handle, none, none, none, &object);
+    TSS2_RC code =
+        Esys_TR_FromTPMPublic(connection.esys, handle, NO_SESSION, NO_SESSION, NO_SESSION, &object);
     if (code != TSS2_RC_SUCCESS)
         return says_no_such_handle(code) || said(connection, "cannot look at an old key", code);
     if (!name_of(connection, object, found) || found != tpm_name) {
@@ -211,8 +213,8 @@ bool tpm_evict_key(tpm_connection &connection, std::uint32_t handle, const std::
         return true;
     }
     ESYS_TR gone = ESYS_TR_NONE;
-    code = Esys_EvictControl(connection.esys, ESYS_TR_RH_OWNER, object, ESYS_TR_PASSWORD, none, none, handle,
-                             &gone);
+    code = Esys_EvictControl(connection.esys, ESYS_TR_RH_OWNER, object, ESYS_TR_PASSWORD, NO_SESSION,
+                             NO_SESSION, handle, &gone);
     return said(connection, "cannot remove an old key", code);
 }
 
@@ -220,11 +222,13 @@ kov_status tpm_read_key(tpm_connection &connection, std::uint32_t handle, std::s
                         evp_pkey &public_key)
 {
     ESYS_TR object = ESYS_TR_NONE;
-    TSS2_RC code = Esys_TR_FromTPMPublic(connection.esys, handle, none, none, none, &object);
+    TSS2_RC code =
+        Esys_TR_FromTPMPublic(connection.esys, handle, NO_SESSION, NO_SESSION, NO_SESSION, &object);
     if (code != TSS2_RC_SUCCESS)
         return tpm_connection_result(connection, code);
     TPM2B_PUBLIC *area = nullptr;
-    code = Esys_ReadPublic(connection.esys, object, none, none, none, &area, nullptr, nullptr);
+    code =
+        Esys_ReadPublic(connection.esys, object, NO_SESSION, NO_SESSION, NO_SESSION, &area, nullptr, nullptr);
     const esys_ptr<TPM2B_PUBLIC> owned(area);
     if (code == TSS2_RC_SUCCESS) {
         name_of(connection, object, tpm_name);

@@ -11,8 +11,8 @@
 
 // Persistent handles that the keys get, the first free ones; in the owner's range, out of the way of those
 // that the TCG reserves for endorsement and storage keys.
-inline constexpr std::uint32_t key_handle_first = 0x81014100;
-inline constexpr std::uint32_t key_handle_last = 0x810141FF;
+inline constexpr std::uint32_t KEY_HANDLE_FIRST = 0x81014100;
+inline constexpr std::uint32_t KEY_HANDLE_LAST = 0x810141FF;
 
 // A key that the TPM holds until it is flushed: by the destructor.
 struct transient_object {
