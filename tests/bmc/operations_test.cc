@@ -35,14 +35,12 @@ int rest_operation(std::uint32_t op, const char *node_name, const std::uint8_t *
     now.operation = op;
     now.node = node_name;
     now.request.assign(reinterpret_cast<const char *>(request), static_cast<std::size_t>(request_len));
-    *response = nullptr;
+    // Also with a failure: what came before it is no reply.
     *response_len = static_cast<std::uint32_t>(now.response.size());
-    if (now.call == 0) {
-        *response = static_cast<std::uint8_t *>(std::malloc(now.response.size() + 1));
-        if (*response == nullptr)
-            return -1;
-        std::memcpy(*response, now.response.data(), now.response.size());
-    }
+    *response = static_cast<std::uint8_t *>(std::calloc(1, now.response.size() + 1));
+    if (*response == nullptr)
+        return -1;
+    std::memcpy(*response, now.response.data(), now.response.size());
     return now.call;
 }
 
