@@ -70,6 +70,19 @@ public:
         other.count_ = 0;
     }
 
+    // Releases the events with smaller numbers, which come first.
+    void drop_before(std::uint64_t number) noexcept
+    {
+        std::uint64_t dropped = 0;
+        while (dropped < count_ && items_[dropped].event_num < number)
+            message_release(items_[dropped++]);
+        if (dropped == 0)
+            return;
+        count_ -= dropped;
+        std::memmove(static_cast<void *>(items_), items_ + dropped, count_ * sizeof(IMA_EVENT));
+        std::memset(static_cast<void *>(items_ + count_), 0, dropped * sizeof(IMA_EVENT));
+    }
+
     // Releases what is in the events; the array stays, of zeros.
     void clear() noexcept
     {

@@ -83,14 +83,15 @@ std::int32_t send(ima_retrieval &retrieval, event_array &chunk)
 
 cache_phase at_send_ima_from_cache(ima_retrieval &retrieval)
 {
-    const std::uint64_t start = retrieval.unsent != 0 ? retrieval.unsent : retrieval.start_event;
-    cache_phase phase{.last_event = start};
+    const bool goes_on = retrieval.unsent != 0;
+    cache_phase phase{.last_event = goes_on ? retrieval.unsent - 1 : retrieval.start_event};
     cache_reader reader;
-    if (reader.start(start) != 1)
+    if (reader.start(goes_on ? retrieval.unsent : retrieval.start_event) != 1)
         return phase;
     progress now;
     event_array first = reader.take();
     std::uint64_t last = last_of(first, 0);
+    first.drop_before(retrieval.unsent); // the chunks were others when the stream began
     if (!take_first(retrieval, std::move(first), now))
         return phase;
     phase.last_served = last;

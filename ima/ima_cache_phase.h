@@ -7,9 +7,10 @@
 
 struct cache_phase {
     std::int32_t result = -1;      // 1, stopped by the limit or by the memory; 0, the end of the cache; -1
-    std::uint64_t last_event = 0;  // of the chunk that was taken last; the start event when there is none
+    std::uint64_t last_event = 0;  // of the chunk that was taken last; without one, the one before what comes
     std::uint64_t last_served = 0; // of all chunks, also of the first one
 };
 
-// Takes the chunks from the one that holds the start event on: into the retrieval's events, or sends them.
+// Takes the chunks from the one that holds the start event, or the first that the client does not have, on:
+// into the retrieval's events, or sends them.
 cache_phase at_send_ima_from_cache(ima_retrieval &retrieval);

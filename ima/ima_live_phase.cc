@@ -32,7 +32,7 @@ bool is_cached(const live_state &live)
     return live.caching && at_agent_state.ima_cache_ready != 0;
 }
 
-// Skips what comes before the first event that the client does not have: an answer never repeats itself.
+// Skips what the client has already.
 bool skip_what_was_sent(const ima_retrieval &retrieval, live_state &live)
 {
     if (retrieval.unsent == 0 || retrieval.unsent - 1 <= live.precedes)

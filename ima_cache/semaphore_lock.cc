@@ -31,29 +31,14 @@ constexpr sembuf wait_until_zero(unsigned short semaphore)
     return {semaphore, 0, SEM_UNDO};
 }
 
-int create_set(const char *operation, key_t key)
-{
-    int semid = semget(key, SEM_COUNT, IPC_CREAT | SEM_MODE);
-    if (semid < 0) {
-        attest_trace_as(operation, "semget: could not create semaphore\n");
-        return -1;
-    }
-    attest_trace_as(operation, "create_shmht: Init the semaphores to 0 (unlocked)\n");
-    for (unsigned short semaphore : {SEM_HOLDERS, SEM_WRITER_GATE}) {
-        if (semctl(semid, semaphore, SETVAL, 0) < 0) {
-            attest_trace_as(operation, "semctl failed");
-            return -1;
-        }
-    }
-    return semid;
-}
-
+// A set's creator keeps an owner's rights, whoever is its owner by now.
 bool is_own(int semid, semid_ds &about)
 {
-    return semctl(semid, 0, IPC_STAT, &about) == 0 && about.sem_perm.uid == geteuid();
+    return semctl(semid, 0, IPC_STAT, &about) == 0 && about.sem_perm.uid == geteuid() &&
+           about.sem_perm.cuid == geteuid();
 }
 
-// Any user can lay a set of any length under a key.
+// Any user can lay a set of any length under a key. Removing it takes CAP_SYS_ADMIN; what stays is refused.
 void remove_foreign_set(key_t key)
 {
     semid_ds about{};
@@ -68,6 +53,23 @@ bool keep_from_others(int semid)
         return false;
     about.sem_perm.mode = 0600;
     return semctl(semid, 0, IPC_SET, &about) == 0;
+}
+
+int create_set(const char *operation, key_t key)
+{
+    int semid = semget(key, SEM_COUNT, IPC_CREAT | IPC_EXCL | SEM_MODE);
+    if (semid < 0 || !keep_from_others(semid)) {
+        attest_trace_as(operation, "semget: could not create semaphore\n");
+        return -1;
+    }
+    attest_trace_as(operation, "create_shmht: Init the semaphores to 0 (unlocked)\n");
+    for (unsigned short semaphore : {SEM_HOLDERS, SEM_WRITER_GATE}) {
+        if (semctl(semid, semaphore, SETVAL, 0) < 0) {
+            attest_trace_as(operation, "semctl failed");
+            return -1;
+        }
+    }
+    return semid;
 }
 
 } // namespace

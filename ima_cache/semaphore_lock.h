@@ -26,7 +26,7 @@ int at_sem_wrunlock(int semid);
 inline constexpr int SEM_PROJECT = 1;
 
 // The set for `key`, created unlocked if need be; whoever may create it at the same time must be kept out.
-// Another user's set under the key is removed, and no other user can use this one afterwards: who can, can
-// hold the agent up for ever. Its id, traced under `operation`; or -1, with a trace line that says what
-// failed.
+// Another user's set under the key is removed, or refused where this process may not remove it, and no other
+// user can use this one afterwards: who can, can hold the agent up for ever. Its id, traced under
+// `operation`; or -1, with a trace line that says what failed.
 int at_sem_get(const char *operation, key_t key);

@@ -209,6 +209,8 @@ shmht_handle *at_create_shmht(const char *name, const char *path, std::uint64_t 
         return nullptr;
     if (table->new_size_index)
         write_header(*handle, semid, *table->new_size_index);
+    else // the set may have been removed since
+        shm_store(handle->header->semid, static_cast<std::uint32_t>(semid));
     flock(fd, LOCK_UN);
     return handle.release();
 }

@@ -5,8 +5,8 @@
 #include <cstdint>
 
 // Writes the node's name, NUL-terminated, into `buffer` of `size` bytes: ATTEST_NODE_NAME, or the host name,
-// cut to fit. 0; or a platform status, with `buffer` an empty text: an ATTEST_NODE_NAME that is empty, does
-// not fit or has bytes other than printable ASCII is refused, not mended.
+// cut to fit. 0; or a platform status, with `buffer` an empty text: bytes other than printable ASCII, and an
+// ATTEST_NODE_NAME that is empty or does not fit, are refused, not mended.
 std::uint32_t platform_get_node_name(char *buffer, std::size_t size);
 
 // ATTEST_NODE_ID, decimal; 0 when not set. 0 or a platform status.

@@ -25,8 +25,8 @@ struct rpc_limits {
     std::uint64_t queue_high_bytes = std::uint64_t{8} << 20;
     std::uint64_t queue_low_bytes = std::uint64_t{2} << 20;
     // While all queues together are larger, requests for a whole log wait: such answers have no other bound
-    // than their number, one a client. Other answers are refused then from large_message_bytes on. Room for
-    // 60 streams that nobody takes.
+    // than their number, one a client. Other answers, and messages of streams, are refused then from
+    // large_message_bytes on. Room for 60 streams that nobody takes.
     std::uint64_t all_queues_bytes = std::uint64_t{512} << 20;
     // What a queued message costs besides its bytes, so that empty messages are bounded too.
     std::uint64_t message_overhead_bytes = 256;

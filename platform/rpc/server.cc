@@ -142,7 +142,7 @@ void stop(remote_attestation_api_server &server)
     server.grpc.reset();
     if (server.shared == nullptr)
         return;
-    std::deque<rpc_event> dropped;
+    std::list<rpc_event> dropped;
     const std::lock_guard guard(server.shared->lock);
     server.shared->closed = true;
     dropped.swap(server.shared->inbox);

@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -111,7 +112,7 @@ struct rpc_shared {
     std::mutex lock;
     bool closed = false;                                                  // events are dropped
     std::unordered_map<std::uint64_t, std::shared_ptr<rpc_client>> peers; // by rpc_peer_key
-    std::deque<rpc_event> inbox;
+    std::list<rpc_event> inbox;                                           // an empty one needs no memory
     bool posted = false;
     std::shared_ptr<const rpc_allow_list> allow; // null: every client may ask for everything
 

@@ -335,6 +335,19 @@ TEST_F(retrieval_test, AStreamGoesOnWithTheRefusedChunkWhateverBecomesOfTheCache
             }
 }
 
+TEST_F(retrieval_test, AStreamFromInsideAChunkRepeatsNothingOfACacheThatGrewMeanwhile)
+{
+    at_agent_state.ima_cache_ready = 1;
+    refuse_send(1, PAUSE);
+    ASSERT_EQ(ask(1500, ALL, 1).status, ATTEST_ERR_FLOW_PAUSED);
+    const at_paused_stream_slot slot = std::exchange(at_agent_state.at_paused_stream, {});
+    fill_cache();
+    sent = {};
+    const answer rest = ask(slot.start_event, slot.event_count, 1, slot.unsent);
+    EXPECT_EQ(sent.numbers, numbers(2501, 7000));
+    EXPECT_EQ(rest.numbers, numbers(7001, LENGTH));
+}
+
 TEST_F(retrieval_test, WhereAPausedStreamGoesOnIsRecordedByItsPlace)
 {
     refuse_send(2, PAUSE);

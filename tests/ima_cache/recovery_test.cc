@@ -10,6 +10,7 @@
 #include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "ima_cache/cache_block.h"
@@ -365,6 +366,24 @@ TEST_F(Recovery, LeavesItsSemaphoresToNoOtherUser)
         EXPECT_EQ(state().sem_perm.uid, geteuid());
         expect_events(events);
     }
+    // Given to the agent's user by one who keeps a creator's rights.
+    ASSERT_EQ(semctl(ima_cache_ctx.semid, 0, IPC_RMID), 0);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        semid_ds about{};
+        int set = -1;
+        if (setresuid(1, 1, 1) == 0)
+            set = semget(key, SEM_COUNT, IPC_CREAT | 0600);
+        semctl(set, 0, IPC_STAT, &about);
+        about.sem_perm.uid = 0;
+        _exit(semctl(set, 0, IPC_SET, &about) == 0 ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_EQ(status, 0);
+    ASSERT_EQ(restart(), 1);
+    EXPECT_EQ(state().sem_perm.cuid, geteuid());
 }
 
 // ---- the first start of a boot ----

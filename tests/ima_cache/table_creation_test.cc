@@ -88,6 +88,17 @@ TEST(Reopening, KeepsEntriesWhenAnotherSizeIsAskedFor)
 }
 
 // What may lie under the table's name that is no whole table.
+TEST(Reopening, LocksWithTheSetThatIsThereNow)
+{
+    table_of_test table;
+    table.insert("key", 1);
+    ASSERT_EQ(semctl(static_cast<int>(table->header->semid), 0, IPC_RMID), 0);
+    auto later = table.open_again();
+    ASSERT_TRUE(later);
+    EXPECT_EQ(insert_key(later.get(), "other", 2), SHMHT_INSERTED);
+    EXPECT_EQ(search_key(later.get(), "key"), 1);
+}
+
 TEST(Reopening, TakesNoForeignObjectForATable)
 {
     const struct {
