@@ -2,7 +2,6 @@
 // this ends, pauses or resumes.
 #include "agent/handlers.h"
 
-#include "agent/agent_state.h"
 #include "agent/debug_trace.h"
 #include "agent/ima_request.h"
 #include "agent/metrics.h"
@@ -17,7 +16,7 @@ struct stream_position {
     std::uint32_t request_id;
     std::uint64_t start_event;
     std::uint64_t event_count; // 0: no limit
-    std::uint64_t unsent;      // as in the slot
+    std::uint64_t unsent;      // the first event that the client does not have yet; 0: it has none
 };
 
 void send_message(remote_attestation_api_client client, const NodeIMAData &message, int last,
@@ -41,9 +40,8 @@ bool take_back(remote_attestation_api_client client, stream_position *position)
 {
     if (remote_attestation_api_server_get_user_context(client) != STREAM_PAUSED_MARK)
         return false;
-    position->unsent = at_agent_state.at_paused_stream.unsent;
-    if (at_ima_stream_resume(client, &position->request_id, &position->start_event, &position->event_count) ==
-        0)
+    if (at_ima_stream_resume(client, &position->request_id, &position->start_event, &position->event_count,
+                             &position->unsent) == 0)
         return false;
     remote_attestation_api_server_set_user_context(client, 0);
     return true;
@@ -60,10 +58,8 @@ void send_final_message(remote_attestation_api_client client, const NodeIMAData 
         return;
     std::uint64_t count = position.event_count != 0 ? message.events.count : 0;
     const std::uint64_t first = message.events.items[0].event_num;
-    if (at_ima_stream_pause(client, position.request_id, first, count) == 0)
-        return;
-    at_agent_state.at_paused_stream.unsent = first;
-    remote_attestation_api_server_set_user_context(client, STREAM_PAUSED_MARK);
+    if (at_ima_stream_pause(client, position.request_id, first, count, first) != 0)
+        remote_attestation_api_server_set_user_context(client, STREAM_PAUSED_MARK);
 }
 
 void stream_local_events(remote_attestation_api_client client, const stream_position &position)

@@ -32,28 +32,20 @@ bool is_cached(const live_state &live)
     return live.caching && at_agent_state.ima_cache_ready != 0;
 }
 
-// Skips what the client has already.
-bool skip_what_was_sent(const ima_retrieval &retrieval, live_state &live)
-{
-    if (retrieval.unsent == 0 || retrieval.unsent - 1 <= live.precedes)
-        return true;
-    std::uint64_t sent = retrieval.unsent - 1 - live.precedes;
-    const bool skipped = ima_events_skip(live.log, sent);
-    live.precedes += sent;
-    return skipped;
-}
-
 // Goes to where the reading begins. False: there is nothing to report from there.
 bool go_to_start(const ima_retrieval &retrieval, const live_start &start, live_state &live)
 {
-    bool there = false;
-    if (start.offset != 0) {
-        live.precedes = start.precedes;
-        there =
-            ima_events_seek(live.log, start.offset, start.precedes) && skip_what_was_sent(retrieval, live);
-    } else {
-        live.precedes = retrieval.unsent != 0 ? retrieval.unsent - 1 : retrieval.start_event;
-        there = ima_events_skip(live.log, live.precedes);
+    const bool seeks = start.offset != 0;
+    live.precedes = seeks ? start.precedes : 0;
+    bool there = !seeks || ima_events_seek(live.log, start.offset, start.precedes);
+    // From an offset all is new that has not been sent.
+    std::uint64_t skipped_to = seeks ? 0 : retrieval.start_event;
+    if (retrieval.unsent != 0)
+        skipped_to = retrieval.unsent - 1;
+    if (there && skipped_to > live.precedes) {
+        std::uint64_t between = skipped_to - live.precedes;
+        there = ima_events_skip(live.log, between);
+        live.precedes += between;
     }
     if (!there)
         attest_trace_as(OPERATION, "No events to report based on start event filter %lu", live.precedes);

@@ -1,6 +1,5 @@
 #include "ima/ima_send.h"
 
-#include "agent/agent_state.h"
 #include "agent/debug_trace.h"
 #include "ima/ima_stream.h"
 
@@ -9,6 +8,7 @@ namespace {
 struct resume_point {
     std::uint64_t start_event;
     std::uint64_t event_count;
+    std::uint64_t unsent; // the first event that the client does not have
 };
 
 std::uint64_t left_of(std::uint64_t limit, std::uint64_t done)
@@ -27,27 +27,24 @@ struct place_row {
 constexpr place_row PLACES[] = {
     {"at_send_ima_from_cache",
      [](const ima_retrieval &retrieval, std::uint64_t, const send_position &) {
-         return resume_point{retrieval.start_event, retrieval.event_count};
+         return resume_point{retrieval.start_event, retrieval.event_count, retrieval.unsent};
      }},
     {"at_send_ima_from_cache",
      [](const ima_retrieval &retrieval, std::uint64_t first, const send_position &position) {
-         return resume_point{first, left_of(retrieval.event_count, position.events_counted)};
+         return resume_point{first, left_of(retrieval.event_count, position.events_counted), first};
      }},
     {"attestation_get_local_ima_event_logs",
      [](const ima_retrieval &retrieval, std::uint64_t first, const send_position &position) {
          return resume_point{position.cached ? first : first - 1,
-                             left_of(retrieval.event_count, position.events_counted)};
+                             left_of(retrieval.event_count, position.events_counted), first};
      }},
 };
 
-// `unsent` as the slot has it.
-bool pause(const ima_retrieval &retrieval, const place_row &place, const resume_point &point,
-           std::uint64_t unsent)
+bool pause(const ima_retrieval &retrieval, const place_row &place, const resume_point &point)
 {
-    if (at_ima_stream_pause(retrieval.client, retrieval.request_id, point.start_event, point.event_count) !=
-        1)
+    if (at_ima_stream_pause(retrieval.client, retrieval.request_id, point.start_event, point.event_count,
+                            point.unsent) != 1)
         return false;
-    at_agent_state.at_paused_stream.unsent = unsent;
     attest_trace_as(place.operation, "Slowing down cache responses");
     remote_attestation_api_server_set_user_context(retrieval.client, STREAM_PAUSED_MARK);
     return true;
@@ -71,8 +68,7 @@ bool send_chunk(ima_retrieval &retrieval, event_array &events, send_place place,
     if (result == 0)
         return true;
     if (result == REMOTE_ATTESTATION_API_FLOW_CLOSED &&
-        pause(retrieval, row, row.resume(retrieval, first, position),
-              place == send_place::first_cache_chunk ? retrieval.unsent : first)) {
+        pause(retrieval, row, row.resume(retrieval, first, position))) {
         retrieval.status = ATTEST_ERR_FLOW_PAUSED;
         return false;
     }

@@ -104,9 +104,9 @@ int at_sem_get(const char *operation, key_t key)
 {
     remove_foreign_set(key);
     int semid = semget(key, SEM_COUNT, SEM_MODE);
-    if (semid < 0)
+    if (semid < 0) {
         semid = create_set(operation, key);
-    if (semid >= 0 && !keep_from_others(semid)) {
+    } else if (!keep_from_others(semid)) {
         attest_trace_as(operation, "the semaphores are another user's\n");
         return -1;
     }

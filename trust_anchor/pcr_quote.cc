@@ -25,7 +25,7 @@ std::uint32_t collect(kovc_session *session, const attest_pcr_request &request, 
                       NodePCRData &record)
 {
     message_release(record);
-    // Eight bits, as the contract has it: of a request for more than 255 the rest of its count.
+    // The contract's limit is 255; more count modulo 256.
     auto count = static_cast<std::uint8_t>(request.pcr_indices.count);
     record.pcrs = {allocate_items<PCR_DUMP>(count), count};
     if (record.pcrs.items == nullptr) {
