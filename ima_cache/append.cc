@@ -146,6 +146,9 @@ bool count_chunk(const opened_block &block, bool first_chunk)
     if (!lock)
         return false;
     ima_cache_meta &meta = *ima_cache_ctx.meta;
+    // Another start may have cut the cache since its end was read. Then the blocks tell where it ends.
+    if (meta.last_event + MAX_IMA_EVENTS != block.header.first_event + block.header.event_count - 1)
+        return false;
     ima_cache_block_info &entry = meta.blocks[block.index];
     if (first_chunk)
         entry = {block.header.first_event, 0, block.header.start_offset};

@@ -171,8 +171,14 @@ bool start_new_cache()
     name_directory(name);
     if (!ensure_directory(IMA_CACHE_ROOT) || !store_directory(name))
         return false;
-    if (ensure_directory(name))
-        return true;
+    if (ensure_directory(name)) {
+        // The clock may have given the name before, to blocks that could not be deleted: without the first
+        // one none of them is taken up.
+        const cache_path first = block_path(*ima_cache_ctx.meta, 0);
+        remove_block(first.text);
+        if (is_missing(first.text))
+            return true;
+    }
     store_directory({});
     return false;
 }

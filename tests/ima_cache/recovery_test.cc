@@ -1,15 +1,13 @@
-// What a start makes of what it finds: missing, damaged, foreign and half-made things.
+// What becomes of blocks that are missing, damaged, foreign or half made.
+#include <array>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <linux/fs.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
-#include <sys/mman.h>
 #include <sys/sem.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -44,15 +42,6 @@ protected:
         EXPECT_EQ(served.count, index * IN_A_BLOCK) << what;
         for (unsigned i = index; i < 5; ++i)
             EXPECT_FALSE(fs::exists(path_of(i))) << what << ", block " << i;
-    }
-    // As on a new disk, in a new boot.
-    static void lose_all_caches()
-    {
-        static int lost;
-        reboot();
-        for (const auto &entry : fs::directory_iterator(IMA_CACHE_ROOT))
-            fs::rename(entry, "/harddisk:/lost_" + std::to_string(++lost));
-        fs::remove(IMA_CACHE_ROOT);
     }
     saved_cache four;
 };
@@ -250,6 +239,41 @@ TEST_F(Recovery, CutsAtALostOrDamagedBlock)
     }
 }
 
+TEST_F(Recovery, CountsNoChunkOfACacheThatAnotherStartHasCut)
+{
+    append(2); // seals block 3; block 4 has one chunk
+    const std::uint64_t end = header_of(3).end_offset;
+    std::array<int, 2> ready{};
+    ASSERT_EQ(pipe2(ready.data(), O_CLOEXEC), 0);
+    const unique_fd locked(ready[0]);
+    const unique_fd told(ready[1]);
+    const pid_t other = fork();
+    ASSERT_GE(other, 0);
+    if (other == 0) { // what a start does between the block's hash and the counts
+        at_sem_rdlock(ima_cache_ctx.semid);
+        if (write(told.get(), "", 1) != 1)
+            _exit(1);
+        while (semctl(ima_cache_ctx.semid, SEM_WRITER_GATE, GETVAL) == 0)
+            usleep(1000);
+        unlink(path_of(4).c_str());
+        ima_cache_meta &meta = *ima_cache_ctx.meta;
+        meta.last_event = 12'000;
+        meta.tail_offset = end;
+        meta.blocks[4] = {};
+        at_sem_rdunlock(ima_cache_ctx.semid);
+        _exit(0);
+    }
+    char byte = 0;
+    ASSERT_EQ(read(locked.get(), &byte, 1), 1);
+    EXPECT_EQ(source_chunk(13'001).add(), -1);
+    EXPECT_EQ(waitpid(other, nullptr, 0), other);
+    std::uint64_t tail = 0;
+    std::uint64_t last = 0;
+    ASSERT_EQ(at_ima_cache_get_last_offset(&tail, &last), 1);
+    EXPECT_EQ(last, 12'000);
+    EXPECT_EQ(tail, end);
+}
+
 TEST_F(Recovery, LeavesASealedBlockImmutableAlsoWhereADeathCameBefore)
 {
     unique_fd file(open(path_of(0).c_str(), O_RDONLY | O_CLOEXEC));
@@ -266,183 +290,6 @@ TEST_F(Recovery, LeavesASealedBlockImmutableAlsoWhereADeathCameBefore)
     EXPECT_EQ(flags, sealed);
     remove_block(path_of(0).c_str());
     EXPECT_FALSE(fs::exists(path_of(0)));
-}
-
-// ---- the metadata ----
-
-TEST_F(Recovery, StartsAnewOnMetadataThatContradictThemselves)
-{
-    auto directory = [](const std::string &name) {
-        return [name](ima_cache_meta &meta) {
-            std::memset(meta.cache_dir, 0, CACHE_DIR_SIZE);
-            std::memcpy(meta.cache_dir, name.data(), name.size());
-        };
-    };
-    const struct {
-        const char *what;
-        std::function<void(ima_cache_meta &)> make;
-    } contradictions[] = {
-        {"size", [](auto &meta) { meta.meta_size = 5336; }},
-        {"current block", [](auto &meta) { meta.cur_block = 200; }},
-        {"half made", directory("")},
-        {"another directory", directory("/tmp/ima_cache_0")},
-        {"the root itself", directory("/harddisk:/ima/")},
-        {"above the root", directory("/harddisk:/ima/..")},
-        {"below a directory", directory("/harddisk:/ima/../x")},
-        {"no end", [](auto &meta) { std::memset(meta.cache_dir + 15, 'x', CACHE_DIR_SIZE - 15); }},
-        {"zeros", [](auto &meta) { std::memset(&meta, 0, sizeof meta); }},
-    };
-    for (auto &[what, make] : contradictions) {
-        make(*ima_cache_ctx.meta);
-        trace_captured.clear();
-        ASSERT_EQ(restart(), 1) << what;
-        EXPECT_TRUE(trace_has_part("the cache starts anew")) << what;
-        EXPECT_EQ(ima_cache_ctx.meta->meta_size, 5337);
-        expect_events(0);
-        EXPECT_EQ(std::distance(fs::directory_iterator(IMA_CACHE_ROOT), {}), 1) << what;
-        append(1);
-        expect_events(1000);
-    }
-}
-
-TEST_F(Recovery, StartsAnewOnAnObjectOfAnotherSize)
-{
-    for (off_t size : {0, 8, 5336, 5338, 20'000}) {
-        ASSERT_EQ(truncate(IMA_CACHE_META_PATH, size), 0);
-        ASSERT_EQ(restart(), 1) << size;
-        EXPECT_EQ(fs::file_size(IMA_CACHE_META_PATH), 5337);
-        append(1);
-        expect_events(1000);
-    }
-}
-
-// Any user may lay something into /dev/shm before the agent does.
-TEST_F(Recovery, TakesNoObjectOfAnotherUsers)
-{
-    if (chown(IMA_CACHE_META_PATH, 1, static_cast<gid_t>(-1)) != 0)
-        GTEST_SKIP() << "no other users here";
-    ASSERT_EQ(restart(), 1);
-    struct stat object {};
-    ASSERT_EQ(stat(IMA_CACHE_META_PATH, &object), 0);
-    EXPECT_EQ(object.st_uid, geteuid());
-    expect_events(0);
-    ASSERT_EQ(chown(IMA_CACHE_META_PATH, 1, static_cast<gid_t>(-1)), 0);
-    ASSERT_EQ(chmod(IMA_CACHE_META_PATH, 0), 0);
-    ASSERT_EQ(restart(), 1);
-    append(1);
-    expect_events(1000);
-    fs::remove(IMA_CACHE_META_PATH);
-    fs::create_symlink("/tmp/elsewhere", IMA_CACHE_META_PATH);
-    ASSERT_EQ(restart(), 1);
-    append(1);
-    expect_events(1000);
-    EXPECT_FALSE(fs::exists("/tmp/elsewhere"));
-    fs::remove(IMA_CACHE_META_PATH);
-    fs::create_directories(fs::path(IMA_CACHE_META_PATH) / "not_empty");
-    ASSERT_EQ(restart(), 1);
-    append(1);
-    expect_events(1000);
-}
-
-TEST_F(Recovery, LeavesItsSemaphoresToNoOtherUser)
-{
-    const auto state = [] {
-        semid_ds about{};
-        EXPECT_EQ(semctl(ima_cache_ctx.semid, 0, IPC_STAT, &about), 0);
-        return about;
-    };
-    EXPECT_EQ(state().sem_perm.mode & 077, 0);
-    const std::uint64_t events = ima_cache_ctx.meta->last_event;
-    const key_t key = ftok(IMA_CACHE_META_PATH, SEM_PROJECT);
-    for (int length : {SEM_COUNT, 1}) {
-        ASSERT_EQ(semctl(ima_cache_ctx.semid, 0, IPC_RMID), 0);
-        const int foreign = semget(key, length, IPC_CREAT | 0666);
-        semid_ds about{};
-        ASSERT_EQ(semctl(foreign, 0, IPC_STAT, &about), 0);
-        about.sem_perm.uid = 1;
-        if (semctl(foreign, 0, IPC_SET, &about) != 0)
-            GTEST_SKIP() << "no other users here";
-        ASSERT_EQ(restart(), 1) << length;
-        EXPECT_EQ(state().sem_perm.uid, geteuid());
-        expect_events(events);
-    }
-    // Given to the agent's user by one who keeps a creator's rights.
-    ASSERT_EQ(semctl(ima_cache_ctx.semid, 0, IPC_RMID), 0);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        semid_ds about{};
-        int set = -1;
-        if (setresuid(1, 1, 1) == 0)
-            set = semget(key, SEM_COUNT, IPC_CREAT | 0600);
-        semctl(set, 0, IPC_STAT, &about);
-        about.sem_perm.uid = 0;
-        _exit(semctl(set, 0, IPC_SET, &about) == 0 ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_EQ(status, 0);
-    ASSERT_EQ(restart(), 1);
-    EXPECT_EQ(state().sem_perm.cuid, geteuid());
-}
-
-// ---- the first start of a boot ----
-
-TEST_F(Recovery, DeletesTheCacheOfAnEarlierBoot)
-{
-    std::string earlier = ima_cache_ctx.meta->cache_dir;
-    fs::create_directories("/harddisk:/ima/ima_cache_x/deeper");
-    std::ofstream("/harddisk:/ima/ima_cache_x/deeper/file") << "old";
-    fs::create_directory("/harddisk:/ima/kept");
-    fs::create_directory_symlink("/harddisk:/ima/kept", "/harddisk:/ima/ima_cache_link");
-    ASSERT_EQ(mkfifo("/harddisk:/ima/ima_cache_pipe", 0600), 0);
-    std::ofstream("/harddisk:/ima/kept/file") << "other";
-    fs::rename(earlier, "/harddisk:/ima/ima_cache_old"); // not the name that this second gives
-    reboot();
-    ASSERT_EQ(restart(), 1);
-    strings left;
-    for (const auto &entry : fs::recursive_directory_iterator(IMA_CACHE_ROOT))
-        left.push_back(entry.path());
-    std::ranges::sort(left);
-    EXPECT_EQ(left,
-              (strings{ima_cache_ctx.meta->cache_dir, "/harddisk:/ima/kept", "/harddisk:/ima/kept/file"}));
-    EXPECT_THAT(ima_cache_ctx.meta->cache_dir,
-                testing::MatchesRegex("/harddisk:/ima/ima_cache_[0-9]{8}_[0-9]{6}"));
-    expect_events(0);
-    fs::remove_all("/harddisk:/ima/kept");
-}
-
-TEST_F(Recovery, SaysHowItStarts)
-{
-    lose_all_caches();
-    trace_captured.clear();
-    ASSERT_EQ(restart(), 1);
-    struct stat root {};
-    ASSERT_EQ(stat(IMA_CACHE_ROOT, &root), 0);
-    EXPECT_EQ(root.st_mode & 0777, 0700);
-    EXPECT_EQ(trace_captured[0], "load_shm_meta_block(): shm_open failed, perhaps it does not exist \n");
-    EXPECT_THAT(trace_captured[1],
-                testing::MatchesRegex(
-                    "load_shm_meta_block\\(\\): Created IMA cache block with id [0-9]+, Size 5337"));
-    EXPECT_EQ(trace_captured[2], "load_shm_meta_block(): SEM Key created \n");
-    EXPECT_EQ(trace_captured.back(), "load_shm_meta_block(): create_shmht: The id of the semaphore is: " +
-                                         std::to_string(ima_cache_ctx.semid) + "\n");
-}
-
-TEST_F(Recovery, LeavesNothingOfAFailedFirstStart)
-{
-    lose_all_caches();
-    std::ofstream("/harddisk:/ima") << "in the way";
-    EXPECT_EQ(restart(), -1);
-    EXPECT_EQ(trace_captured.back(), "at_ima_cache_init(): \n IMA Cache init failed ");
-    EXPECT_EQ(ima_cache_ctx.meta, nullptr);
-    EXPECT_FALSE(fs::exists(IMA_CACHE_META_PATH));
-    std::uint64_t out = 0;
-    EXPECT_EQ(at_ima_cache_get_last_offset(&out, &out), -1);
-    EXPECT_EQ(source_chunk(1).add(), -1);
-    fs::remove("/harddisk:/ima");
-    EXPECT_EQ(restart(), 1);
-    expect_events(0);
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/ipc.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/sem.h>
 #include <sys/syscall.h>
@@ -16,7 +17,13 @@ namespace {
 
 class Lock : public testing::Test {
 protected:
-    Lock() : semid(semget(IPC_PRIVATE, SEM_COUNT, 0600)) {}
+    Lock() : semid(semget(IPC_PRIVATE, SEM_COUNT, 0600))
+    {
+        static void *const shared =
+            mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        signals_taken = static_cast<volatile int *>(shared);
+        *signals_taken = 0;
+    }
     ~Lock() override { semctl(semid, 0, IPC_RMID); }
 
     int value(int semaphore) const { return semctl(semid, semaphore, GETVAL); }
@@ -34,7 +41,7 @@ protected:
             std::abort(); // -1 is not to be killed: it stands for every process
         if (child == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
-            std::signal(SIGUSR1, [](int) {});
+            std::signal(SIGUSR1, [](int) { *signals_taken = 1; });
             if (take(semid) != 0)
                 _exit(1);
             for (;;)
@@ -63,6 +70,7 @@ protected:
 
     int semid;
     std::vector<pid_t> children;
+    static inline volatile int *signals_taken; // by the children
 };
 
 TEST_F(Lock, LetsNoReaderPassAWaitingWriter)
@@ -98,7 +106,8 @@ TEST_F(Lock, IsNotGivenUpByASignal)
     pid_t writer = holder(at_sem_wrlock);
     await([&] { return waiters(SEM_HOLDERS) == 1; });
     kill(writer, SIGUSR1);
-    await([&] { return waiters(SEM_HOLDERS) == 1; });
+    // The handler runs when the call has left the queue.
+    await([&] { return *signals_taken == 1 && waiters(SEM_HOLDERS) == 1; });
     ASSERT_EQ(at_sem_rdunlock(semid), 0);
     await([&] { return value(SEM_HOLDERS) == 1; });
     EXPECT_EQ(waitpid(writer, nullptr, WNOHANG), 0);

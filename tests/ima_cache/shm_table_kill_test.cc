@@ -125,7 +125,6 @@ constexpr int WRITERS = 3;
 constexpr int KILLS = 1000;
 // On a machine that is too busy for a thousand, fewer must do.
 constexpr std::chrono::seconds ENOUGH{45};
-constexpr std::size_t KEYS_EACH = 30'000; // all of them fit; who is through goes on searching
 
 // What the writers tell the test, in memory that outlives them.
 struct progress {
@@ -142,12 +141,14 @@ void write_until_killed(const table_of_test &table, progress &progress, std::uin
     auto handle = table.open_again();
     if (!handle)
         _exit(1);
+    // All fit; who is through goes on searching.
+    const std::uint64_t keys_each = handle->bucket_count / (WRITERS + 1);
     std::uint64_t number = progress.next[writer];
     // The predecessor may have died between the insert and its acknowledgement.
     if (search_key(handle.get(), key_of(writer, number)) == static_cast<std::int64_t>(number))
         progress.next[writer] = ++number;
     for (std::uint64_t round = 0;; ++round) {
-        if (number < KEYS_EACH) {
+        if (number < keys_each) {
             if (insert_key(handle.get(), key_of(writer, number), number) != 1)
                 _exit(1);
             *static_cast<volatile std::uint64_t *>(&progress.next[writer]) = ++number;
