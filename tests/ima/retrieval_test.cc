@@ -1,208 +1,23 @@
-// Whole retrievals of a list, whole or as a stream, with and without a cache: every event that comes is
-// compared with the list.
+// Whole retrievals of a list, whole or as a stream, with and without a cache.
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 
 #include <gmock/gmock.h>
 
-#include "agent/agent_state.h"
 #include "agent/status.h"
 #include "ima/ima_log.h"
 #include "ima/ima_retrieval.h"
-#include "ima/ima_stream.h"
 #include "ima/retrieval_state.h"
-#include "ima_cache/cache_block.h"
-#include "ima_cache/shm_table.h"
-#include "tests/ima/parsed_list.h"
-#include "tests/ima_cache/cache_of_test.h"
-#include "tests/support/ima_list.h"
+#include "tests/ima/retrieval_of_test.h"
 #include "tests/support/trace_capture.h"
 
 namespace {
 
-using testing::ElementsAre;
+class retrieval : public retrieval_of_test {};
 
-constexpr remote_attestation_api_client CLIENT = 77;
-constexpr std::uint64_t LENGTH = 7500;
-constexpr std::uint64_t ALL = 0;
-constexpr unsigned LIST_KINDS = IMA_KIND_OLD | IMA_KIND_NG | IMA_KIND_SIG | IMA_KIND_LISTED;
-
-constexpr std::int32_t PAUSE = -3;
-constexpr std::int32_t FAIL = -1;
-
-// What the client has been sent, and which message it does not take.
-struct sent_messages {
-    int refused = -1; // the number of the send, from 0
-    std::int32_t result = 0;
-    int sends = 0;
-    bool refuses_end = false; // once
-    std::vector<std::uint64_t> numbers;
-    std::vector<std::size_t> sizes; // of the messages
-    std::uint64_t context = 0;
-} sent;
-
-void refuse_send(int number, std::int32_t result)
-{
-    sent = {};
-    sent.refused = number;
-    sent.result = result;
-}
-
-const std::string &list_bytes()
-{
-    static const std::string bytes = ima_list(LENGTH, LIST_KINDS);
-    return bytes;
-}
-
-const parsed_list &list_events()
-{
-    static const parsed_list events{list_bytes()};
-    return events;
-}
-
-std::string content_of(const IMA_EVENT &event)
-{
-    return std::string(event.event_name != nullptr ? event.event_name : "") + '\0' + text_of(event.digest) +
-           '\0' + text_of(event.template_hash);
-}
-
-void compare_with_list(const IMA_EVENT *events, std::size_t count)
-{
-    for (std::size_t i = 0; i < count; ++i) {
-        ASSERT_TRUE(events[i].event_num >= 1 && events[i].event_num <= LENGTH) << events[i].event_num;
-        ASSERT_EQ(content_of(events[i]), content_of(list_events().events[events[i].event_num - 1]))
-            << "event " << events[i].event_num;
-    }
-}
-
-} // namespace
-
-std::int32_t remote_attestation_api_stream_ima_event_logs_Resp(remote_attestation_api_client client,
-                                                               const NodeIMAData *message, int last,
-                                                               std::uint32_t, std::uint32_t request_id)
-{
-    EXPECT_EQ(client, CLIENT);
-    EXPECT_EQ(request_id, 5u);
-    EXPECT_EQ(last, 0);
-    EXPECT_STREQ(message->node_name, "card7");
-    if (sent.sends++ == sent.refused)
-        return sent.result;
-    compare_with_list(message->events.items, message->events.count);
-    sent.sizes.push_back(message->events.count);
-    for (std::uint32_t i = 0; i < message->events.count; ++i)
-        sent.numbers.push_back(message->events.items[i].event_num);
-    return 0;
-}
-
-void remote_attestation_api_server_set_user_context(remote_attestation_api_client client,
-                                                    std::uint64_t context)
-{
-    EXPECT_EQ(client, CLIENT);
-    sent.context = context;
-}
-
-namespace {
-
-std::vector<std::uint64_t> numbers(std::uint64_t first, std::uint64_t last)
-{
-    std::vector<std::uint64_t> all;
-    for (std::uint64_t number = first; number <= last; ++number)
-        all.push_back(number);
-    return all;
-}
-
-struct answer {
-    std::uint32_t status = 0;
-    std::vector<std::uint64_t> numbers;
-    std::uint32_t present = 0;
-};
-
-class retrieval_test : public cache_of_test {
-protected:
-    retrieval_test()
-    {
-        setenv("ATTEST_NODE_NAME", "card7", 1);
-        at_agent_state = {};
-        at_soft_data_limit = ~std::uint64_t{0};
-        write_list(list_bytes());
-        ima_log_name = "/tmp/list";
-        sent = {};
-        trace_captured.clear();
-    }
-    ~retrieval_test() override
-    {
-        delete at_agent_state.at_ima_ht; // the agent keeps its one to its end
-        at_agent_state = {};
-    }
-
-    static void write_list(std::string_view bytes)
-    {
-        std::ofstream("/tmp/list", std::ios::binary | std::ios::trunc) << bytes;
-    }
-
-    static answer ask(std::uint64_t start, std::uint64_t count, int stream = 0, std::uint64_t unsent = 0)
-    {
-        owned_message<NodeIMAData> record;
-        answer got;
-        got.status =
-            attestation_get_local_ima_event_logs(start, count, record.get(), CLIENT, 5, stream, unsent);
-        got.present = record->present;
-        compare_with_list(record->events.items, record->events.count);
-        for (std::uint32_t i = 0; i < record->events.count; ++i)
-            got.numbers.push_back(record->events.items[i].event_num);
-        return got;
-    }
-
-    static void fail_new_blocks()
-    {
-        std::filesystem::create_directory(new_block_path(*ima_cache_ctx.meta).text);
-    }
-
-    // What the handler does with a last message that is refused. False: it has no events.
-    static bool pause_at_end(const answer &last, std::uint64_t count)
-    {
-        sent.refuses_end = false;
-        sent.context = STREAM_PAUSED_MARK;
-        const std::vector<std::uint64_t> &events = last.numbers;
-        return !events.empty() && at_ima_stream_pause(CLIENT, 5, events.front(),
-                                                      count != ALL ? events.size() : 0, events.front()) == 1;
-    }
-
-    // A stream from its begin to its end, resumed as often as it is paused: everything that came.
-    static std::vector<std::uint64_t> stream(std::uint64_t start, std::uint64_t count)
-    {
-        sent.numbers.clear();
-        answer got = ask(start, count, 1);
-        for (int resumed = 0; resumed < 20; ++resumed) {
-            if (got.status == ATTEST_ERR_MORE_DATA && !(sent.refuses_end && pause_at_end(got, count)))
-                break;
-            EXPECT_EQ(sent.context, STREAM_PAUSED_MARK);
-            std::uint32_t id = 0;
-            std::uint64_t unsent = 0;
-            EXPECT_EQ(at_ima_stream_resume(CLIENT, &id, &start, &count, &unsent), 1);
-            got = ask(start, count, 1, unsent);
-        }
-        EXPECT_EQ(got.status, ATTEST_ERR_MORE_DATA);
-        std::vector<std::uint64_t> all = sent.numbers;
-        all.insert(all.end(), got.numbers.begin(), got.numbers.end());
-        return all;
-    }
-
-    // The cache, filled by a request for everything.
-    static void fill_cache()
-    {
-        at_agent_state.ima_cache_ready = 1;
-        sent = {};
-        EXPECT_EQ(ask(0, ALL, 1).status, ATTEST_ERR_MORE_DATA);
-        EXPECT_EQ(ima_cache_ctx.meta->last_event, 7000u);
-    }
-};
-
-constexpr std::uint64_t STARTS[] = {0,    1,    500,  999,  1000, 1001, 1500, 2999, 3000,
-                                    3001, 5000, 6000, 6001, 7000, 7001, 7499, 7500, 9000};
-constexpr std::uint64_t COUNTS[] = {ALL, 1, 1000, 1001, 2500, 20000};
+// About the ends of chunks (1000 events), of blocks (3000), of what is cached (7000) and of the list.
+constexpr std::uint64_t STARTS[] = {0, 1, 999, 1000, 1001, 3000, 3001, 6500, 7000, 7001, 7500, 9000};
+constexpr std::uint64_t COUNTS[] = {ALL, 1, 1001, 2500, 20000};
 
 // As far as a limit goes, which is looked at after each chunk.
 std::uint64_t last_by(std::uint64_t first, std::uint64_t count, std::uint64_t end)
@@ -210,7 +25,7 @@ std::uint64_t last_by(std::uint64_t first, std::uint64_t count, std::uint64_t en
     return count == ALL ? end : std::min(end, first - 1 + (count + 999) / 1000 * 1000);
 }
 
-TEST_F(retrieval_test, WithoutACacheTheAnswerBeginsBehindTheStartEvent)
+TEST_F(retrieval, WithoutACacheTheAnswerBeginsBehindTheStartEvent)
 {
     for (std::uint64_t start : STARTS)
         for (std::uint64_t count : COUNTS) {
@@ -224,7 +39,7 @@ TEST_F(retrieval_test, WithoutACacheTheAnswerBeginsBehindTheStartEvent)
     EXPECT_EQ(ima_cache_ctx.meta->last_event, 0u);
 }
 
-TEST_F(retrieval_test, FromTheCacheTheAnswerBeginsWithTheChunkOfTheStartEvent)
+TEST_F(retrieval, FromTheCacheTheAnswerBeginsWithTheChunkOfTheStartEvent)
 {
     fill_cache();
     for (std::uint64_t start : STARTS)
@@ -238,7 +53,7 @@ TEST_F(retrieval_test, FromTheCacheTheAnswerBeginsWithTheChunkOfTheStartEvent)
         }
 }
 
-TEST_F(retrieval_test, ACacheThatWasCutBackRemovedOrDamagedChangesNoEvent)
+TEST_F(retrieval, ACacheThatWasCutBackRemovedOrDamagedChangesNoEvent)
 {
     const std::pair<const char *, std::function<void()>> damages[] = {
         {"nothing yet", [] {}},
@@ -262,144 +77,25 @@ TEST_F(retrieval_test, ACacheThatWasCutBackRemovedOrDamagedChangesNoEvent)
              remove_block(ima_cache_ctx.meta->cache_dir);
          }},
     };
+    // By turns, as a request changes what it finds: each needs a cache of its own.
+    const std::pair<std::uint64_t, bool> requests[] = {{0, false},    {0, true},    {1500, true},
+                                                       {3000, false}, {3001, true}, {4500, false},
+                                                       {6500, true},  {7200, false}};
     for (const auto &[what, damage] : damages)
-        for (std::uint64_t start : {0u, 1500u, 3000u, 3001u, 4500u, 6500u, 7200u})
-            for (int as_stream : {0, 1}) {
-                reboot();
-                ASSERT_EQ(restart(), 1);
-                fill_cache();
-                damage();
-                sent = {};
-                std::vector<std::uint64_t> got =
-                    as_stream != 0 ? stream(start, ALL) : ask(start, ALL).numbers;
-                ASSERT_FALSE(got.empty()) << what << ' ' << start;
-                EXPECT_LE(got.front(), start + 1) << what << ' ' << start;
-                EXPECT_EQ(got, numbers(got.front(), LENGTH)) << what << ' ' << start;
-            }
-}
-
-TEST_F(retrieval_test, APausedStreamGoesOnWithTheRefusedChunk)
-{
-    for (std::uint32_t ready : {0u, 1u})
-        for (std::uint64_t start : {std::uint64_t{0}, std::uint64_t{1700}})
-            for (std::uint64_t count : {ALL, std::uint64_t{4000}}) {
-                at_agent_state.ima_cache_ready = ready;
-                const std::vector<std::uint64_t> undisturbed = stream(start, count);
-                for (int refused = 0; refused < 6; ++refused) {
-                    refuse_send(refused, PAUSE);
-                    std::vector<std::uint64_t> got = stream(start, count);
-                    EXPECT_EQ(got.front(), undisturbed.front()) << ready << ' ' << start << ' ' << refused;
-                    EXPECT_TRUE(std::is_sorted(got.begin(), got.end()));
-                    EXPECT_EQ(std::adjacent_find(got.begin(), got.end()), got.end()) << "an event twice";
-                    EXPECT_EQ(got.back() - got.front() + 1, got.size()) << "an event is missing";
-                    // A live chunk that was refused counts against the limit all the same.
-                    EXPECT_GE(got.back() + (count == ALL ? 0 : 1000), undisturbed.back());
-                }
-            }
-}
-
-TEST_F(retrieval_test, AStreamGoesOnWithTheRefusedChunkWhateverBecomesOfTheCache)
-{
-    const struct {
-        const char *what;
-        std::uint32_t ready;
-        std::uint64_t cached; // before the stream
-        std::function<void()> then;
-    } cases[] = {
-        {"no cache", 0, 0, [] {}},
-        {"an empty cache that takes nothing", 1, 0, fail_new_blocks},
-        {"a cache that has ceased to grow", 1, 3500, fail_new_blocks},
-        {"a first block that cannot be read", 1, 7500,
-         [] {
-             write_block(0, {1, 2, 3});
-         }},
-        {"a cache that grows", 1, 3500, [] {}},
-    };
-    for (const auto &[what, ready, cached, then] : cases)
-        for (int refused = 0; refused < 8; ++refused) {
-            SCOPED_TRACE(std::string(what) + ", send " + std::to_string(refused));
+        for (const auto &[start, as_stream] : requests) {
             reboot();
             ASSERT_EQ(restart(), 1);
-            at_agent_state.ima_cache_ready = ready;
-            refuse_send(-1, 0);
-            write_list(ima_list(cached, LIST_KINDS));
-            stream(0, ALL);
-            write_list(list_bytes());
-            then();
-            refuse_send(refused, PAUSE);
-            sent.refuses_end = true;
-            EXPECT_EQ(stream(0, ALL), numbers(1, LENGTH));
+            fill_cache();
+            damage();
+            sent = {};
+            std::vector<std::uint64_t> got = as_stream ? stream(start, ALL) : ask(start, ALL).numbers;
+            ASSERT_FALSE(got.empty()) << what << ' ' << start;
+            EXPECT_LE(got.front(), start + 1) << what << ' ' << start;
+            EXPECT_EQ(got, numbers(got.front(), LENGTH)) << what << ' ' << start;
         }
 }
 
-TEST_F(retrieval_test, AStreamFromInsideAChunkRepeatsNothingOfACacheThatGrewMeanwhile)
-{
-    at_agent_state.ima_cache_ready = 1;
-    refuse_send(1, PAUSE);
-    ASSERT_EQ(ask(1500, ALL, 1).status, ATTEST_ERR_FLOW_PAUSED);
-    const at_paused_stream_slot slot = std::exchange(at_agent_state.at_paused_stream, {});
-    fill_cache();
-    sent = {};
-    const answer rest = ask(slot.start_event, slot.event_count, 1, slot.unsent);
-    EXPECT_EQ(sent.numbers, numbers(2501, 7000));
-    EXPECT_EQ(rest.numbers, numbers(7001, LENGTH));
-}
-
-TEST_F(retrieval_test, WhereAPausedStreamGoesOnIsRecordedByItsPlace)
-{
-    refuse_send(2, PAUSE);
-    EXPECT_EQ(ask(0, ALL, 1).status, ATTEST_ERR_FLOW_PAUSED);
-    EXPECT_EQ(at_agent_state.at_paused_stream.start_event, 2000u);
-    EXPECT_EQ(at_agent_state.at_paused_stream.event_count, 0u);
-    EXPECT_THAT(sent.sizes, ElementsAre(1000, 1000));
-    refuse_send(2, PAUSE);
-    const answer second = ask(0, ALL, 1);
-    EXPECT_EQ(second.status, ATTEST_ERR_MORE_DATA) << "the slot is taken: the second stream gives up";
-    EXPECT_EQ(second.present, 0u);
-    at_agent_state.at_paused_stream = {};
-
-    at_agent_state.ima_cache_ready = 1;
-    sent.sends = 0;
-    EXPECT_EQ(ask(0, 6000, 1).status, ATTEST_ERR_FLOW_PAUSED);
-    EXPECT_EQ(at_agent_state.at_paused_stream.start_event, 2001u);
-    EXPECT_EQ(at_agent_state.at_paused_stream.event_count, 3000u) << "the refused chunk was read";
-}
-
-TEST_F(retrieval_test, AFailedSendEndsWithAMessageWithoutAnyField)
-{
-    struct {
-        std::uint32_t ready;
-        std::uint64_t start;
-        int failed;                      // send
-        std::vector<std::uint64_t> next; // first event of the next message, if one is sent
-    } const cases[] = {
-        {0, 0, 1, {}},
-        // From a cache that is left, the live list is read: from the begin of the block of the last event
-        // that was sent behind the first chunk, or of the start event.
-        {1, 0, 0, {1}},
-        {1, 0, 1, {1}},
-        {1, 0, 4, {3001}},
-        {1, 0, 6, {3001}},
-        {1, 4500, 0, {3001}},
-        {1, 6500, 0, {6001}},
-    };
-    fill_cache();
-    for (const auto &row : cases) {
-        at_agent_state.ima_cache_ready = row.ready;
-        refuse_send(row.failed, FAIL);
-        const answer got = ask(row.start, ALL, 1);
-        EXPECT_EQ(got.status, ATTEST_ERR_MORE_DATA);
-        EXPECT_EQ(got.present, 0u);
-        EXPECT_TRUE(trace_has_part("CAPI send failed -1"));
-        const std::size_t behind = static_cast<std::size_t>(row.failed) * 1000;
-        std::vector<std::uint64_t> next(sent.numbers.begin() + static_cast<std::ptrdiff_t>(behind),
-                                        sent.numbers.end());
-        next.resize(std::min<std::size_t>(next.size(), 1));
-        EXPECT_EQ(next, row.next) << row.ready << ' ' << row.start << ' ' << row.failed;
-    }
-}
-
-TEST_F(retrieval_test, ChunksThatTheCacheHasAlreadyDoNotEndTheCaching)
+TEST_F(retrieval, ChunksThatTheCacheHasAlreadyDoNotEndTheCaching)
 {
     write_list(ima_list(3500, LIST_KINDS));
     at_agent_state.ima_cache_ready = 1;
@@ -412,7 +108,7 @@ TEST_F(retrieval_test, ChunksThatTheCacheHasAlreadyDoNotEndTheCaching)
     EXPECT_EQ(ima_cache_ctx.meta->last_event, 7000u);
 }
 
-TEST_F(retrieval_test, WhatCannotBeReadIsItsStatus)
+TEST_F(retrieval, WhatCannotBeReadIsItsStatus)
 {
     write_list(list_bytes() + std::string(24, '\0') + std::string("\x2c\1\0\0", 4) + std::string(300, 'x'));
     EXPECT_EQ(ask(0, ALL).status, ATTEST_ERR_EVENT_TOO_LONG);
@@ -429,7 +125,7 @@ TEST_F(retrieval_test, WhatCannotBeReadIsItsStatus)
     EXPECT_THAT(messages_raised, testing::Not(testing::IsEmpty()));
 }
 
-TEST_F(retrieval_test, AListThatIsShorterThanTheCacheGivesWhatTheCacheHas)
+TEST_F(retrieval, AListThatIsShorterThanTheCacheGivesWhatTheCacheHas)
 {
     fill_cache();
     write_list(std::string_view(list_bytes()).substr(0, 1000));
@@ -438,7 +134,7 @@ TEST_F(retrieval_test, AListThatIsShorterThanTheCacheGivesWhatTheCacheHas)
     EXPECT_TRUE(trace_has_part("The list ends before "));
 }
 
-TEST_F(retrieval_test, TheLimitOfTheDataSegmentStopsTheGrowthAndKeepsWhatThereIs)
+TEST_F(retrieval, TheLimitOfTheDataSegmentStopsTheGrowthAndKeepsWhatThereIs)
 {
     at_soft_data_limit = peak_resident_set() + 3'000'000;
     const answer got = ask(0, ALL);
@@ -454,7 +150,7 @@ TEST_F(retrieval_test, TheLimitOfTheDataSegmentStopsTheGrowthAndKeepsWhatThereIs
     EXPECT_EQ(stream(0, ALL), numbers(1, LENGTH)) << "a stream holds one chunk at a time";
 }
 
-TEST_F(retrieval_test, DuplicatesAreMarkedAlikeLiveAndFromTheCache)
+TEST_F(retrieval, DuplicatesAreMarkedAlikeLiveAndFromTheCache)
 {
     const auto marks = [] {
         owned_message<NodeIMAData> record;
