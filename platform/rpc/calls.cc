@@ -66,6 +66,7 @@ void pump(rpc_call &call)
         finish(call, rpc_code::cancelled, {});
     } else if (!call.queue.empty()) {
         call.writing = true;
+        call.writing_since_ms = rpc_now_ms();
         call.finishing = call.ended && call.queue.size() == 1;
         call.outcome = call.finishing ? rpc_code::ok : call.outcome;
         rpc_reactor_write(call.reactor, call.queue.front(), call.finishing);
@@ -107,7 +108,7 @@ void end_locked(rpc_call &call, rpc_code code, std::string_view text)
 void cancel_locked(rpc_call &call)
 {
     call.cancelled = true;
-    call.was_paused = std::exchange(call.paused, false) || call.was_paused;
+    call.was_paused = (std::exchange(call.paused, false) && !call.paused_second) || call.was_paused;
     drop_waiting(call);
     pump(call);
     look_for_room(*call.client);
@@ -307,6 +308,9 @@ std::int32_t rpc_call_reserve(rpc_call &call, std::uint64_t size, bool last, std
                    "the answer does not fit behind what this client has not taken yet");
         return REMOTE_ATTESTATION_API_FLOW_CLOSED;
     }
+    if (!call.paused)
+        call.paused_second = std::any_of(client.calls.begin(), client.calls.end(),
+                                         [](const auto &other) { return other->paused; });
     call.paused = true;
     client.resume_wanted = true;
     return REMOTE_ATTESTATION_API_FLOW_CLOSED;

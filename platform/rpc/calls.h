@@ -63,6 +63,10 @@ bool rpc_client_begin_resume(rpc_client &client);
 void rpc_client_end_resume(rpc_client &client);
 // Whether a stream of the client waits for the flow-resume callback, and this call never did.
 bool rpc_client_paused_another(rpc_client &client, const rpc_call &call);
+// Whether a stream of the client was cancelled while it was paused and its end has not been told: it counts
+// as told from here on. A request that comes before that end would find the agent's one place for a paused
+// stream taken.
+bool rpc_client_gave_up_pause(rpc_client &client);
 // Removes a call that is over.
 void rpc_client_forget_call(rpc_client &client, const rpc_call *call);
 // The connection is gone: drops what is queued, cancels and forgets every call. Whether one was outstanding.

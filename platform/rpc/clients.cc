@@ -10,11 +10,12 @@
 
 namespace {
 
-// A call that waits for the agent, or a quiet watch or reflection stream, does not wait for its client.
+// A call that waits for the agent or that gRPC is done with, or a quiet watch or reflection stream, does not
+// wait for its client.
 bool waits_for_client(const rpc_call &call)
 {
     const bool owes_request = call.reading && call.method->kind != rpc_method_kind::reflection;
-    return owes_request || call.writing || call.finishing;
+    return call.reactor != nullptr && (owes_request || call.writing || call.finishing);
 }
 
 // False without memory.
@@ -28,9 +29,15 @@ bool hold(rpc_client &client, const rpc_event &request)
     }
 }
 
-bool is_large(const rpc_call &call)
+// What the client's machine acknowledged may be other answers on the connection: a large message has stall_ms
+// more for each large_message_bytes, and an end.
+bool may_still_move(const rpc_call &call, std::uint64_t now_ms)
 {
-    return !call.queue.empty() && call.queue.front().size >= call.client->shared->limits.large_message_bytes;
+    if (call.queue.empty())
+        return false;
+    const rpc_limits &limits = call.client->shared->limits;
+    const std::uint64_t parts = call.queue.front().size / limits.large_message_bytes;
+    return parts != 0 && now_ms <= call.writing_since_ms + limits.stall_ms * parts;
 }
 
 } // namespace
@@ -87,7 +94,7 @@ bool rpc_client_is_stalled(rpc_client &client, std::uint64_t now_ms, bool moved)
     const std::lock_guard guard(client.lock);
     bool stalled = false;
     for (const auto &call : client.calls) {
-        if (!waits_for_client(*call) || (moved && is_large(*call)))
+        if (!waits_for_client(*call) || (moved && may_still_move(*call, now_ms)))
             call->progress_ms = now_ms;
         stalled = stalled || now_ms > call->progress_ms + client.shared->limits.stall_ms;
     }
@@ -130,6 +137,18 @@ bool rpc_client_paused_another(rpc_client &client, const rpc_call &call)
     const std::lock_guard guard(client.lock);
     return !call.was_paused && std::any_of(client.calls.begin(), client.calls.end(),
                                            [](const auto &other) { return other->paused; });
+}
+
+bool rpc_client_gave_up_pause(rpc_client &client)
+{
+    const std::lock_guard guard(client.lock);
+    bool any = false;
+    for (const auto &call : client.calls) {
+        const bool untold = call->was_paused && call->delivered && !call->ended;
+        call->delivered = call->delivered && !untold;
+        any = any || untold;
+    }
+    return any;
 }
 
 void rpc_client_forget_call(rpc_client &client, const rpc_call *call)

@@ -41,8 +41,8 @@ struct rpc_limits {
     std::uint64_t idle_ms = 600'000;
     // A call whose client owes the next step (its request, or taking what was sent) and does not move.
     std::uint64_t stall_ms = 60'000;
-    // Messages from this size on may take longer than stall_ms in whole: for them the bytes that the client's
-    // machine acknowledged count as moving. Smaller ones need no more than 17 kB/s.
+    // Messages from this size on may take longer than stall_ms in whole: while the client's machine
+    // acknowledges bytes they have stall_ms more for each of these sizes. None needs more than 17 kB/s.
     std::uint64_t large_message_bytes = std::uint64_t{1} << 20;
     // When the queues of all clients together have become so much smaller, freed memory goes back to the
     // kernel. Far more than a usual answer, which would cost its page faults again.

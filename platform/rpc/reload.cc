@@ -39,8 +39,15 @@ void reload_certificates(remote_attestation_api_server &server)
 {
     rpc_settings &settings = server.settings;
     const rpc_tls_marks marks = rpc_tls_marks_of(settings.tls_directory);
-    if (marks == settings.tls_marks || server.former.size() >= MOST_FORMER)
+    if (marks == settings.tls_marks)
         return;
+    if (server.former.size() >= MOST_FORMER) {
+        std::string waits =
+            settings.tls_directory + ": the new files wait until clients of earlier ones have left";
+        if (std::exchange(server.tls_complaint, waits) != waits)
+            operator_log(LOG_WARNING, "TLS setting %s", waits.c_str());
+        return;
+    }
     rpc_tls tls;
     std::string why;
     const bool taken = rpc_tls_read(settings.tls_directory, &tls, &why) == 0;

@@ -51,6 +51,8 @@ void on_request(remote_attestation_api_server &server, const rpc_event &event)
         event.call->method->whole_log && rpc_connections_queued(server) > server.limits.all_queues_bytes;
     if (connection == nullptr || !rpc_client_take_delivery(*event.client, event, too_much))
         return;
+    if (rpc_client_gave_up_pause(*event.client) && server.callbacks.error != nullptr)
+        server.callbacks.error(event.client->id, nullptr, platform_status_from_errno(ECANCELED));
     const rpc_delivery result = event.call->method->deliver(server.callbacks, event.client->id, event.request,
                                                             event.call->request_id);
     if (result == rpc_delivery::undecodable) {

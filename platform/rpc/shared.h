@@ -91,13 +91,15 @@ struct rpc_call {
     bool requested = false;                      // the request is in the inbox or with the agent
     bool delivered = false;                      // the agent has the request
     bool writing = false;
-    bool ended = false; // the agent, or the layer, has said its last word: `code`, `text`
+    std::uint64_t writing_since_ms = 0; // the front
+    bool ended = false;                 // the agent, or the layer, has said its last word: `code`, `text`
     bool finishing = false;
     bool cancelled = false;
-    bool paused = false;     // a message of this stream was refused
-    bool was_paused = false; // and then the client cancelled it
-    bool resuming = false;   // told to go on, and nothing sent since
-    bool over_told = false;  // the loop has been told that gRPC is done with the call
+    bool paused = false;        // a message of this stream was refused
+    bool paused_second = false; // while another stream of the client was: the agent keeps one
+    bool was_paused = false;    // the client cancelled it while the agent kept it
+    bool resuming = false;      // told to go on, and nothing sent since
+    bool over_told = false;     // the loop has been told that gRPC is done with the call
     rpc_code code = rpc_code::ok;
     std::string text;
     rpc_code outcome = rpc_code::cancelled; // what gRPC was told last

@@ -1,4 +1,5 @@
 // Calls through a standard gRPC client: operations, bad requests, who is served.
+#include <algorithm>
 #include <cstdlib>
 #include <future>
 
@@ -292,6 +293,59 @@ TEST_F(Calls, MoreCallsThanAConnectionMayHaveWaitAtTheClient)
     void *ignored = nullptr;
     for (bool ok = false; queue.Next(&ignored, &ok);) {
     }
+}
+
+TEST_F(Calls, ACallThatIsOverIsNotStalledWhileOthersAreAnswered)
+{
+    node.limits.stall_ms = 300;
+    node.limits.sweep_ms = 50;
+    node.on_certificate = [](auto client, const auto &, auto id) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        const get_certificate_response response{};
+        remote_attestation_api_get_certificate_Resp(client, &response, 1, 0, id);
+    };
+    serve();
+    std::vector<std::future<grpc::Status>> answers;
+    for (int i = 0; i < 6; ++i)
+        answers.push_back(std::async(std::launch::async, [this] {
+            grpc::ClientContext context;
+            api::get_certificate_response response;
+            return stub->GetCertificate(&context, {}, &response);
+        }));
+    for (auto &answer : answers)
+        EXPECT_TRUE(answer.get().ok());
+    EXPECT_EQ(node.count("disconnect"), 0u);
+}
+
+TEST_F(Calls, CallsThatAreCancelledAtOnceDoNotPileUp)
+{
+    node.limits.calls_per_connection = 3;
+    serve();
+    std::string answer;
+    ASSERT_TRUE(ask(channel, "/grpc.health.v1.Health/Check", "", &answer).ok()); // connected
+    std::promise<void> go, held;
+    auto busy = std::async(std::launch::async, [&] {
+        node.on_loop([&held, wait = go.get_future()] {
+            held.set_value();
+            wait.wait();
+        });
+    });
+    held.get_future().wait();
+    const auto requests = [this] {
+        rpc_shared &shared = *node.server->shared;
+        const std::lock_guard guard(shared.lock);
+        return std::count_if(shared.inbox.begin(), shared.inbox.end(),
+                             [](const rpc_event &event) { return event.what == rpc_event::kind::request; });
+    };
+    for (int i = 1; i <= 6; ++i) {
+        raw_call call(channel, SERVICE + "GetCertificate");
+        call.write("");
+        EXPECT_TRUE(node.wait([&] { return requests() == i; }));
+    }
+    raw_call more(channel, SERVICE + "GetCertificate");
+    more.write("");
+    EXPECT_EQ(more.finish().error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+    go.set_value();
 }
 
 // ---- who is served ----

@@ -196,16 +196,16 @@ TEST_F(Flow, AStalledClientIsAnErrorThenADisconnect)
 
 TEST_F(Flow, AClientThatReadsSlowlyIsNotStalled)
 {
-    node.limits.stall_ms = 1500;
+    node.limits.stall_ms = 4000;
     node.limits.sweep_ms = 50;
-    end = 40;
+    end = 120;
     serve();
     const auto stream = open_refused_stream();
     api::NodeIMAData message;
     std::uint64_t read = 0;
     for (; stream->reader->Read(&message); ++read) {
-        if (read < 20)
-            std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        if (read < 100)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     EXPECT_EQ(read, end);
     EXPECT_EQ(node.count("error"), 0u);
@@ -294,6 +294,63 @@ TEST_F(Flow, ACancelledCallDoesNotDropAnotherOnesPause)
     }
     EXPECT_TRUE(stream->reader->Finish().ok());
     EXPECT_EQ(node.count("error"), 0u);
+}
+
+TEST_F(Flow, ACancelledSecondStreamDoesNotDropTheFirstOnesPause)
+{
+    end = 100;
+    serve();
+    const auto stream = open_refused_stream();
+    node.on_stream = [](auto who, const auto &, auto id) {
+        EXPECT_EQ(send_stream(who, id, 0, MESSAGE, true), REMOTE_ATTESTATION_API_FLOW_CLOSED);
+    };
+    grpc::ClientContext context;
+    context.set_deadline(std::chrono::system_clock::now() + std::chrono::milliseconds(500));
+    const auto second = stub->StreamPlatformImaEventLogs(&context, {});
+    EXPECT_EQ(second->Finish().error_code(), grpc::StatusCode::DEADLINE_EXCEEDED);
+    api::NodeIMAData message;
+    while (stream->reader->Read(&message)) {
+    }
+    EXPECT_TRUE(stream->reader->Finish().ok());
+    EXPECT_EQ(node.count("error"), 0u);
+}
+
+TEST_F(Flow, ALargeAnswerMayTakeLongerWhileBytesAreAcknowledged)
+{
+    node.limits.stall_ms = 1000;
+    node.limits.sweep_ms = 50;
+    node.on_ima = [](auto who, const auto &, auto id) { EXPECT_EQ(send_ima(who, id, 1, 8 * MIB), 0); };
+    Calls::serve();
+    raw_call slow(channel, "/remote_attestation_api.RemoteAttestationApi/GetPlatformImaEventLogs");
+    slow.write("");
+    slow.writes_done();
+    ASSERT_TRUE(node.wait_count("ima", 1));
+    std::string answer;
+    for (int i = 0; i < 40; ++i) { // 2 s of the 8 that it has
+        ask(channel, "/grpc.health.v1.Health/Check", "", &answer);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_TRUE(slow.read(&answer));
+    EXPECT_TRUE(slow.finish().ok());
+    EXPECT_EQ(node.count("disconnect"), 0u);
+}
+
+TEST_F(Flow, OtherAnswersDoNotKeepALargeOneThatNobodyTakes)
+{
+    node.limits.stall_ms = 500;
+    node.limits.sweep_ms = 50;
+    node.on_ima = [](auto who, const auto &, auto id) { EXPECT_EQ(send_ima(who, id, 1, 2 * MIB), 0); };
+    Calls::serve();
+    raw_call stuck(channel, "/remote_attestation_api.RemoteAttestationApi/GetPlatformImaEventLogs");
+    stuck.write("");
+    stuck.writes_done(); // and nothing is read
+    ASSERT_TRUE(node.wait_count("ima", 1));
+    std::string answer;
+    for (int i = 0; i < 600 && node.count("disconnect") == 0; ++i) {
+        ask(channel, "/grpc.health.v1.Health/Check", "", &answer);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_EQ(node.count("disconnect"), 1u);
 }
 
 TEST_F(Flow, AStreamThatIsNotTakenUpAgainEndsWithAStatus)
