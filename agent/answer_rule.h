@@ -78,7 +78,7 @@ void answer_from_two_sources(const two_source_operation<Request, Record, Respons
             trace_no_data(operation.name, local_status);
     }
     operation.send(client, &response, 1, 0, request_id);
-    // A source that failed has left its record empty; releasing that does nothing.
+    // A source that failed has left its record empty, but for a list that memory did not suffice for.
     for (Record &record : records)
         message_release(record);
 }

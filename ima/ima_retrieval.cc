@@ -105,7 +105,7 @@ std::uint32_t finish(ima_retrieval &retrieval)
     }
     if (!retrieval.stream)
         return retrieval.status;
-    if (retrieval.status != ATTEST_ERR_FLOW_PAUSED)
+    if (retrieval.status != ATTEST_ERR_FLOW_PAUSED && !retrieval.not_sent)
         count_source("StreamPlatformImaEventLogs", SOURCE_NODE, retrieval.status);
     return retrieval.status == ATTEST_ERR_FLOW_PAUSED ? ATTEST_ERR_FLOW_PAUSED : ATTEST_ERR_MORE_DATA;
 }

@@ -7,9 +7,9 @@
 #include "platform/remote_attestation_api.h"
 
 // With `stream` 0 fills `record` with the events after `start_event`: ATTEST_OK, or a status and an empty
-// record. With `stream` 1 sends them to the client chunk by chunk: ATTEST_ERR_MORE_DATA leaves the last chunk
-// in `record` for the caller to send; ATTEST_ERR_FLOW_PAUSED: the stream was paused. The record is the
-// caller's to release in every case.
+// record (ATTEST_ERR_NO_MEMORY: what was read until then). With `stream` 1 sends them to the client chunk by
+// chunk: ATTEST_ERR_MORE_DATA leaves the last chunk in `record` for the caller to send;
+// ATTEST_ERR_FLOW_PAUSED: the stream was paused. The record is the caller's to release in every case.
 //
 // `event_count` (0: all) is a wish: whole chunks come, and what the cache has and what is read from the
 // kernel's list are counted each for itself. A stream that was paused while it read the list has counted the

@@ -74,5 +74,6 @@ bool send_chunk(ima_retrieval &retrieval, event_array &events, send_place place,
     }
     attest_trace_as(row.operation, "CAPI send failed %d", result);
     retrieval.status = ATTEST_ERR_SERVICE_FAILED;
+    retrieval.not_sent = true;
     return false;
 }

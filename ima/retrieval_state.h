@@ -19,6 +19,7 @@ struct ima_retrieval {
 
     std::uint64_t unsent; // the first event that the client does not have; 0: by the start event
     std::uint32_t status = ATTEST_OK;
+    bool not_sent = false;           // the client did not take a chunk, which is no failure of the source
     event_array events;              // held: for the answer, or for the stream's next message
     std::uint64_t cached_events = 0; // read from the cache
     std::uint64_t memory_usage = 0;  // the process's peak resident set when the retrieval began, as reported
