@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include <tss2/tss2_sys.h>
+
 #include "platform/tpm/client_status.h"
 
 namespace {
@@ -28,20 +30,19 @@ bool blames_response(TSS2_RC code)
 }
 
 // A TPM that serves one connection at a time holds, at its begin, only what a process that died has left:
-// keys that take up its few slots. Through a resource manager there is nothing to see.
+// keys and sequences that take up its few slots. Through a resource manager there is nothing to see.
 TSS2_RC flush_leftovers(tpm_connection &connection)
 {
     constexpr std::size_t slots = 16; // more than a TPM has; one that names more costs no more time
     std::vector<std::uint32_t> loaded;
     TSS2_RC code = tpm_connection_handles(connection, TPM2_TRANSIENT_FIRST, loaded);
     loaded.resize(std::min(loaded.size(), slots));
-    for (std::size_t i = 0; i < loaded.size() && code == TSS2_RC_SUCCESS; ++i) {
-        ESYS_TR object = ESYS_TR_NONE;
-        code = Esys_TR_FromTPMPublic(connection.esys, loaded[i], ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE,
-                                     &object);
-        if (code == TSS2_RC_SUCCESS)
-            code = Esys_FlushContext(connection.esys, object);
-    }
+    // By its number: ESYS would ask for the public area first, and a sequence has none.
+    TSS2_SYS_CONTEXT *commands = nullptr;
+    if (code == TSS2_RC_SUCCESS)
+        code = Esys_GetSysContext(connection.esys, &commands);
+    for (std::size_t i = 0; i < loaded.size() && code == TSS2_RC_SUCCESS; ++i)
+        code = Tss2_Sys_FlushContext(commands, loaded[i]);
     return code;
 }
 

@@ -31,7 +31,7 @@ struct tpm_connection {
 };
 
 // Opens a channel to the device and sees that a TPM answers; a TPM that waits for TPM2_Startup gets it. Keys
-// that an earlier process left loaded are flushed.
+// and sequences that an earlier process left loaded are flushed.
 kov_status tpm_connection_open(const kov_ipc_callbacks &ipc, std::uint64_t device,
                                std::unique_ptr<tpm_connection> &connection);
 

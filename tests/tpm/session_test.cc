@@ -84,6 +84,23 @@ TEST_F(session_test, LogoutLeavesNothingInTheTpm)
             << kind;
 }
 
+TEST_F(session_test, ALoginClearsAwayWhatAnotherProgramLeftLoaded)
+{
+    release();
+    {
+        const auto other = connect_to(tpm_);
+        const TPM2B_AUTH none{};
+        ESYS_TR sequence = ESYS_TR_NONE; // has no public area, as a key has
+        ASSERT_EQ(Esys_HashSequenceStart(other->esys, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, &none,
+                                         TPM2_ALG_SHA256, &sequence),
+                  TSS2_RC_SUCCESS);
+    }
+    use(tpm_);
+    EXPECT_EQ(login().login_status, KOV_SUCCESS);
+    release();
+    EXPECT_EQ(run_program("tpm2_getcap -T " + tpm_.address() + " handles-transient").output, "");
+}
+
 TEST_F(session_test, AWrongSecretIsAStatusAndNeverLocksTheTpm)
 {
     session_owner wrong = login("Pobrekd308");
