@@ -103,7 +103,7 @@ ask_result stream_ima_log(client &c, const evidence &into, const message_taker &
 std::string break_of(const ima_list &list, std::uint64_t asked_after)
 {
     const std::string verified = grouped(list.begun_after) + ", up to which it was verified before";
-    if (list.earliest != 0 && list.begun_after < asked_after) // nothing came at all
+    if (!list.begun && list.begun_after < asked_after) // nothing came at all
         return "what follows event " + verified + ", was not asked for, only what follows event " +
                grouped(asked_after);
     return "it does not go on from event " + verified;

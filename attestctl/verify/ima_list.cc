@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "attestctl/text.h"
 #include "attestctl/verify/pcr_set.h"
@@ -13,9 +14,6 @@ namespace {
 
 constexpr std::uint32_t IMA_PCR = 10;
 constexpr std::size_t TEMPLATE_HASH_SIZE = 20;
-
-// A node serves whole chunks: it may begin this many events earlier than it was asked to.
-constexpr std::uint64_t CHUNK = 1000;
 
 // What is extended for one event.
 struct extension {
@@ -92,8 +90,8 @@ void extend(ima_list &list, const api::IMA_EVENT &event)
 // False: the event was verified before.
 bool take_number(ima_list &list, std::uint64_t number)
 {
-    const bool begins = list.earliest != 0 && number >= list.earliest && number <= list.next_number;
-    list.earliest = 0;
+    // What comes before the position is skipped, however far back the node's cache ended.
+    const bool begins = !std::exchange(list.begun, true) && number != 0 && number <= list.next_number;
     if (number != list.next_number && !begins && list.number_problem.empty())
         list.number_problem =
             "event " + grouped(number) + " came where event " + grouped(list.next_number) + " belongs";
@@ -120,11 +118,10 @@ void take_event(ima_list &list, const api::IMA_EVENT &event)
     }
 }
 
-void go_on_from(ima_list &list, const ima_position &position, std::uint64_t asked_after)
+void go_on_from(ima_list &list, const ima_position &position)
 {
     list.begun_after = position.event;
     list.next_number = position.event + 1;
-    list.earliest = asked_after < CHUNK ? 1 : std::min(asked_after - CHUNK, position.event) + 1;
     for (const ima_position::pcr &known : position.pcrs) {
         ima_pcr &pcr = list.pcrs[known.index];
         std::memcpy(pcr.native.data(), known.value.data(), pcr.native.size());
@@ -148,7 +145,7 @@ void begin_list(ima_list &list, const std::string &source, const api::attest_pcr
         pcr.quoted = record != quotes.node_data().end() ? value_of(record->pcrs(), i) : nullptr;
     }
     if (const auto position = start.positions.find(source); position != start.positions.end())
-        go_on_from(list, position->second, start.asked_after);
+        go_on_from(list, position->second);
     if (const auto note = start.notes.find(source); note != start.notes.end())
         list.note = "; taken whole: " + note->second;
     // Only PCRs that events were extended into count, and PCR 10 in any case.

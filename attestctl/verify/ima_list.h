@@ -32,7 +32,7 @@ struct ima_position {
 // From where on lists are replayed: after the positions of the sources that have one, otherwise from the
 // beginning.
 struct ima_start {
-    std::uint64_t asked_after = 0; // of the request: what came begins at most 1000 events before the next one
+    std::uint64_t asked_after = 0; // of the request
     std::map<std::string, ima_position> positions;
     std::map<std::string, std::string> notes; // why a source has no position although it once had; one line
 };
@@ -58,7 +58,7 @@ struct ima_list {
     std::uint64_t events = 0;      // after that one
     std::uint64_t violations = 0, duplicates = 0;
     std::uint64_t next_number = 1;
-    std::uint64_t earliest = 1;               // number that the list may begin with; 0: it has begun
+    bool begun = false;                       // an event came
     std::uint64_t hashed = 0;                 // template hashes that were recomputed
     std::uint64_t not_rebuilt = 0;            // events of templates whose data is not in the answer
     std::string number_problem, hash_problem; // of the first event that has one; one line

@@ -71,7 +71,10 @@ std::string_view field_list_of(std::string_view template_name)
 
 bool rebuild_ima(const api::IMA_EVENT &event, std::string &data)
 {
-    if (event.digest().size() != IMA_DIGEST_SIZE || event.event_name().size() > IMA_NAME_SIZE)
+    // No file's name has a NUL in it; a name with one would be the padding, or the fields of another
+    // template.
+    if (event.digest().size() != IMA_DIGEST_SIZE || event.event_name().size() > IMA_NAME_SIZE ||
+        event.event_name().find('\0') != std::string::npos)
         return false;
     data = event.digest();
     data += event.event_name();
@@ -94,14 +97,15 @@ bool rebuild_template_data(const api::IMA_EVENT &event, std::string &data)
         const std::string_view id = fields.substr(0, end);
         const auto *field = std::find_if(FIELDS.begin(), FIELDS.end(),
                                          [id](const template_field &one) { return one.id == id; });
-        if (field == FIELDS.end() || (used & field->bit) != 0 || !field->append(event, data))
+        if (field == FIELDS.end() || field->bit <= used || !field->append(event, data))
             return false;
         used |= field->bit;
         more = end != std::string_view::npos;
         fields = more ? fields.substr(end + 1) : fields;
     }
-    // The name of the template is in no hash: under another one the same bytes are other fields. What would
-    // then be shown without being in the data must not be there.
+    // The name of the template is in no hash: under another one the same bytes are other fields. So fields
+    // stand in the order in which the kernel's templates have them (a signature, which root may write, is no
+    // digest), and what would be shown without being in the data must not be there.
     return (used & (DIGEST | NAME)) == (DIGEST | NAME) &&
            ((used & SIGNATURE) != 0 || event.signature().empty());
 }

@@ -101,11 +101,16 @@ def template_data(event):
     """What the kernel hashed and extended, from the event's fields."""
     name = event.template_name.decode(errors="replace")
     if name == "ima":
+        require(len(event.digest) == 20 and b"\0" not in event.event_name and not event.signature,
+                f"event {event.event_num} is none of the template 'ima'")
         return event.digest + event.event_name.ljust(256, b"\0")
     parts = {"d-ng": event.digest_algo + b":\0" + event.digest, "n-ng": event.event_name + b"\0",
              "sig": event.signature}
     fields = FIELDS.get(name, name).split("|")
-    require(set(fields) <= set(parts), f"event {event.event_num} has a template that is unknown here: {name!r}")
+    # In another order the same bytes are other fields.
+    require(fields in (["d-ng", "n-ng"], ["d-ng", "n-ng", "sig"]),
+            f"event {event.event_num} has a template that is unknown here: {name!r}")
+    require("sig" in fields or not event.signature, f"event {event.event_num} has a field that its template has not")
     return b"".join(struct.pack("<I", len(parts[field])) + parts[field] for field in fields)
 
 

@@ -159,6 +159,21 @@ TEST(ima_list, OtherPcrsCountWhereEventsAreExtendedIntoThem)
     EXPECT_THAT(not_passed(boot), ElementsAre("replay"));
 }
 
+TEST(ima_list, AContinuedListMayBeginAnywhereBeforeThePosition)
+{
+    const attested boot = good_list();
+    ima_start start;
+    start.asked_after = start.positions["card7"].event = 5060;
+    for (const std::uint64_t first : {0U, 1U, 4000U, 5060U, 5061U, 5062U}) {
+        events some(boot.list.begin(), boot.list.begin() + 3);
+        for (std::size_t i = 0; i < some.size(); ++i)
+            some[i].set_event_num(first + i);
+        std::vector<ima_list> lists;
+        take_ima_message(lists, message_of(some), boot.quotes, start);
+        EXPECT_EQ(lists.at(0).number_problem.empty(), first >= 1 && first <= 5061) << first;
+    }
+}
+
 TEST(ima_list, AnEndBeforeWhatHadBeenVerifiedFails)
 {
     attested boot = good_list();
@@ -222,16 +237,20 @@ TEST(ima_list, TemplateDataIsRebuiltAsTheKernelHashesIt)
     event.set_event_name(std::string(257, 'n'));
     EXPECT_FALSE(rebuild_template_data(event, data));
 
-    event.set_template_name("n-ng|d-ng");
+    event.set_event_name(std::string("a\0b", 3));
+    EXPECT_FALSE(rebuild_template_data(event, data));
+
+    event.set_template_name("d-ng|n-ng");
     event.set_event_name("n");
     event.set_digest_algo("sha1");
     event.set_digest("D");
     ASSERT_TRUE(rebuild_template_data(event, data));
-    EXPECT_EQ(data, std::string("\2\0\0\0n\0\7\0\0\0sha1:\0D", 17));
+    EXPECT_EQ(data, std::string("\7\0\0\0sha1:\0D\2\0\0\0n\0", 17));
     event.clear_event_name();
     EXPECT_FALSE(rebuild_template_data(event, data));
     event.set_event_name("n");
-    for (const char *unknown : {"", "|", "d-ng|", "d-ng|n-ng|buf", "d-ng||n-ng"}) {
+    for (const char *unknown :
+         {"", "|", "d-ng|", "d-ng|n-ng|buf", "d-ng||n-ng", "n-ng|d-ng", "sig|n-ng|d-ng"}) {
         event.set_template_name(unknown);
         EXPECT_FALSE(rebuild_template_data(event, data)) << unknown;
     }
