@@ -12,6 +12,7 @@
 #include "attestctl/attest_report.h"
 #include "attestctl/client.h"
 #include "attestctl/output.h"
+#include "attestctl/report.h"
 #include "attestctl/targets.h"
 #include "attestctl/text.h"
 #include "attestctl/verify/judge.h"
@@ -84,13 +85,15 @@ node_result attest_one(const crowd &all, const std::string &target)
         result.outcome = all_passed(checks) ? node_outcome::verified : node_outcome::not_verified;
     if (whole)
         result.memory = memory_of(target, got, checks);
-    if (chosen.json)
+    if (chosen.json) {
         append_json_report(result.line, chosen, got, checks, roots.node.vouched_for(), asked.text);
-    else
-        result.line = format("%-*s  ", static_cast<int>(all.width), target.c_str()) +
-                      (whole ? verdict_line(checks, roots.node.vouched_for()) + first_problem(checks)
-                             : "NOT VERIFIED: " + asked.text) +
-                      '\n';
+        return result;
+    }
+    // Folded, as a reason tells what the node sent: it begins no line that could be another node's.
+    result.line = format("%-*s  ", static_cast<int>(all.width), target.c_str());
+    append_folded(result.line, output_columns(), result.line.size(),
+                  whole ? verdict_line(checks, roots.node.vouched_for()) + first_problem(checks)
+                        : "NOT VERIFIED: " + asked.text);
     return result;
 }
 

@@ -119,7 +119,8 @@ ask_result connect(client &c, bool &connected)
         if (connected || state == GRPC_CHANNEL_TRANSIENT_FAILURE || state == GRPC_CHANNEL_SHUTDOWN)
             return {};
         if (!c.channel->WaitForStateChange(state, until))
-            return unreachable(c, "no connection within " + seconds_text(limit));
+            return unreachable(c, "no connection within " + seconds_text(limit) +
+                                      ": it is down, or busy; ask again");
     }
 }
 
@@ -247,13 +248,15 @@ stream_state finish(stream_call &s, stream_state state)
     return state;
 }
 
-// All but logs are small: 4096 identifiers twice, by SHA-512, are half a megabyte. A message of empty records
-// takes fifty times its bytes here.
+// All but IMA lists are small: 4096 identifiers twice, by SHA-512, are half a megabyte, and firmware gives
+// its boot log 64 KiB to 1 MiB. A message of empty records takes fifty times its bytes here.
 constexpr const char *SMALL_ANSWERS = R"({"methodConfig": [{"name": [
     {"service": "remote_attestation_api.RemoteAttestationApi", "method": "GetCertificate"},
     {"service": "remote_attestation_api.RemoteAttestationApi", "method": "AttestPcrs"},
     {"service": "remote_attestation_api.RemoteAttestationApi", "method": "GetPlatformHwIntegrity"}],
-    "maxResponseMessageBytes": 4194304}]})";
+    "maxResponseMessageBytes": 4194304}, {"name": [
+    {"service": "remote_attestation_api.RemoteAttestationApi", "method": "GetPlatformBootIntegrityEventLogs"}],
+    "maxResponseMessageBytes": 16777216}]})";
 
 // Log lines of the libraries would stand between ours; what they say is in the status of the call.
 void silence_libraries()

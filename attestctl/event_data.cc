@@ -104,9 +104,8 @@ std::optional<lines> tagged(std::string_view data)
 
 std::optional<lines> crtm_version(std::string_view data)
 {
-    if (data.size() == GUID_SIZE)
-        return lines{guid_text(data)};
-    return lines{text_or_hex(data)};
+    const std::string text = text_or_hex(data); // a GUID is hardly ever one, a version of that size often
+    return lines{data.size() == GUID_SIZE && !text.starts_with('"') ? guid_text(data) : text};
 }
 
 std::string base_and_length(byte_reader &in)

@@ -10,6 +10,10 @@
 #include "attestctl/verify/ima_list.h"
 #include "attestctl/verify/quote.h"
 
+// Bytes of one message that is judged: a node's stream comes in small ones, a management controller's list in
+// one of 48 MiB at most.
+inline constexpr int LARGEST_MESSAGE = 64 << 20;
+
 // What came of one kind of evidence.
 struct arrival {
     std::string kind;

@@ -8,6 +8,7 @@
 #include <type_traits>
 
 #include <fcntl.h>
+#include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/io/zero_copy_stream_impl.h>
 #include <google/protobuf/util/delimited_message_util.h>
 #include <sys/stat.h>
@@ -17,11 +18,17 @@
 #include "attestctl/text.h"
 
 using google::protobuf::Message;
+using google::protobuf::io::CodedInputStream;
 using google::protobuf::io::FileInputStream;
 
 namespace {
 
 constexpr const char *IMA_FILE = "ima-log.messages";
+
+// Bytes of a file. What was taken from a node is less; a sparse file of any size costs nobody anything to
+// make.
+constexpr off_t LARGEST_LIST = off_t{64} << 30;
+constexpr off_t LARGEST_ANSWER = off_t{16} << 20;
 constexpr const char *SUMS_FILE = "SHA256SUMS";
 
 // The kinds with one answer.
@@ -86,10 +93,16 @@ bool write_file(const std::string &path, const std::string &bytes, std::string &
 // A file of the directory for reading. What is none (a pipe, a device) is not waited for.
 file_owner open_file(const std::string &path, std::string &error)
 {
+    const off_t largest = path.ends_with(IMA_FILE) ? LARGEST_LIST : LARGEST_ANSWER;
     const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     struct stat status {};
     const bool is_open = descriptor >= 0 && fstat(descriptor, &status) == 0;
     const bool is_file = is_open && S_ISREG(status.st_mode);
+    if (is_file && status.st_size > largest) {
+        error = printable(path) + " is larger than what a node can have sent";
+        close(descriptor);
+        return {nullptr, std::fclose};
+    }
     file_owner file(is_file ? fdopen(descriptor, "r") : nullptr, std::fclose);
     if (file)
         return file;
@@ -212,7 +225,9 @@ bool read_ima_log(const std::string &directory, const std::function<void(const a
     for (std::uint64_t number = 1;; ++number) {
         bool at_end = false;
         message.Clear();
-        if (!google::protobuf::util::ParseDelimitedFromZeroCopyStream(&message, &bytes, &at_end)) {
+        CodedInputStream one(&bytes);
+        one.SetTotalBytesLimit(LARGEST_MESSAGE);
+        if (!google::protobuf::util::ParseDelimitedFromCodedStream(&message, &one, &at_end)) {
             if (!at_end)
                 error = printable(path) + ": message " + grouped(number) + " is no NodeIMAData";
             break;

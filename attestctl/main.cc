@@ -5,6 +5,7 @@
 
 #include "attestctl/client.h"
 #include "attestctl/commands.h"
+#include "attestctl/evidence.h"
 #include "attestctl/options.h"
 #include "attestctl/output.h"
 
@@ -24,8 +25,10 @@ constexpr auto RUNNERS = std::to_array<command_runner>({
     {command_id::attest, run_attest},
 });
 
-int run(const settings &chosen)
+int run(settings chosen)
 {
+    if (chosen.command == command_id::attest)
+        chosen.largest_answer = LARGEST_MESSAGE;
     std::string error;
     const client_owner c = make_client(chosen, error);
     if (!c) {

@@ -117,7 +117,9 @@ constexpr auto OPTIONS = std::to_array<option_row>({
     {"--server-name", "NAME", EVERY, take_text<&settings::server_name>,
      "name in the node's certificate, where it is not HOST", NEEDS_TEXT},
     {"--timeout", "SECONDS", EVERY, take_seconds<&settings::timeout>,
-     "longest wait for an answer, or between the messages of a stream (default 30)", NEEDS_SECONDS},
+     "longest wait for an answer, or between the messages of a stream (default 30); for a connection 5 at "
+     "most",
+     NEEDS_SECONDS},
     {"--json", "", EVERY, take_flag<&settings::json>, "one JSON object a line", ""},
 
     {"--root", "FILE", CERTIFICATES, take_text<&settings::root_file>,

@@ -227,8 +227,9 @@ void check_pins(std::vector<check> &rows, const std::vector<pinned_source> &pinn
         return [&name](const pinned_source &one) { return one.source == name; };
     };
     for (const pinned_source &then : pinned) {
-        check_list list{printable(then.source, MAX_TEXT_BYTES, backslash::single), {}};
         const auto is = std::find_if(now.begin(), now.end(), named(then.source));
+        check_list list{
+            is != now.end() ? is->source : printable(then.source, MAX_TEXT_BYTES, backslash::single), {}};
         if (is == now.end()) {
             add(list, "pinned source", failed("sent nothing, and is pinned"));
         } else {

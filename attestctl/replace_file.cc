@@ -7,6 +7,7 @@
 #include <optional>
 
 #include <fcntl.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -101,7 +102,11 @@ bool replace_file(const std::string &path, std::string_view content, std::string
     destination where;
     if (!can_replace_file(path, error) || !find_destination(path, where, error))
         return false;
-    const std::string fresh = where.path + format(".%d.new", getpid());
+    // Not by the process's id, which comes again: what a killed run left must not be in the way of the next.
+    std::uint64_t unique = 0;
+    if (getrandom(&unique, sizeof unique, 0) != static_cast<ssize_t>(sizeof unique))
+        return cannot_write(path, "no random bytes", error);
+    const std::string fresh = where.path + format(".%016lx.new", static_cast<unsigned long>(unique));
     if (!write_new(fresh, content, where.mode))
         return cannot_write(path, std::strerror(errno), error);
     if (rename(fresh.c_str(), where.path.c_str()) != 0) {

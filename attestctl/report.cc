@@ -8,14 +8,13 @@
 #include "attestctl/json.h"
 #include "attestctl/text.h"
 
-namespace {
-
-// The width of the terminal that is the standard output; 0: it is none, or does not say.
 std::size_t output_columns()
 {
     winsize size{};
     return isatty(STDOUT_FILENO) == 1 && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
+
+namespace {
 
 // Of UTF-8 text in which each character takes one.
 std::size_t columns_of(std::string_view text)
@@ -24,8 +23,8 @@ std::size_t columns_of(std::string_view text)
         std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
 }
 
-// Appends the text, which begins in column `begin`, and a line break. What does not fit into so many columns
-// is folded between words into lines that begin there too; 0 columns: nothing is.
+} // namespace
+
 void append_folded(std::string &out, std::size_t columns, std::size_t begin, std::string_view text)
 {
     constexpr std::size_t LEAST_ROOM = 16; // in less, folding makes nothing more readable
@@ -45,8 +44,6 @@ void append_folded(std::string &out, std::size_t columns, std::size_t begin, std
     }
     out += '\n';
 }
-
-} // namespace
 
 void append_row(std::string &out, const row_layout &layout, const std::string &name, const char *outcome,
                 const std::string &reason)

@@ -13,6 +13,13 @@ struct row_layout {
     int name_width;
 };
 
+// The width of the terminal that is the standard output; 0: it is none, or does not say.
+std::size_t output_columns();
+
+// Appends the text, which begins in column `begin`, and a line break. What does not fit into so many columns
+// is folded between words into lines that begin there too; 0 columns: nothing is.
+void append_folded(std::string &out, std::size_t columns, std::size_t begin, std::string_view text);
+
 // A row that fits the terminal that is the standard output: name, outcome and reason beside each other, or in
 // a narrow one the reason under the name. Elsewhere, and where a terminal is wide enough, one line.
 void append_row(std::string &out, const row_layout &layout, const std::string &name, const char *outcome,

@@ -27,6 +27,8 @@ void append_printable(std::string &out, char32_t value, backslash how)
 {
     if (value == '\\' && how == backslash::doubled)
         out += "\\\\";
+    else if (value == '"' && how == backslash::single) // most of these texts stand in quotes
+        out += "\\x22";
     else if (!is_unsafe(value))
         append_utf8(out, value);
     else if (value < 0x80)

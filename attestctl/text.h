@@ -28,7 +28,8 @@ void append_utf8(std::string &out, char32_t value);
 bool is_unsafe(char32_t value) noexcept;
 
 // Whether a backslash of the source is doubled. Doubled, the result can be read back without doubt; single
-// keeps the file names of the firmware, which are full of backslashes, readable.
+// keeps the file names of the firmware, which are full of backslashes, readable; as most are shown in quotes,
+// a quote of the source is \x22 there.
 enum class backslash { doubled, single };
 
 // UTF-8 text with \xNN for bytes that are none or are ASCII controls and \u{N} for other unsafe characters.

@@ -7,9 +7,6 @@
 
 namespace {
 
-// Rows of a hostile record; boards have a few dozen chips.
-constexpr int MOST_SHOWN = 4096;
-
 void append_identifier(html &out, int index, const std::string *recorded, const std::string *now)
 {
     out << "<tr><td>" << std::to_string(index) << "<td class=wide>";
@@ -36,12 +33,12 @@ void append_identifiers(html &out, const api::tpm_hw_integrity &record)
     const auto &now = record.uid_digests_db1();
     const int rows = std::max(recorded.size(), now.size());
     out << "<table class=pcrs><thead><tr><th>chip<th>recorded<th>shown now</thead><tbody>";
-    for (int i = 0; i < std::min(rows, MOST_SHOWN); ++i)
+    for (int i = 0; i < std::min(rows, MOST_IDENTIFIERS); ++i)
         append_identifier(out, i, i < recorded.size() ? &recorded[i].digest() : nullptr,
                           i < now.size() ? &now[i].digest() : nullptr);
     out << "</tbody></table>";
-    if (rows > MOST_SHOWN)
-        out << "<p class=note>" << static_cast<std::uint64_t>(rows - MOST_SHOWN)
+    if (rows > MOST_IDENTIFIERS)
+        out << "<p class=note>" << static_cast<std::uint64_t>(rows - MOST_IDENTIFIERS)
             << " more are not shown.</p>";
 }
 

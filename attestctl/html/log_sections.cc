@@ -173,8 +173,8 @@ void append_boot_logs(html &out, const std::vector<page_source> &sources)
     open_section(
         out, "boot", "Boot log",
         "What firmware and boot loader measured, in order. Every event was extended into its PCR, "
-        "but for those that are marked. The replay proves digests: data that are not what the digest is of "
-        "are what the node says.");
+        "but for those that are marked. The replay proves the SHA-256 digests: types, other digests and data "
+        "that are not what the digest is of are what the node says.");
     for (const page_source &from : sources) {
         const api::NodeBootIntegrityLog *log = from.records.boot_log;
         open_source(out, from, log != nullptr,

@@ -16,6 +16,8 @@ constexpr int DIFFERENCES_SHOWN = 8;
 // What is wrong with a list by itself; empty: nothing.
 std::string list_problem(const char *which, const digest_list &digests, const hash_algorithm &bank)
 {
+    if (digests.size() > MOST_IDENTIFIERS)
+        return format("%s list: %d entries, more than a board has", which, digests.size());
     for (int i = 0; i < digests.size(); ++i) {
         if (!digests[i].has_index() || digests[i].index() != static_cast<std::uint32_t>(i))
             return format("%s list: entry %d has index %u", which, i, digests[i].index());

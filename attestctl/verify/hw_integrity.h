@@ -9,6 +9,9 @@
 
 inline constexpr std::uint32_t REFERENCE_PCR = 15;
 
+// In a list that is judged, shown and pinned; boards have a few dozen chips.
+inline constexpr int MOST_IDENTIFIERS = 4096;
+
 // PCR 15 after the extension by the recorded list: H(zeros || H(all recorded digests)). Empty for a hash that
 // cannot be computed.
 std::string reference_pcr_value(const remote_attestation_api::tpm_hw_integrity &record,

@@ -41,12 +41,15 @@ bool sort_by_source(const evidence &got, std::vector<source> &sources)
 
 std::string source_name(const std::vector<source> &sources, std::size_t index)
 {
-    const std::string &name = sources[index].name;
-    const std::string shown = shown_name(name);
-    const auto before = std::count_if(sources.data(), sources.data() + index, [&shown](const source &other) {
-        return shown_name(other.name) == shown;
-    });
-    return shown + (before == 0 ? "" : format(" (%d)", static_cast<int>(before) + 1));
+    std::vector<std::string> given;
+    for (std::size_t i = 0; i <= index; ++i) {
+        const std::string shown = shown_name(sources[i].name);
+        std::string name = shown;
+        for (int n = 2; std::ranges::find(given, name) != given.end(); ++n)
+            name = shown + format(" (%d)", n);
+        given.push_back(std::move(name));
+    }
+    return given.back();
 }
 
 const ima_list *ima_list_of(const evidence &got, const source &from)

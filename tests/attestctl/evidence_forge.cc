@@ -203,7 +203,7 @@ std::string make_certificate(const certificate_plan &plan)
     add_extension(certificate, NID_key_usage, plan.usage);
     if (plan.extended_usage != nullptr)
         add_extension(certificate, NID_ext_key_usage, plan.extended_usage);
-    must(X509_sign(certificate, plan.issuer_key, EVP_sha256()) > 0);
+    must(X509_sign(certificate, plan.issuer_key, plan.hash()) > 0);
     unsigned char *der = nullptr;
     const int length = i2d_X509(certificate, &der);
     must(length > 0);

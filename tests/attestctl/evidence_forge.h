@@ -32,6 +32,7 @@ struct certificate_plan {
     const char *usage = "critical,digitalSignature";
     const char *extended_usage = nullptr;
     long from_s = -3600, to_s = 3600; // relative to now
+    const EVP_MD *(*hash)() = EVP_sha256;
 };
 std::string make_certificate(const certificate_plan &plan); // DER
 std::string pem_of(const std::string &der);

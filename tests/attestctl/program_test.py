@@ -210,7 +210,7 @@ class Failures(Program):
         with socket.create_server(("127.0.0.1", 0)) as silent:
             target = f"127.0.0.1:{silent.getsockname()[1]}"
             done = run(target, "boot-log", "--timeout", "0.5")
-        self.expect(done, 2, f"cannot reach {target}: no connection within 0.5 s")
+        self.expect(done, 2, f"cannot reach {target}: no connection within 0.5 s: it is down, or busy; ask again")
 
     def test_unknown_host(self):
         self.expect(run("nowhere.invalid:1", "boot-log"), 2, "cannot reach nowhere.invalid:1: .+")

@@ -51,6 +51,15 @@ TEST_F(ReplaceFile, PutsTheContentInPlaceAndKeepsPermissionsAndLink)
     EXPECT_THAT(names(), testing::UnorderedElementsAre("page", "link"));
 }
 
+TEST_F(ReplaceFile, WhatAKilledRunLeftIsNotInTheWay)
+{
+    const fs::path left = folder / ("page." + std::to_string(getpid()) + ".new");
+    std::ofstream(left) << "half";
+    EXPECT_TRUE(replace_file(folder / "page", "whole", error)) << error;
+    EXPECT_EQ(content_of(folder / "page"), "whole");
+    EXPECT_EQ(content_of(left), "half");
+}
+
 TEST_F(ReplaceFile, WhatCannotBeWrittenIsSaidBeforeTheWorkAndAfterIt)
 {
     const std::array<std::pair<fs::path, const char *>, 4> refused = {{{folder, "Is a directory"},

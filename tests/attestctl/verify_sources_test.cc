@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "attestctl/verify/sources.h"
 #include "tests/attestctl/wrong_evidence.h"
 
 using testing::ElementsAre;
@@ -88,6 +89,9 @@ TEST(verify, names_that_could_be_taken_for_each_other_are_not)
     const std::vector<check> rows = judge(f.got, SUBJECTS, f.roots);
     EXPECT_EQ(rows.front().source, "(without a name)");
     EXPECT_EQ(rows.back().source, "(without a name) (2)");
+    const std::vector<source> sources{{"a"}, {"a"}, {"a (2)"}};
+    EXPECT_EQ(source_name(sources, 1), "a (2)");
+    EXPECT_EQ(source_name(sources, 2), "a (2) (2)");
 }
 
 TEST(verify, what_came_is_told_of_no_more_sources_than_there_can_be)

@@ -68,6 +68,15 @@ TEST(verify, certificates)
              replace_certificate(f, DEVICE, der);
          },
          {"FAIL identity chain", "FAIL identity signature", "FAIL attestation key signature"}},
+        {"signed by SHA-1", replaced(DEVICE, device, [](auto &plan) { plan.hash = EVP_sha1; }), chain},
+        {"key of 1024 bits",
+         [device](forged &f) {
+             static const pkey_owner weak(EVP_RSA_gen(1024));
+             certificate_plan plan = device;
+             plan.key = f.identity_key = weak.get();
+             replace_certificate(f, DEVICE, make_certificate(plan));
+         },
+         chain},
         {"CA that did not issue",
          replaced(DEVICE, device,
                   [](auto &plan) {

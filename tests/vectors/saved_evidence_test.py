@@ -76,6 +76,10 @@ class Damaged(Program):
                     os.rmdir(file) if file.is_dir() else file.unlink()
                     file.write_bytes(whole)
 
+    def test_a_file_that_no_node_can_have_sent(self):
+        os.truncate(self.directory / "pcrs.response", 1 << 40)  # of holes: it takes no room, and hours to hash
+        self.refused("pcrs.response is larger than what a node can have sent")
+
     def test_messages_that_are_none(self):
         listed = (GOOD / vectors.IMA_LOG).read_bytes()
         for name, bad, words in (
