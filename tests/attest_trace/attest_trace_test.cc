@@ -42,7 +42,9 @@ public:
         std::array<int, 2> output{};
         std::array<int, 2> errors{};
         EXPECT_EQ(pipe2(output.data(), O_CLOEXEC) | pipe2(errors.data(), O_CLOEXEC), 0);
-        if ((pid_ = fork()) == 0) {
+        if ((pid_ = fork()) < 0)
+            std::abort(); // -1 is not to be killed: it stands for every process
+        if (pid_ == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             dup2(output[1], STDOUT_FILENO);
             dup2(errors[1], STDERR_FILENO);
@@ -139,7 +141,8 @@ TEST_F(attest_trace_test, DumpShowsEachRecordAsOneReadableEntry)
 {
     write("first(): done\n");
     write("second(): \n 00FF\n2026-01-01T00:00:00.000Z 1 forged\n\n");
-    write("third(): \033[2J\ttab \x7F");
+    write("third(): \033[2J\ttab \x7F \xC2\x9B"
+          "2J");
     outcome dump = run({"dump"});
     EXPECT_EQ(dump.status, 0);
     EXPECT_EQ(dump.errors, "");
@@ -147,7 +150,7 @@ TEST_F(attest_trace_test, DumpShowsEachRecordAsOneReadableEntry)
     EXPECT_THAT(dump.output,
                 MatchesRegex(head + " first\\(\\): done\n" + head +
                              " second\\(\\): \n     00FF\n    2026-01-01T00:00:00[.]000Z 1 forged\n" + head +
-                             " third\\(\\): \\\\x1b\\[2J\ttab \\\\x7f\n"));
+                             " third\\(\\): \\\\x1b\\[2J\ttab \\\\x7f \\\\xc2\\\\x9b2J\n"));
     EXPECT_EQ(run({"--run-dir", directory, "--buffer=attestation", "dump"}).output, dump.output);
 }
 

@@ -24,7 +24,7 @@ constexpr const char *HELP = R"(usage: attest-trace [--run-dir DIR] [--buffer NA
   --help          this text
 
 A line is printed as: time (UTC), process id (with /thread id for other threads), text. Further lines of a
-text are indented; control characters are shown as \xNN.
+text are indented; control characters and bytes beyond ASCII are shown as \xNN.
 
 Exit status: 0 done; 1 no buffer, no such flag or no running agent; 2 wrong usage.
 )";

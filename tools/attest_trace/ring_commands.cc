@@ -16,7 +16,8 @@ constexpr timespec POLL_INTERVAL = {.tv_sec = 0, .tv_nsec = 50'000'000};
 constexpr int UNFINISHED_POLLS = 20;
 
 // An entry starts at the margin and nothing else does: further lines of its text are indented, and bytes that
-// would move a terminal's cursor are shown as \xNN.
+// would move a terminal's cursor or turn its text round are shown as \xNN: controls, and all beyond ASCII, as
+// a file's name, which any user can give, may hold any of them.
 std::string printable(std::string_view text)
 {
     text = text.substr(0, text.find_last_not_of('\n') + 1);
@@ -25,7 +26,7 @@ std::string printable(std::string_view text)
         auto byte = static_cast<unsigned char>(c);
         if (c == '\n') {
             shown += "\n    ";
-        } else if ((byte < 0x20 && c != '\t') || byte == 0x7F) {
+        } else if ((byte < 0x20 && c != '\t') || byte >= 0x7F) {
             std::array<char, 8> escaped{};
             std::snprintf(escaped.data(), escaped.size(), "\\x%02x", byte);
             shown += escaped.data();
