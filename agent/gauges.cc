@@ -15,7 +15,7 @@ constexpr metric_family gauge(const char *name, const char *help)
 constexpr metric_family build = {
     metric_kind::gauge, "attest_build_info", "Always 1; the version is its label.", {"version"}};
 constexpr metric_family trust_anchor =
-    gauge("attest_trust_anchor_ready", "1 when the trust anchor could be set up at the start.");
+    gauge("attest_trust_anchor_ready", "1 when PCRs could be read and quoted at the start.");
 constexpr metric_family cache_ready = gauge("attest_ima_cache_ready", "1 when the IMA cache can be used.");
 constexpr metric_family cache_blocks =
     gauge("attest_ima_cache_blocks", "Blocks of the IMA cache that hold events.");
@@ -38,7 +38,7 @@ void set(const metric_family &family, std::uint64_t value)
 void collect_agent_gauges(void *)
 {
     metric_set(build, {ATTEST_VERSION}, 1);
-    set(trust_anchor, at_agent_state.capability_pcr_read);
+    set(trust_anchor, at_agent_state.capability_pcr_read & at_agent_state.capability_pcr_quote);
     set(cache_ready, at_agent_state.ima_cache_ready);
     ima_cache_usage cache{};
     if (at_agent_state.ima_cache_ready != 0 && at_ima_cache_usage(&cache)) {

@@ -7,6 +7,7 @@
 #include "agent/gauges.h"
 #include "agent/node_location.h"
 #include "agent/server_start.h"
+#include "agent/settings_check.h"
 #include "agent/signals.h"
 #include "agent/status.h"
 #include "agent/system_messages.h"
@@ -68,6 +69,7 @@ int main(int argc, char **argv)
     // The agent serves what it can: neither metrics, nor a trace, nor the trust anchor is needed to answer.
     metrics_collect_with(collect_agent_gauges, nullptr);
     metrics_start(at_event_manager);
+    tell_wrong_settings();
     attest_dbg_init();
     attestation_local_init();
     at_install_signal_handlers();

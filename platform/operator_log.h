@@ -1,5 +1,5 @@
-// What the platform layer itself tells the operator: refused settings, refused peers, what is served where.
-// The agent's own failures are system messages (message_log.h).
+// What is told the operator of settings and peers: which are refused, what is served where. The agent's
+// failures are system messages (message_log.h).
 #pragma once
 
 // One line to the journal, or to stderr where there is none. `priority` is a syslog priority (LOG_ERR, ...).

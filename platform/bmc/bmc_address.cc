@@ -4,9 +4,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <syslog.h>
 
-#include "platform/operator_log.h"
 #include "platform/status.h"
 
 std::uint32_t platform_get_bmc_address(char *buffer, std::size_t size)
@@ -20,10 +18,8 @@ std::uint32_t platform_get_bmc_address(char *buffer, std::size_t size)
     if (std::strcmp(setting, "none") == 0)
         return platform_status_from_errno(ENODEV);
     in_addr address{};
-    if (inet_pton(AF_INET, setting, &address) != 1) {
-        operator_log(LOG_ERR, "ATTEST_BMC_ADDRESS is neither an IPv4 address in dotted form nor \"none\"");
+    if (inet_pton(AF_INET, setting, &address) != 1)
         return platform_status_from_errno(EINVAL);
-    }
     inet_ntop(AF_INET, &address, buffer, BMC_ADDRESS_SIZE);
     return 0;
 }

@@ -35,6 +35,15 @@ class Process(unittest.TestCase):
 
 
 class StartUp(Process):
+    def test_settings_that_say_nothing_are_told_once(self):
+        self.start_and_settle("ATTEST_BMC_ADDRESS=bmc.example", "ATTEST_TPM=/dev/tpm0", "ATTEST_TRACE=agent, rpc,attest")
+        node.attestctl("boot-log")
+        words = "".join(self.words())
+        for line in ('ATTEST_BMC_ADDRESS is neither an IPv4 address in dotted form nor "none"',
+                     "ATTEST_TPM is neither device:PATH nor swtpm:path=SOCKET", 'ATTEST_TRACE: there is no flag "rpc"'):
+            self.assertEqual(words.count(line), 1, words)
+        self.assertEqual(words.count("there is no flag"), 1, words)
+
     def test_failures_that_end_the_start(self):
         strace = ["strace", "-D", "-qq", "-o", "/dev/null", "-e", "trace=epoll_create1",
                   "-e", "inject=epoll_create1:error=EMFILE:when=1"]
