@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "fuzz/fuzz_input.h"
+#include "ima/ima_events_skip.h"
 #include "ima/ima_record_reader.h"
 
 namespace {
@@ -41,6 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         return 0;
     ima_log log = log_of(data, size);
     ima_record_outcome outcome = ima_record_outcome::read;
+    std::uint64_t events = 0;
+    std::uint64_t last_begin = 0;
     for (std::uint64_t index = 0; outcome == ima_record_outcome::read; ++index) {
         std::uint64_t before = ima_log_position(log);
         owned_message<IMA_EVENT> event;
@@ -50,7 +53,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         if (outcome == ima_record_outcome::read) {
             require(ima_log_position(log) > before && ima_log_position(log) <= size);
             use(*event);
+            ++events;
+            last_begin = before;
         }
+    }
+    // Who skips records finds their ends where who reads them does. (The last one may be cut off.)
+    if (events > 1) {
+        ima_log again = log_of(data, size);
+        std::uint64_t count = events - 1;
+        require(ima_events_skip(again, count) && count == events - 1 &&
+                ima_log_position(again) == last_begin);
     }
     return 0;
 }

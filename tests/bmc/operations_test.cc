@@ -151,6 +151,18 @@ TEST(bmc_operations, RelayWhatFitsAndDecodeTheRecord)
                  get_platform_hw_integrity_bmc);
 }
 
+TEST(bmc_operations, ARecordOfManyEmptyEventsIsNone)
+{
+    std::string events;
+    for (std::uint64_t i = 0; i <= (256u << 20) / sizeof(IMA_EVENT); ++i)
+        events += std::string("\x12\0", 2); // two bytes each, and an event's size in memory
+    script_answer(events);
+    const get_platform_ima_event_logs_request request{};
+    NodeIMAData record{};
+    EXPECT_EQ(attestation_get_bmc_ima_event_logs(&request, &record), ATTEST_ERR_NO_DATA);
+    message_release(record);
+}
+
 TEST(bmc_operations, SurviveEachAllocationThatFails)
 {
     const std::string name = "attestation_get_bmc_sb_event_logs(): ";

@@ -92,6 +92,11 @@ class MutualTls(unittest.TestCase):
                 else:
                     self.assertNotIn("PERMISSION_DENIED", done.stderr)
                     self.assertIn(done.returncode, (0, 1), done.stderr)  # asked and answered
+        credentials = grpc.ssl_channel_credentials(*((self.directory / file).read_bytes() for file in (
+            "first.crt", "nameless.key", "nameless.crt")))
+        with grpc.secure_channel(os.environ["NODE_ADDRESS"], credentials) as channel:
+            health = channel.unary_unary("/grpc.health.v1.Health/Check")(b"", timeout=60)
+        self.assertEqual(health, b"\x08\x01", "whoever is served may ask for it")
         # All of them come from one address, so that one of their lines stands for them.
         self.assertEqual(len(self.words("refused")), 1)
         self.assertRegex(self.words("refused")[0], r"AttestPcrs from 127\.0\.0\.1:\d+ refused: uri:spiffe://example/reader")
