@@ -1,14 +1,19 @@
 // A server and a standard gRPC client of it; calls of raw bytes where the client's own checks are in the way.
 #pragma once
 
+#include <algorithm>
+#include <chrono>
+#include <future>
 #include <grpcpp/generic/generic_stub.h>
 #include <grpcpp/grpcpp.h>
 #include <gtest/gtest.h>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "api/remote_attestation_api.grpc.pb.h"
+#include "platform/rpc/server.h"
 #include "tests/rpc/server_harness.h"
 
 // A call of raw bytes. Waits for each step on a queue of its own.
@@ -16,6 +21,7 @@ class raw_call {
 public:
     raw_call(const std::shared_ptr<grpc::Channel> &channel, const std::string &path) : stub_(channel)
     {
+        context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(90));
         call_ = stub_.PrepareCall(&context, path, &queue_);
         call_->StartCall(tag());
         step();
@@ -85,6 +91,29 @@ inline grpc::Status ask(const std::shared_ptr<grpc::Channel> &channel, const std
     return call.finish();
 }
 
+// The loop stands still while this lives.
+class held_loop {
+public:
+    explicit held_loop(server_harness &node)
+        : held_(std::async(std::launch::async, [this, &node] {
+              node.on_loop([this] {
+                  const auto released = release_.get_future();
+                  stands_.set_value();
+                  released.wait();
+              });
+          }))
+    {
+        stands_.get_future().wait();
+    }
+    ~held_loop() { release_.set_value(); }
+    held_loop(const held_loop &) = delete;
+    held_loop &operator=(const held_loop &) = delete;
+
+private:
+    std::promise<void> stands_, release_;
+    std::future<void> held_;
+};
+
 class Calls : public testing::Test {
 protected:
     server_harness node;
@@ -102,6 +131,28 @@ protected:
     {
         ASSERT_EQ(node.start(), 0u);
         connect();
+    }
+    // So many questions, each from a thread of its own; all of them are answered.
+    void ask_at_once(int questions)
+    {
+        std::vector<std::future<grpc::Status>> answers;
+        for (int i = 0; i < questions; ++i)
+            answers.push_back(std::async(std::launch::async, [this] {
+                grpc::ClientContext context;
+                remote_attestation_api::get_certificate_response response;
+                return stub->GetCertificate(&context, {}, &response);
+            }));
+        for (auto &answer : answers)
+            EXPECT_TRUE(answer.get().ok());
+    }
+    // Events in the server's inbox, of all kinds or of one.
+    std::size_t waiting(std::optional<rpc_event::kind> kind = {})
+    {
+        rpc_shared &shared = *node.server->shared;
+        const std::lock_guard guard(shared.lock);
+        return static_cast<std::size_t>(
+            std::count_if(shared.inbox.begin(), shared.inbox.end(),
+                          [kind](const rpc_event &event) { return !kind || event.what == *kind; }));
     }
     void connect(const std::shared_ptr<grpc::ChannelCredentials> &as = grpc::InsecureChannelCredentials())
     {

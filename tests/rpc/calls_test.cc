@@ -244,25 +244,13 @@ TEST_F(Calls, RequestsThatCameTogetherLeaveTheLoopItsTurns)
             timer.reset(levm_watch_timer(
                 node.manager, 0,
                 [](void *harness) { static_cast<server_harness *>(harness)->tell("timer", 0, 0); }, &node));
-            rpc_shared &shared = *node.server->shared;
-            EXPECT_TRUE(node.wait([&shared] {
-                const std::lock_guard guard(shared.lock);
-                return shared.inbox.size() == 2;
-            }));
+            EXPECT_TRUE(node.wait([this] { return waiting() == 2; }));
         }
         const get_certificate_response response{};
         remote_attestation_api_get_certificate_Resp(client, &response, 1, 0, id);
     };
     serve();
-    std::vector<std::future<grpc::Status>> answers;
-    for (int i = 0; i < 3; ++i)
-        answers.push_back(std::async(std::launch::async, [this] {
-            grpc::ClientContext context;
-            api::get_certificate_response response;
-            return stub->GetCertificate(&context, {}, &response);
-        }));
-    for (auto &answer : answers)
-        EXPECT_TRUE(answer.get().ok());
+    ask_at_once(3);
     EXPECT_LT(node.order().find("timer"), node.order().rfind("certificate")) << node.order();
     node.on_loop([&timer] { timer.reset(); });
 }
@@ -297,23 +285,15 @@ TEST_F(Calls, MoreCallsThanAConnectionMayHaveWaitAtTheClient)
 
 TEST_F(Calls, ACallThatIsOverIsNotStalledWhileOthersAreAnswered)
 {
-    node.limits.stall_ms = 300;
+    node.limits.stall_ms = 1500;
     node.limits.sweep_ms = 50;
     node.on_certificate = [](auto client, const auto &, auto id) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
         const get_certificate_response response{};
         remote_attestation_api_get_certificate_Resp(client, &response, 1, 0, id);
     };
     serve();
-    std::vector<std::future<grpc::Status>> answers;
-    for (int i = 0; i < 6; ++i)
-        answers.push_back(std::async(std::launch::async, [this] {
-            grpc::ClientContext context;
-            api::get_certificate_response response;
-            return stub->GetCertificate(&context, {}, &response);
-        }));
-    for (auto &answer : answers)
-        EXPECT_TRUE(answer.get().ok());
+    ask_at_once(6);
     EXPECT_EQ(node.count("disconnect"), 0u);
 }
 
@@ -323,29 +303,15 @@ TEST_F(Calls, CallsThatAreCancelledAtOnceDoNotPileUp)
     serve();
     std::string answer;
     ASSERT_TRUE(ask(channel, "/grpc.health.v1.Health/Check", "", &answer).ok()); // connected
-    std::promise<void> go, held;
-    auto busy = std::async(std::launch::async, [&] {
-        node.on_loop([&held, wait = go.get_future()] {
-            held.set_value();
-            wait.wait();
-        });
-    });
-    held.get_future().wait();
-    const auto requests = [this] {
-        rpc_shared &shared = *node.server->shared;
-        const std::lock_guard guard(shared.lock);
-        return std::count_if(shared.inbox.begin(), shared.inbox.end(),
-                             [](const rpc_event &event) { return event.what == rpc_event::kind::request; });
-    };
-    for (int i = 1; i <= 6; ++i) {
+    const held_loop held(node);
+    for (std::size_t i = 1; i <= 6; ++i) {
         raw_call call(channel, SERVICE + "GetCertificate");
         call.write("");
-        EXPECT_TRUE(node.wait([&] { return requests() == i; }));
+        EXPECT_TRUE(node.wait([&] { return waiting(rpc_event::kind::request) == i; }));
     }
     raw_call more(channel, SERVICE + "GetCertificate");
     more.write("");
     EXPECT_EQ(more.finish().error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
-    go.set_value();
 }
 
 // ---- who is served ----

@@ -1,6 +1,8 @@
 // Flow control, and clients that stop reading, cancel, or vanish.
 #include <fstream>
 
+#include <gmock/gmock.h>
+
 #include "platform/owners.h"
 #include "platform/rpc/server.h"
 #include "platform/status.h"
@@ -82,6 +84,29 @@ protected:
         auto stream = open_stream();
         EXPECT_TRUE(node.wait_count("refused", 1));
         return stream;
+    }
+    // An answer of so many bytes, of which nothing is read yet.
+    std::unique_ptr<raw_call> ask_large(std::size_t bytes)
+    {
+        node.limits.sweep_ms = 50;
+        node.on_ima = [bytes](auto who, const auto &, auto id) { EXPECT_EQ(send_ima(who, id, 1, bytes), 0); };
+        Calls::serve();
+        auto call = std::make_unique<raw_call>(
+            channel, "/remote_attestation_api.RemoteAttestationApi/GetPlatformImaEventLogs");
+        call->write("");
+        call->writes_done();
+        EXPECT_TRUE(node.wait_count("ima", 1));
+        return call;
+    }
+    // Whether the node ends the connection while its client asks for something else, so often.
+    bool is_ended_beside_questions(int questions)
+    {
+        std::string answer;
+        for (int i = 0; i < questions && node.count("disconnect") == 0; ++i) {
+            ask(channel, "/grpc.health.v1.Health/Check", "", &answer);
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        return node.count("disconnect") == 1;
     }
     std::int32_t send_late()
     {
@@ -325,39 +350,37 @@ TEST_F(Flow, ACancelledSecondStreamDoesNotDropTheFirstOnesPause)
 TEST_F(Flow, ALargeAnswerMayTakeLongerWhileBytesAreAcknowledged)
 {
     node.limits.stall_ms = 1000;
-    node.limits.sweep_ms = 50;
-    node.on_ima = [](auto who, const auto &, auto id) { EXPECT_EQ(send_ima(who, id, 1, 8 * MIB), 0); };
-    Calls::serve();
-    raw_call slow(channel, "/remote_attestation_api.RemoteAttestationApi/GetPlatformImaEventLogs");
-    slow.write("");
-    slow.writes_done();
-    ASSERT_TRUE(node.wait_count("ima", 1));
+    const auto slow = ask_large(8 * MIB);
+    EXPECT_FALSE(is_ended_beside_questions(40)) << "2 s of the 8 that it has";
     std::string answer;
-    for (int i = 0; i < 40; ++i) { // 2 s of the 8 that it has
-        ask(channel, "/grpc.health.v1.Health/Check", "", &answer);
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    EXPECT_TRUE(slow.read(&answer));
-    EXPECT_TRUE(slow.finish().ok());
+    EXPECT_TRUE(slow->read(&answer));
+    EXPECT_TRUE(slow->finish().ok());
     EXPECT_EQ(node.count("disconnect"), 0u);
 }
 
 TEST_F(Flow, OtherAnswersDoNotKeepALargeOneThatNobodyTakes)
 {
     node.limits.stall_ms = 500;
-    node.limits.sweep_ms = 50;
-    node.on_ima = [](auto who, const auto &, auto id) { EXPECT_EQ(send_ima(who, id, 1, 2 * MIB), 0); };
-    Calls::serve();
-    raw_call stuck(channel, "/remote_attestation_api.RemoteAttestationApi/GetPlatformImaEventLogs");
-    stuck.write("");
-    stuck.writes_done(); // and nothing is read
-    ASSERT_TRUE(node.wait_count("ima", 1));
-    std::string answer;
-    for (int i = 0; i < 600 && node.count("disconnect") == 0; ++i) {
-        ask(channel, "/grpc.health.v1.Health/Check", "", &answer);
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const auto stuck = ask_large(2 * MIB);
+    EXPECT_TRUE(is_ended_beside_questions(600));
+}
+
+TEST_F(Flow, ACancelledPauseIsToldBeforeTheNextRequest)
+{
+    serve();
+    const auto first = open_refused_stream();
+    std::unique_ptr<client_stream> second;
+    {
+        const held_loop held(node);
+        second = open_stream();
+        EXPECT_TRUE(node.wait([this] { return waiting() == 1; }));
+        first->context.TryCancel();
+        EXPECT_TRUE(node.wait([this] { return waiting() == 2; }));
     }
-    EXPECT_EQ(node.count("disconnect"), 1u);
+    ASSERT_TRUE(node.wait_count("stream", 2));
+    EXPECT_THAT(node.order(), testing::StartsWith("connect stream refused error stream"));
+    EXPECT_TRUE(node.wait_count("refused", 2));
+    EXPECT_EQ(node.count("error"), 1u);
 }
 
 TEST_F(Flow, AStreamThatIsNotTakenUpAgainEndsWithAStatus)
