@@ -10,6 +10,7 @@
 #include "agent/debug_trace.h"
 #include "platform/bmc_address.h"
 #include "platform/operator_log.h"
+#include "platform/setting_list.h"
 #include "platform/status.h"
 #include "platform/trust_anchor_client.h"
 
@@ -25,10 +26,7 @@ bool is_trace_flag(std::string_view name)
 void tell_wrong_trace_flags(std::string_view list)
 {
     while (!list.empty()) {
-        std::string_view item = list.substr(0, list.find(','));
-        list.remove_prefix(std::min(item.size() + 1, list.size()));
-        item.remove_prefix(std::min(item.find_first_not_of(' '), item.size()));
-        item = item.substr(0, item.find_last_not_of(' ') + 1);
+        const std::string_view item = take_setting_item(list);
         if (!item.empty() && !is_trace_flag(item))
             operator_log(LOG_ERR, "ATTEST_TRACE: there is no flag \"%.*s\"",
                          static_cast<int>(std::min<std::size_t>(item.size(), 64)), item.data());

@@ -23,6 +23,7 @@
 #include "platform/linux/trace_file.h"
 #include "platform/linux/trace_flag_table.h"
 #include "platform/linux/trace_ring_format.h"
+#include "platform/setting_list.h"
 #include "platform/status.h"
 
 struct trace_buffer {
@@ -195,10 +196,7 @@ bool starts_on(std::string_view name)
     const char *setting = std::getenv("ATTEST_TRACE");
     std::string_view list = setting == nullptr || *setting == '\0' ? "all" : setting;
     while (!list.empty()) {
-        std::string_view item = list.substr(0, list.find(','));
-        list.remove_prefix(std::min(item.size() + 1, list.size()));
-        item = item.substr(std::min(item.find_first_not_of(' '), item.size()));
-        item = item.substr(0, item.find_last_not_of(' ') + 1);
+        const std::string_view item = take_setting_item(list);
         if (item == "all" || item == name)
             return true;
     }
