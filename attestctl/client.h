@@ -40,8 +40,8 @@ struct ask_result {
     std::string text;
 };
 
-// One question, one answer; the answer is only filled when `answered`. Logs have at most
-// settings.largest_answer, boot logs 16 MiB, all other answers 4 MiB.
+// One question, one answer; the answer is only filled when `answered`. IMA lists have at
+// most settings.largest_answer, boot logs 16 MiB, all other answers 4 MiB.
 ask_result ask(client &c, const api::get_certificate_request &request, api::get_certificate_response &answer);
 ask_result ask(client &c, const api::attest_pcr_request &request, api::attest_pcr_response &answer);
 ask_result ask(client &c, const api::get_platform_boot_integrity_event_logs_request &request,
